@@ -1,0 +1,94 @@
+// Property-list values as the host and its plug-ins exchange them.
+//
+// Integers and booleans are distinct kinds: an integer 0 is never false, in memory, in a
+// property-list file or in JSON. A default-constructed value is absent; a dictionary refuses
+// to hold an absent value.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace velnor {
+
+class PlistValue;
+using PlistArray = std::vector<PlistValue>;
+
+class PlistDictionary {
+public:
+    using Entries = std::map<std::string, PlistValue, std::less<>>;
+
+    PlistDictionary() = default;
+
+    // The value under key, or nullptr when the key is not there.
+    const PlistValue* find(std::string_view key) const;
+    bool contains(std::string_view key) const { return find(key) != nullptr; }
+
+    // Stores value under key, replacing an earlier one. Throws std::invalid_argument when the
+    // value is absent: a dictionary has no way to hold "nothing" under a key.
+    void set(std::string key, PlistValue value);
+    void remove(std::string_view key);
+
+    std::size_t size() const { return entries_.size(); }
+    bool empty() const { return entries_.empty(); }
+
+    // Entries in ascending byte order of their keys.
+    Entries::const_iterator begin() const { return entries_.begin(); }
+    Entries::const_iterator end() const { return entries_.end(); }
+
+    bool operator==(const PlistDictionary& other) const;
+
+private:
+    Entries entries_;
+};
+
+class PlistValue {
+public:
+    enum class Kind { Absent, String, Integer, Boolean, Array, Dictionary };
+
+    PlistValue() = default;
+    PlistValue(std::string text) : value_(std::move(text)) {}
+    PlistValue(const char* text) : value_(std::string(text)) {}
+    PlistValue(PlistArray array) : value_(std::move(array)) {}
+    PlistValue(PlistDictionary dictionary) : value_(std::move(dictionary)) {}
+
+    // Integers and booleans have named constructors so that a literal 0 can never turn into
+    // false, or true into 1, by overload resolution.
+    static PlistValue integer(std::int64_t number);
+    static PlistValue boolean(bool flag);
+
+    Kind kind() const { return static_cast<Kind>(value_.index()); }
+    bool isAbsent() const { return kind() == Kind::Absent; }
+
+    // Each accessor answers nullptr (or nullopt) when the value is of another kind.
+    const std::string* asString() const { return std::get_if<std::string>(&value_); }
+    std::optional<std::int64_t> asInteger() const;
+    std::optional<bool> asBoolean() const;
+    const PlistArray* asArray() const { return std::get_if<PlistArray>(&value_); }
+    const PlistDictionary* asDictionary() const { return std::get_if<PlistDictionary>(&value_); }
+
+    bool operator==(const PlistValue& other) const { return value_ == other.value_; }
+
+private:
+    struct Integer {
+        std::int64_t number;
+        bool operator==(const Integer&) const = default;
+    };
+    struct Boolean {
+        bool flag;
+        bool operator==(const Boolean&) const = default;
+    };
+
+    // The order of the alternatives follows Kind.
+    std::variant<std::monostate, std::string, Integer, Boolean, PlistArray, PlistDictionary> value_;
+};
+
+// The kind's name as messages show it: "string", "integer", "boolean", "array", "dictionary",
+// "absent".
+const char* kindName(PlistValue::Kind kind);
+
+}  // namespace velnor

@@ -1,0 +1,54 @@
+// What the plug-in needs of the file system.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "PlistValue.h"
+
+namespace velnor::platform {
+
+// Permissions, owner and group of a file or folder; owner and group are account names.
+struct FileAttributes {
+    mode_t permissions;
+    std::string owner;
+    std::string group;
+};
+
+// Success, or failure with one line of text from the file system that says why.
+struct FileSystemStatus {
+    bool succeeded = true;
+    std::string error;
+
+    static FileSystemStatus success() { return {}; }
+    static FileSystemStatus failure(std::string why) { return {false, std::move(why)}; }
+};
+
+/** True when an entry of any kind exists at path; a symbolic link counts as what it points to,
+ * so a dangling one counts as nothing. isDirectory, when given, is set only when the entry
+ * exists, and then tells whether it is a folder. */
+bool fileExists(const std::string& path, bool* isDirectory = nullptr);
+
+/** Creates the folder and every missing parent. attributes, when given, apply to the folder
+ * and to every parent created along with it, whatever the process's umask. Succeeds when a
+ * folder is already there. */
+FileSystemStatus createDirectory(const std::string& path,
+                                 const std::optional<FileAttributes>& attributes);
+
+/** Sets permissions, owner and group of path. */
+FileSystemStatus setAttributes(const std::string& path, const FileAttributes& attributes);
+
+/** Creates the file with contents and attributes, replacing a file already there. */
+bool createFile(const std::string& path, const std::string& contents,
+                const FileAttributes& attributes);
+
+/** The property-list file at path as a dictionary; nothing when it is missing, unreadable, not
+ * a property list, or has no dictionary at its top level. */
+std::optional<PlistDictionary> readPropertyListDictionary(const std::string& path);
+
+/** Writes the dictionary as an XML property list over path in place, not atomically. */
+bool writePropertyListDictionary(const std::string& path, const PlistDictionary& dictionary);
+
+}  // namespace velnor::platform

@@ -1,0 +1,24 @@
+// What the plug-in needs of the kernel: sysctl for process arguments, signals and sleeping.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+
+namespace velnor::platform {
+
+// sysctl names, with the values that the BSD kernel gives them.
+inline constexpr int kCtlKern = 1;
+inline constexpr int kKernArgmax = 8;
+inline constexpr int kKernProcargs2 = 49;
+
+/** @see sysctl(3): -1 with errno on failure. Supports {kCtlKern, kKernArgmax} and
+ * {kCtlKern, kKernProcargs2, pid}; anything else fails with ENOTSUP. */
+int sysctl(const int* name, unsigned int namelen, void* oldp, std::size_t* oldlenp,
+           const void* newp, std::size_t newlen);
+/** @see kill(2) */
+int kill(pid_t pid, int signal);
+/** @see usleep(3) */
+int usleep(useconds_t microseconds);
+
+}  // namespace velnor::platform

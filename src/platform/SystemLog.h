@@ -1,0 +1,11 @@
+// The system log, as the host process has opened it.
+#pragma once
+
+#include <string>
+
+namespace velnor::platform {
+
+/** @see syslog(3): writes message as it stands at priority; the plug-in never opens the log. */
+void syslog(int priority, const std::string& message);
+
+}  // namespace velnor::platform
