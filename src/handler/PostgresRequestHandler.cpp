@@ -4,9 +4,4 @@ namespace velnor::postgres {
 
 void PostgresRequestHandler::initialize() {}
 
-void PostgresRequestHandler::runHousekeeping() {
-    createSocketDir();
-    createLogDir();
-}
-
 }  // namespace velnor::postgres
