@@ -287,6 +287,9 @@ PGconn* pqConnectdb(const char* conninfo) {
     fake().calls.push_back(std::string("pqConnectdb ") + conninfo);
     ++fake().connectionsOpened;
     std::optional<int> answer = fake().serverAnswers;
+    if (fake().serverFollowsJob) {
+        answer = fake().jobRunning ? std::optional(150000) : std::nullopt;
+    }
     if (!fake().probeAnswers.empty()) {
         answer = fake().probeAnswers.front();
         fake().probeAnswers.pop_front();

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
+#include <syslog.h>
 
 #include <cstdint>
 #include <deque>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "LaunchDaemon.h"
+#include "PlistPrinting.h"
 #include "PlistValue.h"
 #include "ProcessTable.h"
 #include "platform/FileSystem.h"
@@ -83,6 +85,7 @@ class FakePlatform {
     // nullopt for a failed connection); when they run out, serverAnswers decides.
     std::deque<std::optional<int>> probeAnswers;
     std::optional<int> serverAnswers;  // nullopt: the server is silent
+    bool serverFollowsJob = false;     // answers exactly while launchd runs the job
     int connectionsOpened = 0;
     int connectionsFinished = 0;
 
