@@ -101,15 +101,5 @@ TEST_F(HostCallTest, BadUsageExitsSixtyFourWithTheUsage) {
     }
 }
 
-TEST_F(HostCallTest, HelpExplainsCommandsStatusesAndEnvironment) {
-    VelnorRun run = runVelnor({"--help"}, environment());
-    EXPECT_EQ(run.exitStatus, 0);
-    for (const char* topic : {"call OPERATION", "status", "start", "stop", "restart", "settings",
-                              "setup", "log-path", "idle", "--json", "--plugin", "64", "65", "69",
-                              "VELNOR_PLUGIN", "VELNOR_LOCK_FILE", "PGHOST"}) {
-        EXPECT_NE(run.out.find(topic), std::string::npos) << "--help says nothing of " << topic;
-    }
-}
-
 }  // namespace
 }  // namespace velnor::testing

@@ -43,19 +43,6 @@ TEST_F(HostVerbTest, SettingsReadWithoutArgumentsAndWriteStringsWithThem) {
               "}\n");
 }
 
-TEST_F(HostVerbTest, SetupAsksForAFreshFolderOrAnUpgrade) {
-    EXPECT_EQ(velnor({"setup", "--data-location", "/srv/pgsql"}).out,
-              "initializeCount: 1\n"
-              "operation: initialSetupWithRequest\n"
-              "request:\n"
-              "  dataLocation: /srv/pgsql\n");
-    VelnorRun upgrade = velnor({"--json", "setup", "--upgrade"});
-    EXPECT_NE(upgrade.out.find("\"upgrade\": true"), std::string::npos) << upgrade.out;
-    VelnorRun both = velnor({"setup", "--upgrade", "--data-location", "/srv/pgsql"});
-    EXPECT_EQ(both.exitStatus, 64);
-    EXPECT_EQ(both.out, "");
-}
-
 TEST_F(HostVerbTest, ServiceVerbsPassNoVariant) {
     for (auto [verb, operation] : {std::pair{"start", "startServiceWithVariant"},
                                    std::pair{"stop", "stopServiceWithVariant"},
@@ -66,15 +53,6 @@ TEST_F(HostVerbTest, ServiceVerbsPassNoVariant) {
         EXPECT_NE(run.err.find(std::string(operation) + " variant=(absent)"), std::string::npos)
             << verb << " did not run " << operation << " without a variant: " << run.err;
     }
-}
-
-TEST_F(HostVerbTest, LogPathAndIdle) {
-    EXPECT_NE(velnor({"log-path"}).out.find("operation: getLogPathsWithRequest\n"),
-              std::string::npos);
-    VelnorRun idle = velnor({"idle"});
-    EXPECT_EQ(idle.exitStatus, 0) << idle.err;
-    EXPECT_EQ(idle.out, "0\n");
-    EXPECT_EQ(velnor({"--json", "idle"}).out, "0\n");
 }
 
 }  // namespace

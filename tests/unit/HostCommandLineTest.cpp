@@ -100,11 +100,6 @@ TEST(HostCommandLine, SetupAsksForOneKindOfSetup) {
         << "upgrade must be the boolean true, not an integer or a string";
 }
 
-TEST(HostCommandLine, HelpWinsOverEverythingBeforeTheVerb) {
-    EXPECT_TRUE(parseValid({"--help"}).help);
-    EXPECT_TRUE(parseValid({"--json", "-h", "bogus"}).help);
-}
-
 TEST(HostCommandLine, RefusesWhatTheUsageDoesNotAllow) {
     const std::vector<std::vector<std::string_view>> refused = {
         {},

@@ -127,8 +127,6 @@ std::intptr_t idle(PluginRequestHandler&, std::int32_t count) {
 constexpr char kGetState[] = "getStateWithRequest";
 constexpr char kReadSettings[] = "readSettingsWithRequest";
 constexpr char kWriteSettings[] = "writeSettingsWithRequest";
-constexpr char kInitialSetup[] = "initialSetupWithRequest";
-constexpr char kLogPaths[] = "getLogPathsWithRequest";
 constexpr char kEcho[] = "echoWithRequest";
 constexpr char kStart[] = "startServiceWithVariant";
 constexpr char kStop[] = "stopServiceWithVariant";
@@ -148,8 +146,6 @@ const HostOperation kOperations[] = {
     request(kGetState, &echo<kGetState>),
     request(kReadSettings, &echo<kReadSettings>),
     request(kWriteSettings, &echo<kWriteSettings>),
-    request(kInitialSetup, &echo<kInitialSetup>),
-    request(kLogPaths, &echo<kLogPaths>),
     request(kEcho, &echo<kEcho>),
     request("typesWithRequest", &types),
     request("errorWithRequest", &error),
