@@ -1,8 +1,11 @@
 #include "PlistNode.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
+
+#include "WholeFile.h"
 
 namespace velnor {
 namespace {
@@ -199,6 +202,23 @@ PlistNode parsePlistNode(std::string_view bytes, std::string* error) {
     }
     plist_from_xml(bytes.data(), length, &root);
     return root != nullptr ? PlistNode(root) : refuse("not a valid XML property list");
+}
+
+PlistNode readPlistNodeFile(const std::string& path, std::string* error, bool* missing) {
+    std::string bytes;
+    const bool read = readWholeFile(path, bytes, error);
+    if (missing != nullptr) {
+        *missing = !read && errno == ENOENT;
+    }
+    if (!read) {
+        return nullptr;
+    }
+    std::string why;
+    PlistNode node = parsePlistNode(bytes, &why);
+    if (!node && error != nullptr) {
+        *error = path + ": " + why;
+    }
+    return node;
 }
 
 std::string xmlOfPlistNode(plist_t node) {

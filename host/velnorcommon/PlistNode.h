@@ -28,6 +28,12 @@ using PlistNode = std::unique_ptr<void, PlistNodeFree>;
 // error, when given, then says why in one line.
 PlistNode parsePlistNode(std::string_view bytes, std::string* error = nullptr);
 
+// The tree that the file at path holds; empty when it cannot be read or is not a property list,
+// and error, when given, then says why in one line that names the file. missing, when given,
+// tells whether the reason was that there is no file at all.
+PlistNode readPlistNodeFile(const std::string& path, std::string* error = nullptr,
+                            bool* missing = nullptr);
+
 // The tree as an XML property list.
 std::string xmlOfPlistNode(plist_t node);
 

@@ -39,12 +39,12 @@ std::optional<PlistValue> parsePropertyList(std::string_view bytes, std::string*
 }
 
 std::optional<PlistValue> readPropertyListFile(const std::string& path, std::string* error) {
-    std::string bytes;
-    if (!readWholeFile(path, bytes, error)) {
+    PlistNode node = readPlistNodeFile(path, error);
+    if (!node) {
         return std::nullopt;
     }
     std::string why;
-    auto value = parsePropertyList(bytes, &why);
+    auto value = plistValueOfNode(node.get(), &why);
     if (!value) {
         setError(error, path + ": " + why);
     }
