@@ -82,7 +82,10 @@ const HostOperation* findOperation(const PluginDescriptor& descriptor, std::stri
 std::unique_ptr<PluginModule> PluginModule::open(const std::string& path, std::string* error) {
     // RTLD_NOW: an unresolved symbol is a load failure here, not a crash in mid-operation.
     // RTLD_LOCAL: the plug-in's own symbols stay its own.
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    // A name without a slash would send the loader searching the library path; the user
+    // means the file in the current folder.
+    std::string file = path.find('/') == std::string::npos ? "./" + path : path;
+    void* handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
         *error = "cannot load plug-in " + path + ": " + lastLoaderError();
         return nullptr;

@@ -29,9 +29,10 @@ const HostOperation* findOperation(const PluginDescriptor& descriptor, std::stri
 // outlive every handler and value that came from it.
 class PluginModule {
   public:
-    // Opens the module (every symbol bound now, none shared with later modules) and checks
-    // its descriptor. Nothing when the file cannot be loaded, lacks VelnorPluginDescriptor or
-    // answers an unusable descriptor; error then says why.
+    // Opens the module (every symbol bound now, none shared with later modules; a path
+    // without a slash is a file in the current folder) and checks its descriptor. Nothing
+    // when the file cannot be loaded, lacks VelnorPluginDescriptor or answers an unusable
+    // descriptor; error then says why.
     static std::unique_ptr<PluginModule> open(const std::string& path, std::string* error);
 
     ~PluginModule();
