@@ -46,6 +46,8 @@ const HostOperation kHostOperations[] = {
 
 }  // namespace
 
-std::span<const HostOperation> hostOperations() { return kHostOperations; }
+std::span<const HostOperation> hostOperations() {
+    return kHostOperations;
+}
 
 }  // namespace velnor::postgres

@@ -2,11 +2,10 @@
 
 namespace velnor::postgres {
 
-void PostgresRequestHandler::initialize() {}
+// Everything the handler knows it reads afresh on each call; it adds nothing to its base.
+static_assert(sizeof(PostgresRequestHandler) == sizeof(PluginRequestHandler),
+              "the handler keeps no state of its own");
 
-void PostgresRequestHandler::runHousekeeping() {
-    createSocketDir();
-    createLogDir();
-}
+void PostgresRequestHandler::initialize() {}
 
 }  // namespace velnor::postgres

@@ -14,7 +14,7 @@
 namespace velnor::postgres {
 
 class PostgresRequestHandler final : public PluginRequestHandler {
-public:
+  public:
     // Run once before the class is first used; there is nothing to prepare.
     static void initialize();
 
@@ -52,10 +52,6 @@ public:
     void createLogDir();
     // Makes sure the socket folder exists.
     void createSocketDir();
-
-private:
-    // The housekeeping pair, always in this order.
-    void runHousekeeping();
 };
 
 }  // namespace velnor::postgres

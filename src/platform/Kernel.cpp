@@ -1,12 +1,16 @@
+#include "platform/Kernel.h"
+
 #include <signal.h>
 #include <unistd.h>
 
-#include "platform/Kernel.h"
-
 namespace velnor::platform {
 
-int kill(pid_t pid, int signal) { return ::kill(pid, signal); }
+int kill(pid_t pid, int signal) {
+    return ::kill(pid, signal);
+}
 
-int usleep(useconds_t microseconds) { return ::usleep(microseconds); }
+int usleep(useconds_t microseconds) {
+    return ::usleep(microseconds);
+}
 
 }  // namespace velnor::platform

@@ -2,12 +2,20 @@
 
 namespace velnor::platform {
 
-PGconn* pqConnectdb(const char* conninfo) { return PQconnectdb(conninfo); }
+PGconn* pqConnectdb(const char* conninfo) {
+    return PQconnectdb(conninfo);
+}
 
-ConnStatusType pqStatus(const PGconn* connection) { return PQstatus(connection); }
+ConnStatusType pqStatus(const PGconn* connection) {
+    return PQstatus(connection);
+}
 
-int pqServerVersion(const PGconn* connection) { return PQserverVersion(connection); }
+int pqServerVersion(const PGconn* connection) {
+    return PQserverVersion(connection);
+}
 
-void pqFinish(PGconn* connection) { PQfinish(connection); }
+void pqFinish(PGconn* connection) {
+    PQfinish(connection);
+}
 
 }  // namespace velnor::platform

@@ -4,6 +4,8 @@
 
 namespace velnor::platform {
 
-void syslog(int priority, const std::string& message) { ::syslog(priority, "%s", message.c_str()); }
+void syslog(int priority, const std::string& message) {
+    ::syslog(priority, "%s", message.c_str());
+}
 
 }  // namespace velnor::platform

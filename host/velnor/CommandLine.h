@@ -1,0 +1,65 @@
+// The host's command line, parsed into a Command value without touching the plug-in or the
+// system, so that every way of asking for an operation can be checked on its own.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "PlistValue.h"
+#include "PluginInterface.h"
+
+namespace velnor::host {
+
+// The argument of `call` as typed: its meaning depends on the style of the operation, which is
+// known only once the plug-in is loaded. Absent when nothing followed the operation's name.
+struct RawArgument {
+    std::optional<std::string> text;
+};
+
+// What the operation is called with. The friendly verbs know their operation's style and
+// prepare the argument themselves; `call` leaves it raw.
+using OperationArgument = std::variant<RawArgument, PlistDictionary /* request */,
+                                       PlistValue /* variant */, std::int32_t /* idle count */>;
+
+struct Command {
+    bool help = false;
+    std::optional<std::string> pluginPath;
+    bool json = false;
+    // Friendly verbs print the response in the short human form; `call` as a property list.
+    bool human = false;
+    std::string operation;
+    OperationArgument argument;
+};
+
+// Either a command or why the command line is not one.
+struct ParsedCommandLine {
+    std::optional<Command> command;
+    std::string error;
+};
+
+// Parses the arguments that follow the program's name. `--help` anywhere before the verb
+// answers a help command; anything the usage does not allow answers an error naming the
+// offending argument.
+ParsedCommandLine parseCommandLine(std::span<const std::string_view> arguments);
+
+// The count of `call doIdleAtCount COUNT`: a decimal signed 32-bit integer, sign allowed,
+// nothing else around it. Nothing when the text is not one.
+std::optional<std::int32_t> parseIdleCount(std::string_view text);
+
+// The argument of `call` for an operation of the given style, when it can be had without
+// reading a file: the variant (a string, or absent) for a Service operation and the count
+// (0 when absent) for an Idle one. Nothing for a Request operation, and for an Idle operation
+// whose count is not an int32 (error then says why).
+std::optional<OperationArgument> interpretRawArgument(OperationStyle style, const RawArgument& raw,
+                                                      std::string* error);
+
+// The usage lines printed with a usage error.
+std::string_view usageText();
+// The full --help text: every command, the exit statuses and the environment.
+std::string_view helpText();
+
+}  // namespace velnor::host

@@ -1,0 +1,267 @@
+#include "Output.h"
+
+#include <cstdio>
+#include <optional>
+#include <string_view>
+
+#include "PropertyListFile.h"
+
+namespace velnor::host {
+namespace {
+
+constexpr int kIndentStep = 2;
+constexpr std::string_view kReplacementCharacter = "\\ufffd";
+
+// The length of the well-formed UTF-8 sequence at the start of text, or 0 when it does not
+// start with one (a stray continuation byte, a truncated or overlong sequence, a surrogate,
+// or a code point above U+10FFFF).
+std::size_t utf8SequenceLength(std::string_view text) {
+    auto byte = [&](std::size_t index) { return static_cast<unsigned char>(text[index]); };
+    auto isContinuation = [&](std::size_t index) {
+        return index < text.size() && (byte(index) & 0xC0) == 0x80;
+    };
+    unsigned char lead = byte(0);
+    std::size_t length = 0;
+    unsigned char lowest = 0x80;   // bounds of the second byte, to refuse overlong forms,
+    unsigned char highest = 0xBF;  // surrogates and code points beyond U+10FFFF
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        lowest = lead == 0xE0 ? 0xA0 : 0x80;
+        highest = lead == 0xED ? 0x9F : 0xBF;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        lowest = lead == 0xF0 ? 0x90 : 0x80;
+        highest = lead == 0xF4 ? 0x8F : 0xBF;
+    } else {
+        return 0;
+    }
+    if (!isContinuation(1) || byte(1) < lowest || byte(1) > highest) {
+        return 0;
+    }
+    for (std::size_t index = 2; index < length; ++index) {
+        if (!isContinuation(index)) {
+            return 0;
+        }
+    }
+    return length;
+}
+
+void appendEscapedAscii(std::string& out, char character) {
+    switch (character) {
+        case '"':
+            out += "\\\"";
+            return;
+        case '\\':
+            out += "\\\\";
+            return;
+        case '\b':
+            out += "\\b";
+            return;
+        case '\f':
+            out += "\\f";
+            return;
+        case '\n':
+            out += "\\n";
+            return;
+        case '\r':
+            out += "\\r";
+            return;
+        case '\t':
+            out += "\\t";
+            return;
+        default:
+            break;
+    }
+    if (static_cast<unsigned char>(character) < 0x20) {
+        char escape[7];
+        std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(character));
+        out += escape;
+    } else {
+        out += character;
+    }
+}
+
+void appendJsonString(std::string& out, std::string_view text) {
+    out += '"';
+    while (!text.empty()) {
+        if (static_cast<unsigned char>(text.front()) < 0x80) {
+            appendEscapedAscii(out, text.front());
+            text.remove_prefix(1);
+            continue;
+        }
+        std::size_t length = utf8SequenceLength(text);
+        if (length == 0) {
+            out += kReplacementCharacter;
+            text.remove_prefix(1);
+        } else {
+            out += text.substr(0, length);
+            text.remove_prefix(length);
+        }
+    }
+    out += '"';
+}
+
+void appendNewLine(std::string& out, int indent) {
+    out += '\n';
+    out.append(static_cast<std::size_t>(indent), ' ');
+}
+
+void appendJson(std::string& out, const PlistValue& value, int indent);
+
+void appendJsonArray(std::string& out, const PlistArray& array, int indent) {
+    if (array.empty()) {
+        out += "[]";
+        return;
+    }
+    out += '[';
+    const char* separator = "";
+    for (const PlistValue& element : array) {
+        out += separator;
+        appendNewLine(out, indent + kIndentStep);
+        appendJson(out, element, indent + kIndentStep);
+        separator = ",";
+    }
+    appendNewLine(out, indent);
+    out += ']';
+}
+
+void appendJsonObject(std::string& out, const PlistDictionary& dictionary, int indent) {
+    if (dictionary.empty()) {
+        out += "{}";
+        return;
+    }
+    out += '{';
+    const char* separator = "";
+    for (const auto& [key, value] : dictionary) {
+        out += separator;
+        appendNewLine(out, indent + kIndentStep);
+        appendJsonString(out, key);
+        out += ": ";
+        appendJson(out, value, indent + kIndentStep);
+        separator = ",";
+    }
+    appendNewLine(out, indent);
+    out += '}';
+}
+
+void appendJson(std::string& out, const PlistValue& value, int indent) {
+    switch (value.kind()) {
+        case PlistValue::Kind::Absent:
+            out += "null";
+            return;
+        case PlistValue::Kind::String:
+            appendJsonString(out, *value.asString());
+            return;
+        case PlistValue::Kind::Integer:
+            out += std::to_string(*value.asInteger());
+            return;
+        case PlistValue::Kind::Boolean:
+            out += *value.asBoolean() ? "true" : "false";
+            return;
+        case PlistValue::Kind::Array:
+            appendJsonArray(out, *value.asArray(), indent);
+            return;
+        case PlistValue::Kind::Dictionary:
+            appendJsonObject(out, *value.asDictionary(), indent);
+            return;
+    }
+}
+
+// A value that fits on the line of its key, or nothing for one that needs lines of its own.
+std::optional<std::string> humanScalar(const PlistValue& value) {
+    switch (value.kind()) {
+        case PlistValue::Kind::String:
+            return *value.asString();
+        case PlistValue::Kind::Integer:
+            return std::to_string(*value.asInteger());
+        case PlistValue::Kind::Boolean:
+            return std::string(*value.asBoolean() ? "true" : "false");
+        case PlistValue::Kind::Array:
+            if (value.asArray()->empty()) {
+                return std::string("[]");
+            }
+            return std::nullopt;
+        case PlistValue::Kind::Dictionary:
+            if (value.asDictionary()->empty()) {
+                return std::string("{}");
+            }
+            return std::nullopt;
+        case PlistValue::Kind::Absent:
+            break;
+    }
+    return std::string();
+}
+
+void appendHumanValue(std::string& out, const PlistValue& value, int indent);
+
+// One line "LABEL VALUE" for a value that fits on it, else "LABEL" followed by the value's own
+// lines indented one step further.
+void appendHumanLabelled(std::string& out, std::string_view label, const PlistValue& value,
+                         int indent) {
+    out.append(static_cast<std::size_t>(indent), ' ');
+    out += label;
+    if (std::optional<std::string> scalar = humanScalar(value)) {
+        out += ' ';
+        out += *scalar;
+        out += '\n';
+        return;
+    }
+    out += '\n';
+    appendHumanValue(out, value, indent + kIndentStep);
+}
+
+void appendHumanValue(std::string& out, const PlistValue& value, int indent) {
+    if (value.isAbsent()) {
+        return;
+    }
+    if (const PlistDictionary* dictionary = value.asDictionary()) {
+        for (const auto& [key, entry] : *dictionary) {
+            appendHumanLabelled(out, key + ":", entry, indent);
+        }
+    } else if (const PlistArray* array = value.asArray()) {
+        for (const PlistValue& element : *array) {
+            appendHumanLabelled(out, "-", element, indent);
+        }
+    } else {
+        out.append(static_cast<std::size_t>(indent), ' ');
+        out += *humanScalar(value);
+        out += '\n';
+    }
+}
+
+}  // namespace
+
+std::string toJson(const PlistValue& value) {
+    std::string out;
+    appendJson(out, value, 0);
+    return out;
+}
+
+std::string toHumanForm(const PlistValue& value) {
+    std::string out;
+    appendHumanValue(out, value, 0);
+    return out;
+}
+
+std::string formatResponse(const PlistValue& value, OutputForm form) {
+    switch (form) {
+        case OutputForm::Json:
+            return toJson(value) + "\n";
+        case OutputForm::Human:
+            return toHumanForm(value);
+        case OutputForm::PropertyList:
+            break;
+    }
+    if (value.isAbsent()) {
+        return {};
+    }
+    std::string xml = toXmlPropertyList(value);
+    if (!xml.empty() && xml.back() != '\n') {
+        xml += '\n';
+    }
+    return xml;
+}
+
+}  // namespace velnor::host

@@ -1,0 +1,52 @@
+// Finding, opening and checking the plug-in module.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "PluginInterface.h"
+
+namespace velnor::host {
+
+// The module to load: the --plugin option, else the VELNOR_PLUGIN environment value (when set
+// and not empty), else the installed module when exists says it is there, else the module of
+// the build tree.
+std::string choosePluginPath(const std::optional<std::string>& option, const char* environment,
+                             const std::string& installed, const std::string& buildTree,
+                             const std::function<bool(const std::string&)>& exists);
+
+// Why the host cannot use the descriptor, or nothing when it can: another interface version,
+// a missing hook, or an operation without a name or without the function its style calls.
+std::optional<std::string> descriptorProblem(const PluginDescriptor& descriptor);
+
+// The descriptor's operation with this exact name, or nullptr.
+const HostOperation* findOperation(const PluginDescriptor& descriptor, std::string_view name);
+
+// An opened plug-in module with a usable descriptor; closing it unloads the module, so it must
+// outlive every handler and value that came from it.
+class PluginModule {
+  public:
+    // Opens the module (every symbol bound now, none shared with later modules; a path
+    // without a slash is a file in the current folder) and checks its descriptor. Nothing
+    // when the file cannot be loaded, lacks VelnorPluginDescriptor or answers an unusable
+    // descriptor; error then says why.
+    static std::unique_ptr<PluginModule> open(const std::string& path, std::string* error);
+
+    ~PluginModule();
+    PluginModule(const PluginModule&) = delete;
+    PluginModule& operator=(const PluginModule&) = delete;
+
+    const PluginDescriptor& descriptor() const { return *descriptor_; }
+
+  private:
+    PluginModule(void* handle, const PluginDescriptor* descriptor)
+        : handle_(handle), descriptor_(descriptor) {}
+
+    void* handle_;
+    const PluginDescriptor* descriptor_;
+};
+
+}  // namespace velnor::host

@@ -1,0 +1,56 @@
+// libplist node trees at the file boundary: parsing bytes into a tree, writing a tree as XML,
+// and converting between trees and PlistValue.
+//
+// Code that must keep every value of a file exactly (kinds that PlistValue cannot hold
+// included) edits the tree itself; everything else converts it to a PlistValue.
+#pragma once
+
+#include <plist/plist.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "PlistValue.h"
+
+namespace velnor {
+
+struct PlistNodeFree {
+    void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
+};
+
+// The owner of a whole libplist tree (a node that has no parent).
+using PlistNode = std::unique_ptr<void, PlistNodeFree>;
+
+// The tree that the bytes hold, XML or binary; empty when they are not a property list, and
+// error, when given, then says why in one line.
+PlistNode parsePlistNode(std::string_view bytes, std::string* error = nullptr);
+
+// The tree that the file at path holds; empty when it cannot be read or is not a property list,
+// and error, when given, then says why in one line that names the file. missing, when given,
+// tells whether the reason was that there is no file at all.
+PlistNode readPlistNodeFile(const std::string& path, std::string* error = nullptr,
+                            bool* missing = nullptr);
+
+// The tree as an XML property list.
+std::string xmlOfPlistNode(plist_t node);
+
+// The tree as a PlistValue. Empty when it holds a value that PlistValue cannot hold (a real, a
+// date, data, a uid, or an integer above the largest signed 64-bit one); error then names the
+// kind and where it is, as in: unsupported value of kind real under "Outer" / 2.
+std::optional<PlistValue> plistValueOfNode(plist_t node, std::string* error = nullptr);
+
+// A new tree that holds value; empty when value is absent or holds an absent value, which no
+// property list can express.
+PlistNode plistNodeOfValue(const PlistValue& value);
+
+// The strings of an array node; empty when node is not an array or holds anything other than
+// strings.
+std::optional<std::vector<std::string>> stringsOfArrayNode(plist_t node);
+
+// The text of a string node; empty when node is not a string.
+std::optional<std::string> textOfStringNode(plist_t node);
+
+}  // namespace velnor

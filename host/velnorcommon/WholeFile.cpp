@@ -1,0 +1,215 @@
+#include "WholeFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "UniqueFd.h"
+
+namespace velnor {
+namespace {
+
+// Fills error with what failed and the system's reason for code, and leaves errno at code so
+// that the caller can still examine it.
+bool fail(std::string* error, const std::string& what, int code) {
+    if (error != nullptr) {
+        *error = what + ": " + std::strerror(code);
+    }
+    errno = code;
+    return false;
+}
+
+bool writeAll(int fd, std::string_view contents) {
+    while (!contents.empty()) {
+        ssize_t written = ::write(fd, contents.data(), contents.size());
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        contents.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+// The file that a write to path really replaces: the target of a symbolic link, so that the
+// link stays a link. A path that does not resolve (nothing there yet) is its own target.
+std::string replacementTarget(const std::string& path) {
+    std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
+                                                         &std::free);
+    return resolved ? std::string(resolved.get()) : path;
+}
+
+std::string folderOf(const std::string& path) {
+    auto slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string nameOf(const std::string& path) {
+    auto slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// A temporary file that is removed again unless it has been renamed into place.
+class TemporaryFile {
+  public:
+    explicit TemporaryFile(const std::string& target)
+        : path_(folderOf(target) + "/." + nameOf(target) + ".XXXXXX") {
+        fd_.reset(::mkostemp(path_.data(), O_CLOEXEC));
+        created_ = fd_.valid();
+    }
+    ~TemporaryFile() {
+        // Without a descriptor from mkostemp the name may be someone else's file.
+        if (created_ && !renamed_) {
+            ::unlink(path_.c_str());
+        }
+    }
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+    bool created() const { return created_; }
+    int fd() const { return fd_.get(); }
+    const std::string& path() const { return path_; }
+    int close() { return fd_.close(); }
+    void markRenamed() { renamed_ = true; }
+
+  private:
+    std::string path_;
+    UniqueFd fd_;
+    bool created_ = false;
+    bool renamed_ = false;
+};
+
+// Gives the temporary file the owner and mode of the file it replaces. The owner comes first:
+// changing it clears the set-user-id and set-group-id bits, which the mode then restores.
+bool takeOverAttributes(const TemporaryFile& file, const struct stat* old, mode_t newFileMode) {
+    if (old != nullptr && (old->st_uid != ::geteuid() || old->st_gid != ::getegid()) &&
+        ::fchown(file.fd(), old->st_uid, old->st_gid) != 0) {
+        return false;
+    }
+    mode_t mode = old != nullptr ? (old->st_mode & 07777) : newFileMode;
+    return ::fchmod(file.fd(), mode) == 0;
+}
+
+// Makes the rename itself durable. A failure here changes nothing that a reader could see, so
+// it is not reported.
+void flushFolder(const std::string& folder) {
+    UniqueFd fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.valid()) {
+        ::fsync(fd.get());
+    }
+}
+
+}  // namespace
+
+bool readWholeFile(const std::string& path, std::string& contents, std::string* error) {
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) {
+        return fail(error, "cannot open " + path, errno);
+    }
+    struct stat status {};
+    if (::fstat(fd.get(), &status) != 0) {
+        return fail(error, "cannot examine " + path, errno);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return fail(error, "cannot read " + path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+    }
+    std::string read;
+    char buffer[65536];
+    for (;;) {
+        ssize_t got = ::read(fd.get(), buffer, sizeof buffer);
+        if (got < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return fail(error, "cannot read " + path, errno);
+        }
+        if (got == 0) {
+            break;
+        }
+        read.append(buffer, static_cast<std::size_t>(got));
+    }
+    contents = std::move(read);
+    return true;
+}
+
+bool writeWholeFileInPlace(const std::string& path, std::string_view contents, mode_t newFileMode,
+                           std::string* error) {
+    UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, newFileMode));
+    if (!fd.valid()) {
+        return fail(error, "cannot open " + path + " for writing", errno);
+    }
+    if (!writeAll(fd.get(), contents) || fd.close() != 0) {
+        return fail(error, "cannot write " + path, errno);
+    }
+    return true;
+}
+
+bool replaceWholeFileAtomically(const std::string& path, std::string_view contents,
+                                mode_t newFileMode, std::string* error) {
+    const std::string target = replacementTarget(path);
+    struct stat old {};
+    const bool replacing = ::stat(target.c_str(), &old) == 0;
+    if (!replacing && errno != ENOENT) {
+        return fail(error, "cannot examine " + target, errno);
+    }
+    if (replacing && !S_ISREG(old.st_mode)) {
+        return fail(error, "cannot replace " + target, S_ISDIR(old.st_mode) ? EISDIR : EINVAL);
+    }
+
+    TemporaryFile temporary(target);
+    if (!temporary.created()) {
+        return fail(error, "cannot create a temporary file beside " + target, errno);
+    }
+    if (!writeAll(temporary.fd(), contents)) {
+        return fail(error, "cannot write " + temporary.path(), errno);
+    }
+    if (!takeOverAttributes(temporary, replacing ? &old : nullptr, newFileMode)) {
+        return fail(error, "cannot give " + temporary.path() + " the owner and mode of " + target,
+                    errno);
+    }
+    if (::fsync(temporary.fd()) != 0 || temporary.close() != 0) {
+        return fail(error, "cannot flush " + temporary.path(), errno);
+    }
+    if (::rename(temporary.path().c_str(), target.c_str()) != 0) {
+        return fail(error, "cannot rename " + temporary.path() + " over " + target, errno);
+    }
+    temporary.markRenamed();
+    flushFolder(folderOf(target));
+    return true;
+}
+
+bool createFolders(const std::string& path, mode_t mode, std::string* error) {
+    if (path.empty()) {
+        return fail(error, "cannot create a folder with no name", ENOENT);
+    }
+    // Each prefix that ends just before a '/' is a parent; the whole path comes last.
+    for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+        const std::string prefix = path.substr(0, end);
+        if (::mkdir(prefix.c_str(), mode) != 0 && errno != EEXIST) {
+            return fail(error, "cannot create the folder " + prefix, errno);
+        }
+        if (end == std::string::npos) {
+            break;
+        }
+    }
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+        return fail(error, "cannot examine " + path, errno);
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        return fail(error, "cannot create the folder " + path, ENOTDIR);
+    }
+    return true;
+}
+
+}  // namespace velnor

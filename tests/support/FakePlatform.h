@@ -1,0 +1,122 @@
+// A fake of everything the plug-in asks of the host support library and the operating system.
+//
+// The unit-test binary links these definitions in place of the real ones in src/platform, so
+// the plug-in's code runs unchanged while each answer is scripted and each call recorded.
+// Tests reach the one fake through fake(); the PlatformTest fixture resets it before each test.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+#include <syslog.h>
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "LaunchDaemon.h"
+#include "PlistPrinting.h"
+#include "PlistValue.h"
+#include "ProcessTable.h"
+#include "platform/FileSystem.h"
+
+namespace velnor::testing {
+
+struct LogEntry {
+    int priority;
+    std::string message;
+    bool operator==(const LogEntry&) const = default;
+};
+
+// One entry of the fake file system. A link counts as what it points to.
+struct FakeEntry {
+    enum class Kind { File, Folder, Link };
+    Kind kind = Kind::File;
+    std::optional<platform::FileAttributes> attributes;
+    std::string contents;
+    std::optional<PlistDictionary> propertyList;  // a file that parses as a dictionary
+    std::string linkTarget;
+};
+
+struct FakeProcess {
+    std::int32_t pid;
+    uid_t uid;
+    // The bytes that the process-arguments query delivers; nullopt makes the query fail.
+    std::optional<std::string> argumentBytes;
+};
+
+class FakePlatform {
+  public:
+    void reset() { *this = FakePlatform(); }
+
+    // Every call, in order, as "name argument...", for tests about the order of effects.
+    std::vector<std::string> calls;
+    std::vector<LogEntry> log;
+
+    // launchd.
+    bool jobRunning = false;
+    bool launchdAccepts = true;
+    std::vector<int> requestedStates;
+
+    // The job's launch arguments as the host library reads them, and every vector it stored.
+    std::optional<LaunchArguments> jobArguments;
+    std::vector<LaunchArguments> storedArguments;
+
+    // File system, by path.
+    std::map<std::string, FakeEntry> entries;
+    std::map<std::string, std::string> createDirectoryFailures;  // path -> error text
+    std::map<std::string, std::string> setAttributesFailures;    // path -> error text
+    std::set<std::string> createFileFailures;
+    std::set<std::string> propertyListWriteFailures;
+
+    // Process table; nullopt makes the table unreadable.
+    std::optional<std::vector<FakeProcess>> processes = std::vector<FakeProcess>{};
+    std::int32_t argumentMaximum = 4096;
+    bool argumentMaximumFails = false;
+    std::vector<std::pair<pid_t, int>> signalsSent;
+
+    std::vector<useconds_t> sleeps;
+
+    // Liveness probe: each connection attempt takes the next answer (a server version, or
+    // nullopt for a failed connection); when they run out, serverAnswers decides.
+    std::deque<std::optional<int>> probeAnswers;
+    std::optional<int> serverAnswers;  // nullopt: the server is silent
+    bool serverFollowsJob = false;     // answers exactly while launchd runs the job
+    int connectionsOpened = 0;
+    int connectionsFinished = 0;
+
+    // Helpers for setting the stage.
+    void addFolder(const std::string& path);
+    void addFile(const std::string& path);
+    void addLink(const std::string& path, const std::string& target);
+    bool exists(const std::string& path) const;
+    const FakeEntry* entry(const std::string& path) const;
+
+    // Calls whose recorded text begins with prefix.
+    std::vector<std::string> callsStartingWith(const std::string& prefix) const;
+    std::vector<std::string> logMessages() const;
+
+    // Support for the process table: the records handed out by the last call.
+    std::vector<kinfo_proc> table;
+};
+
+FakePlatform& fake();
+
+// The bytes that a process-arguments query delivers for an argument list and environment:
+// count, executable path, padding, arguments, environment, each piece ending in a zero byte.
+std::string processArgumentBytes(std::uint32_t count, const std::string& executable,
+                                 const std::vector<std::string>& arguments,
+                                 const std::vector<std::string>& environment = {});
+
+// Resets the fake before each test.
+class PlatformTest : public ::testing::Test {
+  protected:
+    void SetUp() override { fake().reset(); }
+    FakePlatform& platform() { return fake(); }
+};
+
+}  // namespace velnor::testing

@@ -1,0 +1,117 @@
+// What the host prints for a response: JSON and the human form.
+#include <gtest/gtest.h>
+
+#include "Output.h"
+
+namespace velnor::host {
+namespace {
+
+PlistValue stateReport() {
+    PlistDictionary configuration;
+    configuration.set("dataDir", "/var/pgsql");
+    configuration.set("port", "5432");
+    PlistDictionary response;
+    response.set("state", "RUNNING");
+    response.set("readStatus", PlistValue::integer(0));
+    response.set("dataDirExists", PlistValue::boolean(false));
+    response.set("configuration", configuration);
+    return PlistValue(response);
+}
+
+TEST(HostJson, KeepsIntegersAndBooleansApartInDictionaryOrder) {
+    EXPECT_EQ(toJson(stateReport()),
+              "{\n"
+              "  \"configuration\": {\n"
+              "    \"dataDir\": \"/var/pgsql\",\n"
+              "    \"port\": \"5432\"\n"
+              "  },\n"
+              "  \"dataDirExists\": false,\n"
+              "  \"readStatus\": 0,\n"
+              "  \"state\": \"RUNNING\"\n"
+              "}");
+}
+
+TEST(HostJson, WritesEveryKind) {
+    PlistArray array{PlistValue::integer(-9223372036854775807LL - 1), PlistValue::boolean(true),
+                     PlistValue(PlistArray{}), PlistValue(PlistDictionary{}), "x"};
+    EXPECT_EQ(toJson(PlistValue(array)),
+              "[\n  -9223372036854775808,\n  true,\n  [],\n  {},\n  \"x\"\n]");
+    EXPECT_EQ(toJson(PlistValue()), "null");
+    EXPECT_EQ(toJson(PlistValue::integer(0)), "0");
+}
+
+TEST(HostJson, EscapesStringsAndKeysButKeepsUtf8) {
+    EXPECT_EQ(toJson("quote\" back\\ slash/"), R"("quote\" back\\ slash/")");
+    EXPECT_EQ(toJson(std::string("\b\f\n\r\t\x01\x1f\x7f", 8)), R"("\b\f\n\r\t\u0001\u001f)"
+                                                                "\x7f\"");
+    EXPECT_EQ(toJson(std::string("nul\0byte", 8)), R"("nul\u0000byte")");
+    EXPECT_EQ(toJson("Größe € 𝄞"), "\"Größe € 𝄞\"") << "valid UTF-8 passes unchanged";
+
+    PlistDictionary dictionary;
+    dictionary.set("a\"b\n", PlistValue::integer(1));
+    EXPECT_EQ(toJson(PlistValue(dictionary)), "{\n  \"a\\\"b\\n\": 1\n}");
+}
+
+TEST(HostJson, ReplacesBytesThatAreNotUtf8SoTheDocumentStaysValid) {
+    struct Case {
+        std::string bytes;
+        std::string json;
+    };
+    const Case cases[] = {
+        {"a\xff"
+         "b",
+         R"("a\ufffdb")"},                                      // never valid
+        {"\x80", R"("\ufffd")"},                                // stray continuation byte
+        {"\xc3", R"("\ufffd")"},                                // truncated at the end
+        {"\xc3(", R"("\ufffd(")"},                              // truncated by ASCII
+        {"\xc0\xaf", R"("\ufffd\ufffd")"},                      // overlong "/"
+        {"\xe0\x80\xaf", R"("\ufffd\ufffd\ufffd")"},            // overlong in three bytes
+        {"\xed\xa0\x80", R"("\ufffd\ufffd\ufffd")"},            // a UTF-16 surrogate
+        {"\xf4\x90\x80\x80", R"("\ufffd\ufffd\ufffd\ufffd")"},  // beyond U+10FFFF
+        {"\xf4\x8f\xbf\xbf", "\"\xf4\x8f\xbf\xbf\""},           // U+10FFFF itself is fine
+    };
+    for (const Case& test : cases) {
+        EXPECT_EQ(toJson(test.bytes), test.json) << "for the bytes of " << test.json;
+    }
+}
+
+TEST(HostHumanForm, OneLinePerEntryNestedDictionariesIndented) {
+    EXPECT_EQ(toHumanForm(stateReport()),
+              "configuration:\n"
+              "  dataDir: /var/pgsql\n"
+              "  port: 5432\n"
+              "dataDirExists: false\n"
+              "readStatus: 0\n"
+              "state: RUNNING\n");
+}
+
+TEST(HostHumanForm, ArraysEmptyValuesAndBareResults) {
+    PlistDictionary inner;
+    inner.set("k", "v");
+    PlistDictionary response;
+    response.set("list", PlistValue(PlistArray{"a", PlistValue::integer(2), PlistValue(inner)}));
+    response.set("none", PlistValue(PlistArray{}));
+    response.set("nothing", PlistValue(PlistDictionary{}));
+    response.set("text", "");
+    EXPECT_EQ(toHumanForm(PlistValue(response)),
+              "list:\n"
+              "  - a\n"
+              "  - 2\n"
+              "  -\n"
+              "    k: v\n"
+              "none: []\n"
+              "nothing: {}\n"
+              "text: \n");
+    EXPECT_EQ(toHumanForm(PlistValue::integer(0)), "0\n");
+    EXPECT_EQ(toHumanForm(PlistValue()), "");
+}
+
+TEST(HostResponseText, AbsentPrintsNothingExceptNullInJson) {
+    EXPECT_EQ(formatResponse(PlistValue(), OutputForm::PropertyList), "");
+    EXPECT_EQ(formatResponse(PlistValue(), OutputForm::Human), "");
+    EXPECT_EQ(formatResponse(PlistValue(), OutputForm::Json), "null\n");
+    EXPECT_EQ(formatResponse(PlistValue::boolean(false), OutputForm::Json), "false\n");
+}
+
+}  // namespace
+}  // namespace velnor::host
