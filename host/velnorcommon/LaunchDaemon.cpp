@@ -5,6 +5,7 @@
 #include <plist/plist.h>
 
 #include "HostLog.h"
+#include "LaunchdJobs.h"
 #include "PlistNode.h"
 #include "WholeFile.h"
 
@@ -83,6 +84,24 @@ bool SetLaunchDaemonServiceConfigArgs(const std::string& path, const LaunchArgum
         return false;
     }
     return true;
+}
+
+bool SetLaunchDaemonServiceState(const std::string& label, int state) {
+    LaunchdJobs jobs = LaunchdJobs::onThisMachine();
+    switch (state) {
+        case 1:
+            return jobs.start(label);
+        case 0:
+            return jobs.stop(label);
+        default:
+            logHostFailure("cannot change job " + label + " to the unknown state " +
+                           std::to_string(state));
+            return false;
+    }
+}
+
+bool GetLaunchDaemonServiceState(const std::string& label) {
+    return LaunchdJobs::onThisMachine().isRunning(label);
 }
 
 }  // namespace velnor

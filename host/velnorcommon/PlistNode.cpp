@@ -132,24 +132,17 @@ class NodeConverter {
 
     std::optional<PlistValue> dictionaryOf(plist_t node) {
         PlistDictionary dictionary;
-        plist_dict_iter iterator = nullptr;
-        plist_dict_new_iter(node, &iterator);
-        std::unique_ptr<void, FreeWithFree> ownedIterator(iterator);
-        for (;;) {
-            char* rawKey = nullptr;
-            plist_t child = nullptr;
-            plist_dict_next_item(node, iterator, &rawKey, &child);
-            std::unique_ptr<char, FreeWithFree> key(rawKey);
-            if (!key || child == nullptr) {
-                break;
-            }
-            path_.enterKey(key.get());
+        const bool complete = visitDictionaryEntries(node, [&](const char* key, plist_t child) {
+            path_.enterKey(key);
             auto value = convert(child);
             path_.leave();
-            if (!value) {
-                return std::nullopt;
+            if (value) {
+                dictionary.set(key, std::move(*value));
             }
-            dictionary.set(key.get(), std::move(*value));
+            return value.has_value();
+        });
+        if (!complete) {
+            return std::nullopt;
         }
         return std::optional<PlistValue>(std::in_place, std::move(dictionary));
     }
@@ -269,6 +262,25 @@ std::optional<std::vector<std::string>> stringsOfArrayNode(plist_t node) {
         strings.push_back(std::move(*text));
     }
     return strings;
+}
+
+bool visitDictionaryEntries(plist_t dictionary,
+                            const std::function<bool(const char* key, plist_t value)>& visit) {
+    plist_dict_iter iterator = nullptr;
+    plist_dict_new_iter(dictionary, &iterator);
+    std::unique_ptr<void, FreeWithFree> ownedIterator(iterator);
+    for (;;) {
+        char* rawKey = nullptr;
+        plist_t value = nullptr;
+        plist_dict_next_item(dictionary, iterator, &rawKey, &value);
+        std::unique_ptr<char, FreeWithFree> key(rawKey);
+        if (!key || value == nullptr) {
+            return true;
+        }
+        if (!visit(key.get(), value)) {
+            return false;
+        }
+    }
 }
 
 std::optional<std::string> textOfStringNode(plist_t node) {

@@ -7,6 +7,7 @@
 
 #include <plist/plist.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -49,6 +50,11 @@ PlistNode plistNodeOfValue(const PlistValue& value);
 // The strings of an array node; empty when node is not an array or holds anything other than
 // strings.
 std::optional<std::vector<std::string>> stringsOfArrayNode(plist_t node);
+
+// Calls visit with each key and value of a dictionary node, in the file's order, until visit
+// answers false. True when every entry was visited.
+bool visitDictionaryEntries(plist_t dictionary,
+                            const std::function<bool(const char* key, plist_t value)>& visit);
 
 // The text of a string node; empty when node is not a string.
 std::optional<std::string> textOfStringNode(plist_t node);

@@ -1,0 +1,570 @@
+#include "JobLaunch.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <linux/close_range.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "ProcessStat.h"
+#include "UniqueFd.h"
+
+namespace velnor {
+namespace {
+
+// What a daemon finds in PATH unless its job says otherwise.
+constexpr const char* kDaemonPath = "/usr/bin:/bin:/usr/sbin:/sbin";
+// A daemon's files are not writable by others unless it says so itself.
+constexpr mode_t kDaemonUmask = 022;
+constexpr mode_t kOutputFileMode = 0644;
+
+// ----- Working out the plan, in the host -----
+
+struct UserAccount {
+    uid_t uid;
+    gid_t gid;
+    std::string home;
+    std::string shell;
+};
+
+// Calls lookUp with a buffer that grows until the account database has room in it.
+template <typename LookUp>
+int withAccountBuffer(LookUp lookUp) {
+    std::vector<char> buffer(16384);
+    for (;;) {
+        const int result = lookUp(buffer);
+        if (result != ERANGE || buffer.size() >= (1u << 24)) {
+            return result;
+        }
+        buffer.resize(buffer.size() * 2);
+    }
+}
+
+std::optional<UserAccount> findUser(const std::string& name, std::string& error) {
+    std::optional<UserAccount> account;
+    const int result = withAccountBuffer([&](std::vector<char>& buffer) {
+        passwd entry{};
+        passwd* found = nullptr;
+        const int lookup = ::getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+        if (lookup == 0 && found != nullptr) {
+            account = UserAccount{found->pw_uid, found->pw_gid, found->pw_dir, found->pw_shell};
+        }
+        return lookup;
+    });
+    if (!account) {
+        error = result == 0 ? "unknown user " + name
+                            : "cannot look up the user " + name + ": " + std::strerror(result);
+    }
+    return account;
+}
+
+std::optional<gid_t> findGroup(const std::string& name, std::string& error) {
+    std::optional<gid_t> gid;
+    const int result = withAccountBuffer([&](std::vector<char>& buffer) {
+        group entry{};
+        group* found = nullptr;
+        const int lookup = ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+        if (lookup == 0 && found != nullptr) {
+            gid = found->gr_gid;
+        }
+        return lookup;
+    });
+    if (!gid) {
+        error = result == 0 ? "unknown group " + name
+                            : "cannot look up the group " + name + ": " + std::strerror(result);
+    }
+    return gid;
+}
+
+// The groups that the user belongs to, with gid among them.
+std::vector<gid_t> groupsOfUser(const std::string& user, gid_t gid) {
+    std::vector<gid_t> groups(32);
+    for (;;) {
+        int count = static_cast<int>(groups.size());
+        if (::getgrouplist(user.c_str(), gid, groups.data(), &count) >= 0) {
+            groups.resize(static_cast<std::size_t>(count));
+            return groups;
+        }
+        groups.resize(static_cast<std::size_t>(count) > groups.size()
+                          ? static_cast<std::size_t>(count)
+                          : groups.size() * 2);
+    }
+}
+
+// The account that the job names, or nothing (and no error) when it names none.
+std::optional<JobCredentials> credentialsOf(const LaunchdJob& job, std::optional<UserAccount>& user,
+                                            std::string& error) {
+    if (!job.userName && !job.groupName) {
+        return std::nullopt;
+    }
+    JobCredentials credentials{::geteuid(), ::getegid(), {}};
+    if (job.userName) {
+        user = findUser(*job.userName, error);
+        if (!user) {
+            return std::nullopt;
+        }
+        credentials.uid = user->uid;
+        credentials.gid = user->gid;
+    }
+    if (job.groupName) {
+        auto gid = findGroup(*job.groupName, error);
+        if (!gid) {
+            return std::nullopt;
+        }
+        credentials.gid = *gid;
+    }
+    credentials.supplementaryGroups = job.userName ? groupsOfUser(*job.userName, credentials.gid)
+                                                   : std::vector<gid_t>{credentials.gid};
+    return credentials;
+}
+
+class Environment {
+  public:
+    void set(const std::string& name, const std::string& value) {
+        for (auto& entry : entries_) {
+            if (entry.first == name) {
+                entry.second = value;
+                return;
+            }
+        }
+        entries_.emplace_back(name, value);
+    }
+
+    std::string get(const std::string& name) const {
+        for (const auto& entry : entries_) {
+            if (entry.first == name) {
+                return entry.second;
+            }
+        }
+        return {};
+    }
+
+    std::vector<std::string> assignments() const {
+        std::vector<std::string> texts;
+        for (const auto& [name, value] : entries_) {
+            texts.push_back(name + "=" + value);
+        }
+        return texts;
+    }
+
+  private:
+    std::vector<std::pair<std::string, std::string>> entries_;
+};
+
+Environment environmentOf(const LaunchdJob& job, const std::optional<UserAccount>& user) {
+    Environment environment;
+    environment.set("PATH", kDaemonPath);
+    if (user) {
+        environment.set("HOME", user->home);
+        environment.set("USER", *job.userName);
+        environment.set("LOGNAME", *job.userName);
+        environment.set("SHELL", user->shell);
+    }
+    for (const auto& [name, value] : job.environmentVariables) {
+        environment.set(name, value);
+    }
+    return environment;
+}
+
+bool isExecutableFile(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+           ::access(path.c_str(), X_OK) == 0;
+}
+
+// The program itself when its name holds a '/'; otherwise the first executable file of that
+// name in the folders of searchPath.
+std::optional<std::string> findProgram(const std::string& program, const std::string& searchPath,
+                                       std::string& error) {
+    if (program.find('/') != std::string::npos) {
+        return program;
+    }
+    std::size_t start = 0;
+    while (start <= searchPath.size()) {
+        const std::size_t end = std::min(searchPath.find(':', start), searchPath.size());
+        const std::string folder = searchPath.substr(start, end - start);
+        if (!folder.empty() && isExecutableFile(folder + "/" + program)) {
+            return folder + "/" + program;
+        }
+        start = end + 1;
+    }
+    error = "cannot find the program " + program + " in " + searchPath;
+    return std::nullopt;
+}
+
+// ----- The new process, between fork and exec: system calls only -----
+
+enum class Stage : std::int32_t {
+    Fork = 1,
+    Session,
+    Groups,
+    Group,
+    User,
+    WorkingDirectory,
+    StandardInput,
+    StandardOutput,
+    StandardError,
+    Identity,
+    Execute,
+};
+
+enum class ReportKind : std::int32_t { SetUp = 1, Failed };
+
+// What the new process tells the host over their socket: that it is set up and who it is, or
+// at which stage it failed and why.
+struct Report {
+    ReportKind kind;
+    Stage stage;
+    std::int32_t error;
+    pid_t pid;
+    std::uint64_t startTime;
+};
+
+// The plan as plain pointers, made in the host before fork.
+struct ChildPlan {
+    const char* executable;
+    char* const* argv;
+    char* const* envp;
+    const JobCredentials* credentials;
+    const char* workingDirectory;
+    const char* standardOutPath;
+    const char* standardErrorPath;
+    int channel;
+};
+
+void sendReport(int channel, const Report& report) {
+    const char* bytes = reinterpret_cast<const char*>(&report);
+    std::size_t left = sizeof report;
+    while (left > 0) {
+        const ssize_t sent = ::write(channel, bytes, left);
+        if (sent < 0 && errno == EINTR) {
+            continue;
+        }
+        if (sent <= 0) {
+            return;
+        }
+        bytes += sent;
+        left -= static_cast<std::size_t>(sent);
+    }
+}
+
+[[noreturn]] void failInChild(int channel, Stage stage, int error) {
+    sendReport(channel, Report{ReportKind::Failed, stage, error, 0, 0});
+    ::_exit(127);
+}
+
+// A daemon starts with default signal handling and nothing blocked, whatever the host set up.
+void resetSignals() {
+    struct sigaction action {};
+    action.sa_handler = SIG_DFL;
+    sigemptyset(&action.sa_mask);
+    for (int signal = 1; signal < NSIG; ++signal) {
+        ::sigaction(signal, &action, nullptr);  // fails harmlessly for SIGKILL and SIGSTOP
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// As root the process takes the job's account whole; any other host can only run jobs as
+// itself.
+void switchAccount(int channel, const JobCredentials& credentials) {
+    if (::geteuid() != 0) {
+        if (credentials.uid != ::geteuid() || credentials.gid != ::getegid()) {
+            failInChild(channel, Stage::User, EPERM);
+        }
+        return;
+    }
+    if (::setgroups(credentials.supplementaryGroups.size(),
+                    credentials.supplementaryGroups.data()) != 0) {
+        failInChild(channel, Stage::Groups, errno);
+    }
+    if (::setgid(credentials.gid) != 0) {
+        failInChild(channel, Stage::Group, errno);
+    }
+    if (::setuid(credentials.uid) != 0) {
+        failInChild(channel, Stage::User, errno);
+    }
+}
+
+void openOnto(int channel, Stage stage, const char* path, int flags, int target) {
+    const int fd = ::open(path, flags | O_NOCTTY, kOutputFileMode);
+    if (fd < 0) {
+        failInChild(channel, stage, errno);
+    }
+    if (fd != target) {
+        if (::dup2(fd, target) < 0) {
+            failInChild(channel, stage, errno);
+        }
+        ::close(fd);
+    }
+}
+
+// Descriptors that the host left inheritable (its lock file, say) must not live on in a
+// daemon; they close when the program is executed.
+void closeHostDescriptorsOnExec() {
+    if (::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
+        return;
+    }
+    const long limit = ::sysconf(_SC_OPEN_MAX);
+    for (int fd = 3; fd < (limit > 0 ? limit : 1024); ++fd) {
+        ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+}
+
+[[noreturn]] void runDaemon(const ChildPlan& plan) {
+    const int channel = plan.channel;
+    if (::setsid() < 0) {
+        failInChild(channel, Stage::Session, errno);
+    }
+    resetSignals();
+    ::umask(kDaemonUmask);
+    // The account comes first, so that the job's folder and files are reached with its own
+    // rights, never with the host's.
+    if (plan.credentials != nullptr) {
+        switchAccount(channel, *plan.credentials);
+    }
+    if (::chdir(plan.workingDirectory) != 0) {
+        failInChild(channel, Stage::WorkingDirectory, errno);
+    }
+    openOnto(channel, Stage::StandardInput, "/dev/null", O_RDONLY, STDIN_FILENO);
+    openOnto(channel, Stage::StandardOutput, plan.standardOutPath, O_WRONLY | O_APPEND | O_CREAT,
+             STDOUT_FILENO);
+    openOnto(channel, Stage::StandardError, plan.standardErrorPath, O_WRONLY | O_APPEND | O_CREAT,
+             STDERR_FILENO);
+    closeHostDescriptorsOnExec();
+
+    auto stat = readProcessStat("/proc/self/stat");
+    if (!stat) {
+        failInChild(channel, Stage::Identity, errno != 0 ? errno : EIO);
+    }
+    sendReport(channel, Report{ReportKind::SetUp, Stage::Identity, 0, ::getpid(), stat->startTime});
+    char goAhead = 0;
+    ssize_t got = 0;
+    do {
+        got = ::read(channel, &goAhead, 1);
+    } while (got < 0 && errno == EINTR);
+    if (got != 1) {
+        ::_exit(0);  // the host called the start off
+    }
+    ::execve(plan.executable, plan.argv, plan.envp);
+    failInChild(channel, Stage::Execute, errno);
+}
+
+// The first child only starts the daemon and ends, so that the daemon's parent is not the
+// host and the host never holds it as a zombie.
+[[noreturn]] void runIntermediate(const ChildPlan& plan, int hostEnd) {
+    ::close(hostEnd);
+    const pid_t daemon = ::fork();
+    if (daemon < 0) {
+        failInChild(plan.channel, Stage::Fork, errno);
+    }
+    if (daemon == 0) {
+        runDaemon(plan);
+    }
+    ::_exit(0);
+}
+
+// ----- Back in the host -----
+
+// Zero-terminated copies of strings, as execve takes them.
+class CStringArray {
+  public:
+    explicit CStringArray(const std::vector<std::string>& strings) : strings_(strings) {
+        for (auto& text : strings_) {
+            pointers_.push_back(text.data());
+        }
+        pointers_.push_back(nullptr);
+    }
+    char* const* get() const { return pointers_.data(); }
+
+  private:
+    std::vector<std::string> strings_;
+    std::vector<char*> pointers_;
+};
+
+enum class ReadResult { Report, End, Broken };
+
+ReadResult readReport(int channel, Report& report) {
+    char* bytes = reinterpret_cast<char*>(&report);
+    std::size_t got = 0;
+    while (got < sizeof report) {
+        const ssize_t read = ::read(channel, bytes + got, sizeof report - got);
+        if (read < 0 && errno == EINTR) {
+            continue;
+        }
+        if (read <= 0) {
+            return got == 0 && read == 0 ? ReadResult::End : ReadResult::Broken;
+        }
+        got += static_cast<std::size_t>(read);
+    }
+    return ReadResult::Report;
+}
+
+std::string describeStage(const LaunchPlan& plan, Stage stage) {
+    switch (stage) {
+        case Stage::Fork:
+            return "cannot fork";
+        case Stage::Session:
+            return "cannot start a session";
+        case Stage::Groups:
+            return "cannot set the supplementary groups";
+        case Stage::Group:
+            return "cannot switch to the group id " + std::to_string(plan.credentials->gid);
+        case Stage::User:
+            return "cannot switch to the user id " + std::to_string(plan.credentials->uid);
+        case Stage::WorkingDirectory:
+            return "cannot change to the working folder " + plan.workingDirectory;
+        case Stage::StandardInput:
+            return "cannot open /dev/null for standard input";
+        case Stage::StandardOutput:
+            return "cannot open " + plan.standardOutPath + " for standard output";
+        case Stage::StandardError:
+            return "cannot open " + plan.standardErrorPath + " for standard error";
+        case Stage::Identity:
+            return "cannot read its own start time";
+        case Stage::Execute:
+            return "cannot execute " + plan.executable;
+    }
+    return "failed";
+}
+
+LaunchOutcome failedBecause(std::string why) {
+    LaunchOutcome outcome;
+    outcome.failure = std::move(why);
+    return outcome;
+}
+
+std::string failureOf(const LaunchPlan& plan, const Report& report) {
+    return describeStage(plan, report.stage) + ": " + std::strerror(report.error);
+}
+
+// Follows the new process through its set-up to the program, answering its question
+// whether to go ahead.
+LaunchOutcome superviseStart(const LaunchPlan& plan, UniqueFd& channel,
+                             const std::function<bool(const StartedProcess&)>& beforeProgram) {
+    Report report{};
+    switch (readReport(channel.get(), report)) {
+        case ReadResult::Report:
+            break;
+        case ReadResult::End:
+        case ReadResult::Broken:
+            return failedBecause("the new process ended before it was set up");
+    }
+    if (report.kind == ReportKind::Failed) {
+        return failedBecause(failureOf(plan, report));
+    }
+    LaunchOutcome outcome;
+    outcome.process = StartedProcess{report.pid, report.startTime};
+    if (!beforeProgram(*outcome.process)) {
+        outcome.failure = "called off before the program ran";
+        return outcome;  // closing the channel tells the process to end
+    }
+    const char goAhead = 1;
+    if (::send(channel.get(), &goAhead, 1, MSG_NOSIGNAL) != 1) {
+        outcome.failure = "the new process ended before it could run the program";
+        return outcome;
+    }
+    switch (readReport(channel.get(), report)) {
+        case ReadResult::End:  // the channel closed on exec
+            outcome.executed = true;
+            return outcome;
+        case ReadResult::Report:
+            outcome.failure = failureOf(plan, report);
+            return outcome;
+        case ReadResult::Broken:
+            break;
+    }
+    outcome.failure = "lost track of the new process before it ran the program";
+    return outcome;
+}
+
+// The descriptor moved above 0, 1 and 2 (which a host may have closed), so that the new
+// process can put its standard files there without losing it.
+int aboveStandardDescriptors(int fd) {
+    if (fd > STDERR_FILENO) {
+        return fd;
+    }
+    const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    ::close(fd);
+    return moved;
+}
+
+void reap(pid_t child) {
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace
+
+std::optional<LaunchPlan> planLaunch(const LaunchdJob& job, std::string& error) {
+    std::optional<UserAccount> user;
+    LaunchPlan plan;
+    std::string accountError;
+    plan.credentials = credentialsOf(job, user, accountError);
+    if (!accountError.empty()) {
+        error = accountError;
+        return std::nullopt;
+    }
+    const Environment environment = environmentOf(job, user);
+    auto executable = findProgram(job.program.value_or(job.programArguments.front()),
+                                  environment.get("PATH"), error);
+    if (!executable) {
+        return std::nullopt;
+    }
+    plan.executable = *executable;
+    plan.arguments = job.programArguments;
+    plan.environment = environment.assignments();
+    plan.workingDirectory = job.workingDirectory.value_or("/");
+    plan.standardOutPath = job.standardOutPath.value_or("/dev/null");
+    plan.standardErrorPath = job.standardErrorPath.value_or("/dev/null");
+    return plan;
+}
+
+LaunchOutcome launchDetached(const LaunchPlan& plan,
+                             const std::function<bool(const StartedProcess&)>& beforeProgram) {
+    const CStringArray argv(plan.arguments);
+    const CStringArray envp(plan.environment);
+    // One socket pair carries the reports up and the go-ahead down; unlike a pipe, a socket
+    // lets the host write to a process that has gone without being killed by SIGPIPE.
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        return failedBecause(std::string("cannot create a socket pair: ") + std::strerror(errno));
+    }
+    UniqueFd hostEnd(aboveStandardDescriptors(ends[0]));
+    UniqueFd childEnd(aboveStandardDescriptors(ends[1]));
+    if (!hostEnd.valid() || !childEnd.valid()) {
+        return failedBecause(std::string("cannot move a socket: ") + std::strerror(errno));
+    }
+    const ChildPlan childPlan{plan.executable.c_str(),
+                              argv.get(),
+                              envp.get(),
+                              plan.credentials ? &*plan.credentials : nullptr,
+                              plan.workingDirectory.c_str(),
+                              plan.standardOutPath.c_str(),
+                              plan.standardErrorPath.c_str(),
+                              childEnd.get()};
+    const pid_t intermediate = ::fork();
+    if (intermediate < 0) {
+        return failedBecause(std::string("cannot fork: ") + std::strerror(errno));
+    }
+    if (intermediate == 0) {
+        runIntermediate(childPlan, hostEnd.get());
+    }
+    childEnd.reset();
+    LaunchOutcome outcome = superviseStart(plan, hostEnd, beforeProgram);
+    hostEnd.reset();
+    reap(intermediate);
+    return outcome;
+}
+
+}  // namespace velnor

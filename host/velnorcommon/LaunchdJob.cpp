@@ -1,0 +1,101 @@
+#include "LaunchdJob.h"
+
+#include "PlistNode.h"
+
+namespace velnor {
+namespace {
+
+// Reads the keys of one job dictionary; the first key of the wrong kind is remembered and
+// ends the reading.
+class JobKeys {
+  public:
+    JobKeys(plist_t dictionary, const std::string& path) : dictionary_(dictionary), path_(path) {}
+
+    std::optional<std::string> text(const char* key) {
+        plist_t node = plist_dict_get_item(dictionary_, key);
+        if (node == nullptr) {
+            return std::nullopt;
+        }
+        auto text = textOfStringNode(node);
+        if (!text) {
+            refuse(std::string(key) + " is not a string");
+        }
+        return text;
+    }
+
+    std::vector<std::string> strings(const char* key) {
+        auto strings = stringsOfArrayNode(plist_dict_get_item(dictionary_, key));
+        if (!strings || strings->empty()) {
+            refuse(std::string(key) + " is not an array of at least one string");
+            return {};
+        }
+        return *strings;
+    }
+
+    std::vector<std::pair<std::string, std::string>> textsByName(const char* key) {
+        std::vector<std::pair<std::string, std::string>> entries;
+        plist_t node = plist_dict_get_item(dictionary_, key);
+        if (node == nullptr) {
+            return entries;
+        }
+        if (plist_get_node_type(node) != PLIST_DICT) {
+            refuse(std::string(key) + " is not a dictionary");
+            return entries;
+        }
+        visitDictionaryEntries(node, [&](const char* name, plist_t value) {
+            auto text = textOfStringNode(value);
+            if (!text) {
+                refuse(std::string(key) + " holds a value that is not a string under \"" + name +
+                       "\"");
+                return false;
+            }
+            entries.emplace_back(name, std::move(*text));
+            return true;
+        });
+        return entries;
+    }
+
+    bool failed() const { return !error_.empty(); }
+    const std::string& error() const { return error_; }
+
+  private:
+    void refuse(const std::string& why) {
+        if (error_.empty()) {
+            error_ = path_ + ": " + why;
+        }
+    }
+
+    plist_t dictionary_;
+    const std::string& path_;
+    std::string error_;
+};
+
+}  // namespace
+
+std::optional<LaunchdJob> readLaunchdJob(const std::string& path, std::string& error) {
+    PlistNode root = readPlistNodeFile(path, &error);
+    if (!root) {
+        return std::nullopt;
+    }
+    if (plist_get_node_type(root.get()) != PLIST_DICT) {
+        error = path + ": the top level is not a dictionary";
+        return std::nullopt;
+    }
+    JobKeys keys(root.get(), path);
+    LaunchdJob job;
+    job.program = keys.text("Program");
+    job.programArguments = keys.strings("ProgramArguments");
+    job.userName = keys.text("UserName");
+    job.groupName = keys.text("GroupName");
+    job.workingDirectory = keys.text("WorkingDirectory");
+    job.standardOutPath = keys.text("StandardOutPath");
+    job.standardErrorPath = keys.text("StandardErrorPath");
+    job.environmentVariables = keys.textsByName("EnvironmentVariables");
+    if (keys.failed()) {
+        error = keys.error();
+        return std::nullopt;
+    }
+    return job;
+}
+
+}  // namespace velnor

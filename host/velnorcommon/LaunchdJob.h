@@ -1,0 +1,30 @@
+// What a job file tells the launchd stand-in about running its job.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace velnor {
+
+struct LaunchdJob {
+    // Program, when given, is what runs; otherwise the first of ProgramArguments. Either way
+    // ProgramArguments is the argument vector that the program sees.
+    std::optional<std::string> program;
+    std::vector<std::string> programArguments;
+    std::optional<std::string> userName;
+    std::optional<std::string> groupName;
+    std::optional<std::string> workingDirectory;
+    std::optional<std::string> standardOutPath;
+    std::optional<std::string> standardErrorPath;
+    std::vector<std::pair<std::string, std::string>> environmentVariables;
+};
+
+// The job that the job file at path describes. Nothing when the file cannot be read, is not a
+// dictionary, has no ProgramArguments with at least one string, or holds one of the keys above
+// with a value of the wrong kind; error then says why in one line. Other keys, of any kind,
+// are not looked at.
+std::optional<LaunchdJob> readLaunchdJob(const std::string& path, std::string& error);
+
+}  // namespace velnor

@@ -1,0 +1,196 @@
+#include "LaunchdJobs.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+// This glibc's header forgets C linkage.
+extern "C" {
+#include <sys/pidfd.h>
+}
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+
+#include "HostLog.h"
+#include "LaunchdJob.h"
+#include "ProcessStat.h"
+#include "UniqueFd.h"
+#include "WholeFile.h"
+
+namespace velnor {
+namespace {
+
+constexpr const char* kProcRoot = "/proc";
+constexpr mode_t kRecordFolderMode = 0755;
+constexpr mode_t kRecordFileMode = 0644;
+
+// A label names the job file and the record, so it must be one plain file name.
+bool isUsableLabel(const std::string& label) {
+    return !label.empty() && label != "." && label != ".." &&
+           label.find('/') == std::string::npos && label.find('\0') == std::string::npos;
+}
+
+bool isSameRunningProcess(const StartedProcess& process) {
+    auto stat = readProcessStat(kProcRoot, process.pid);
+    return stat && stat->running() && stat->startTime == process.startTime;
+}
+
+// Reads one decimal number from the front of text, which must then go on with separator.
+template <typename Number>
+bool takeNumber(std::string_view& text, char separator, Number& number) {
+    auto [past, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (failure != std::errc() || past == text.data() || past == text.data() + text.size() ||
+        *past != separator) {
+        return false;
+    }
+    text.remove_prefix(static_cast<std::size_t>(past - text.data()) + 1);
+    return true;
+}
+
+}  // namespace
+
+std::string formatJobRecord(const StartedProcess& process) {
+    return std::to_string(process.pid) + " " + std::to_string(process.startTime) + "\n";
+}
+
+std::optional<StartedProcess> parseJobRecord(const std::string& text) {
+    std::string_view rest = text;
+    StartedProcess process{};
+    if (!takeNumber(rest, ' ', process.pid) || !takeNumber(rest, '\n', process.startTime) ||
+        !rest.empty() || process.pid <= 0) {
+        return std::nullopt;
+    }
+    return process;
+}
+
+LaunchdJobs::LaunchdJobs(Folders folders, FailureLog log)
+    : folders_(std::move(folders)), log_(std::move(log)) {}
+
+LaunchdJobs LaunchdJobs::onThisMachine() {
+    return LaunchdJobs(
+        {{"/System/Library/LaunchDaemons", "/Library/LaunchDaemons"}, "/var/run/velnor/launchd"},
+        &logHostFailure);
+}
+
+std::string LaunchdJobs::recordPath(const std::string& label) const {
+    return folders_.recordFolder + "/" + label;
+}
+
+bool LaunchdJobs::start(const std::string& label) {
+    if (!isUsableLabel(label)) {
+        return refuse("start", label, "the label is not a file name");
+    }
+    if (isRunning(label)) {
+        return true;
+    }
+    auto jobFile = jobFilePath(label);
+    if (!jobFile) {
+        return refuse("start", label, "there is no job file " + label + ".plist");
+    }
+    std::string error;
+    auto job = readLaunchdJob(*jobFile, error);
+    if (!job) {
+        return refuse("start", label, error);
+    }
+    auto plan = planLaunch(*job, error);
+    if (!plan) {
+        return refuse("start", label, error);
+    }
+    std::string recordError;
+    bool recorded = false;
+    // The record is written before the program runs, so that no job ever runs unrecorded.
+    LaunchOutcome outcome = launchDetached(*plan, [&](const StartedProcess& process) {
+        recorded = writeRecord(label, process, recordError);
+        return recorded;
+    });
+    if (outcome.executed) {
+        return true;
+    }
+    if (recorded) {
+        ::unlink(recordPath(label).c_str());
+    }
+    return refuse("start", label, recordError.empty() ? outcome.failure : recordError);
+}
+
+bool LaunchdJobs::stop(const std::string& label) {
+    if (!isUsableLabel(label)) {
+        return refuse("stop", label, "the label is not a file name");
+    }
+    if (!jobFilePath(label)) {
+        return refuse("stop", label, "there is no job file " + label + ".plist");
+    }
+    auto process = runningProcess(label);
+    if (!process) {
+        return true;
+    }
+    std::string error;
+    if (!signalToStop(*process, error)) {
+        return refuse("stop", label, error);
+    }
+    return true;
+}
+
+bool LaunchdJobs::isRunning(const std::string& label) const {
+    return isUsableLabel(label) && runningProcess(label).has_value();
+}
+
+std::optional<std::string> LaunchdJobs::jobFilePath(const std::string& label) const {
+    for (const auto& folder : folders_.jobFolders) {
+        std::string path = folder + "/" + label + ".plist";
+        struct stat status {};
+        if (::stat(path.c_str(), &status) == 0) {
+            return path;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<StartedProcess> LaunchdJobs::runningProcess(const std::string& label) const {
+    std::string text;
+    if (!readWholeFile(recordPath(label), text)) {
+        return std::nullopt;
+    }
+    auto process = parseJobRecord(text);
+    if (!process || !isSameRunningProcess(*process)) {
+        return std::nullopt;
+    }
+    return process;
+}
+
+bool LaunchdJobs::writeRecord(const std::string& label, const StartedProcess& process,
+                              std::string& error) const {
+    return createFolders(folders_.recordFolder, kRecordFolderMode, &error) &&
+           replaceWholeFileAtomically(recordPath(label), formatJobRecord(process), kRecordFileMode,
+                                      &error);
+}
+
+bool LaunchdJobs::signalToStop(const StartedProcess& process, std::string& error) const {
+    const std::string target = " (pid " + std::to_string(process.pid) + ")";
+    // A pid descriptor pins one process. Checking the start time again through it leaves no
+    // moment in which the pid could pass to another process before the signal.
+    UniqueFd pinned(::pidfd_open(process.pid, 0));
+    if (!pinned.valid()) {
+        if (errno == ESRCH) {
+            return true;
+        }
+        error = "cannot reach the process" + target + ": " + std::strerror(errno);
+        return false;
+    }
+    if (!isSameRunningProcess(process)) {
+        return true;
+    }
+    if (::pidfd_send_signal(pinned.get(), SIGTERM, nullptr, 0) != 0 && errno != ESRCH) {
+        error = "cannot send SIGTERM to the process" + target + ": " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+bool LaunchdJobs::refuse(const char* action, const std::string& label,
+                         const std::string& why) const {
+    log_(std::string("cannot ") + action + " job " + label + ": " + why);
+    return false;
+}
+
+}  // namespace velnor

@@ -1,0 +1,68 @@
+// The launchd stand-in: runs the jobs that job files describe, and remembers each started
+// process in a record file, so that any later host process can tell whether it still runs and
+// stop it.
+//
+// A job is found by its label as LABEL.plist in the job folders, searched in order. Its record
+// is the file LABEL in the record folder, holding "PID STARTTIME\n": the pid and the start time
+// that /proc/PID/stat gave the process, so that a later process that reuses the pid is never
+// taken for the job.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "JobLaunch.h"
+
+namespace velnor {
+
+class LaunchdJobs {
+  public:
+    struct Folders {
+        std::vector<std::string> jobFolders;
+        std::string recordFolder;
+    };
+    // Receives one line for each failure, without the log prefix.
+    using FailureLog = std::function<void(const std::string& message)>;
+
+    LaunchdJobs(Folders folders, FailureLog log);
+
+    // The machine's jobs: /System/Library/LaunchDaemons, then /Library/LaunchDaemons, records
+    // under /var/run/velnor/launchd, failures to the system log.
+    static LaunchdJobs onThisMachine();
+
+    // True at once when the job runs; otherwise true once its program has been executed (it
+    // may end at any time after that). False, with the reason logged, when the label is not a
+    // file name, the job file is missing or unusable, an account is unknown, the program cannot
+    // be executed or its record cannot be written; no record is then left.
+    bool start(const std::string& label);
+
+    // Sends SIGTERM to the job's process without waiting for it to end. True also when the job
+    // does not run. False, with the reason logged, when there is no job file or the signal
+    // cannot be sent.
+    bool stop(const std::string& label);
+
+    // True when the recorded process still runs: same pid, same start time, not a zombie.
+    bool isRunning(const std::string& label) const;
+
+    std::string recordPath(const std::string& label) const;
+
+  private:
+    std::optional<std::string> jobFilePath(const std::string& label) const;
+    std::optional<StartedProcess> runningProcess(const std::string& label) const;
+    bool writeRecord(const std::string& label, const StartedProcess& process,
+                     std::string& error) const;
+    bool signalToStop(const StartedProcess& process, std::string& error) const;
+    bool refuse(const char* action, const std::string& label, const std::string& why) const;
+
+    Folders folders_;
+    FailureLog log_;
+};
+
+// The text of a record, and the process that a record's text names (nothing when the text is
+// not a record).
+std::string formatJobRecord(const StartedProcess& process);
+std::optional<StartedProcess> parseJobRecord(const std::string& text);
+
+}  // namespace velnor

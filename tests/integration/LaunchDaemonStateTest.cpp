@@ -1,0 +1,376 @@
+// The launchd stand-in with real processes, job files and records in a throwaway folder.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <set>
+#include <sstream>
+
+#include "HostLibTestSupport.h"
+#include "LaunchDaemon.h"
+#include "LaunchdJobs.h"
+#include "ProcessStat.h"
+#include "PropertyListFile.h"
+
+namespace velnor {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using testing::TemporaryFolder;
+
+constexpr const char* kLabel = "org.example.sleeper";
+
+PlistArray argumentsOf(std::initializer_list<const char*> arguments) {
+    PlistArray array;
+    for (const char* argument : arguments) {
+        array.emplace_back(argument);
+    }
+    return array;
+}
+
+PlistDictionary jobRunning(std::initializer_list<const char*> arguments) {
+    PlistDictionary job;
+    job.set("Label", PlistValue(kLabel));
+    job.set("ProgramArguments", PlistValue(argumentsOf(arguments)));
+    return job;
+}
+
+PlistDictionary sleeperAsNobody() {
+    PlistDictionary job = jobRunning({"/bin/sleep", "1000"});
+    job.set("UserName", PlistValue("nobody"));
+    return job;
+}
+
+std::string procFile(pid_t pid, const char* name) {
+    return testing::fileText("/proc/" + std::to_string(pid) + "/" + name);
+}
+
+// The value of one "Name:" line of /proc/PID/status.
+std::string statusLine(pid_t pid, const std::string& name) {
+    std::istringstream lines(procFile(pid, "status"));
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind(name + ":", 0) == 0) {
+            return line.substr(name.size() + 2);
+        }
+    }
+    return {};
+}
+
+class LaunchdStandIn : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        // Orphaned daemons come back to this process instead of the machine's init, so that the
+        // tests can watch them end and leave no zombie behind.
+        ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+        ASSERT_EQ(::chmod(folder_.path().c_str(), 0755), 0);
+        ASSERT_EQ(::mkdir(systemJobs_.c_str(), 0755), 0);
+        ASSERT_EQ(::mkdir(localJobs_.c_str(), 0755), 0);
+    }
+
+    void TearDown() override {
+        for (pid_t pid : started_) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+        }
+        int status = 0;
+        EXPECT_EQ(::waitpid(-1, &status, WNOHANG), -1) << "a process of the test was left over";
+        ::prctl(PR_SET_CHILD_SUBREAPER, 0);
+    }
+
+    void installJob(const std::string& folder, const PlistDictionary& job,
+                    const std::string& label = kLabel) {
+        ASSERT_TRUE(writePropertyListAtomically(folder + "/" + label + ".plist", PlistValue(job)));
+    }
+
+    // The process that the record names, remembered so that it is ended after the test.
+    std::optional<StartedProcess> recordedProcess(const std::string& label = kLabel) {
+        auto process = parseJobRecord(testing::fileText(jobs_.recordPath(label)));
+        if (process) {
+            started_.insert(process->pid);
+        }
+        return process;
+    }
+
+    // Waits until the process has ended, leaving it a zombie; its end as waitid reports it.
+    siginfo_t waitForEnd(pid_t pid) {
+        siginfo_t info{};
+        EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+        return info;
+    }
+
+    void reap(pid_t pid) {
+        EXPECT_EQ(::waitpid(pid, nullptr, 0), pid);
+        started_.erase(pid);
+    }
+
+    // After a start that should have failed: a daemon that failed before its program ran ends
+    // on its own and is taken back here; one that started after all is ended with the test.
+    void settleAfterStart(bool started, bool forked) {
+        if (started) {
+            recordedProcess();
+        } else if (forked) {
+            int status = 0;
+            EXPECT_GT(::waitpid(-1, &status, 0), 0);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 127);
+        }
+    }
+
+    TemporaryFolder folder_;
+    const std::string systemJobs_ = folder_ / "System";
+    const std::string localJobs_ = folder_ / "Library";
+    const std::string records_ = folder_ / "run/velnor/launchd";
+    std::vector<std::string> messages_;
+    LaunchdJobs jobs_{{{systemJobs_, localJobs_}, records_},
+                      [this](const std::string& message) { messages_.push_back(message); }};
+    std::set<pid_t> started_;
+};
+
+TEST_F(LaunchdStandIn, StartRunsTheJobDetachedAsItsAccountAndStopEndsIt) {
+    installJob(systemJobs_, sleeperAsNobody());
+
+    ASSERT_TRUE(jobs_.start(kLabel)) << ::testing::PrintToString(messages_);
+    auto process = recordedProcess();
+    ASSERT_TRUE(process.has_value()) << "no record under " << records_;
+    const pid_t pid = process->pid;
+    EXPECT_TRUE(jobs_.isRunning(kLabel));
+    EXPECT_EQ(procFile(pid, "cmdline"), std::string("/bin/sleep\0"
+                                                    "1000\0",
+                                                    16));
+    const auto nobody = testing::nobody();
+    const std::string uid = std::to_string(nobody.uid);
+    const std::string gid = std::to_string(nobody.gid);
+    EXPECT_EQ(statusLine(pid, "Uid"), uid + "\t" + uid + "\t" + uid + "\t" + uid);
+    EXPECT_EQ(statusLine(pid, "Gid"), gid + "\t" + gid + "\t" + gid + "\t" + gid);
+    EXPECT_THAT(statusLine(pid, "Groups"), ::testing::Not(HasSubstr("0 ")))
+        << "the job kept the host's groups";
+    std::istringstream stat(procFile(pid, "stat"));
+    std::string field;
+    for (int i = 0; i < 6; ++i) {
+        stat >> field;
+    }
+    EXPECT_EQ(field, std::to_string(pid)) << "the job does not lead a session of its own";
+
+    EXPECT_TRUE(testing::runAs(testing::Account{0, 0}, [&] {
+        LaunchdJobs laterHost({{systemJobs_, localJobs_}, records_}, [](const std::string&) {});
+        return laterHost.isRunning(kLabel);
+    })) << "another host process does not see the job as running";
+
+    EXPECT_TRUE(jobs_.start(kLabel)) << "starting a running job";
+    EXPECT_EQ(recordedProcess(), process) << "a running job was started a second time";
+
+    EXPECT_TRUE(jobs_.stop(kLabel));
+    const siginfo_t end = waitForEnd(pid);
+    EXPECT_EQ(end.si_code, CLD_KILLED);
+    EXPECT_EQ(end.si_status, SIGTERM);
+    EXPECT_FALSE(jobs_.isRunning(kLabel)) << "a zombie counts as running";
+    reap(pid);
+    EXPECT_FALSE(jobs_.isRunning(kLabel));
+    EXPECT_TRUE(jobs_.stop(kLabel)) << "stopping a stopped job";
+    EXPECT_THAT(messages_, IsEmpty());
+}
+
+TEST_F(LaunchdStandIn, ProgramGetsItsStandardFilesWorkingFolderAndEnvironment) {
+    const auto nobody = testing::nobody();
+    const std::string work = folder_ / "work";
+    ASSERT_EQ(::mkdir(work.c_str(), 0755), 0);
+    ASSERT_EQ(::chown(work.c_str(), nobody.uid, nobody.gid), 0);
+    const std::string out = work + "/out.log";
+    const std::string err = work + "/err.log";
+    testing::writeText(out, "earlier\n");
+    ASSERT_EQ(::chown(out.c_str(), nobody.uid, nobody.gid), 0);
+    ASSERT_EQ(::setenv("VELNOR_HOST_ONLY", "leaked", 1), 0);
+
+    PlistDictionary job = jobRunning(
+        {"sh", "-c",
+         "pwd; echo \"$GREETING\"; echo \"$PATH\"; echo \"$HOME\"; echo \"${VELNOR_HOST_ONLY:-}\";"
+         " read line; echo \"stdin:[$line]\"; id -u; echo complaint >&2"});
+    job.set("UserName", PlistValue("nobody"));
+    job.set("WorkingDirectory", PlistValue(work));
+    job.set("StandardOutPath", PlistValue(out));
+    job.set("StandardErrorPath", PlistValue(err));
+    PlistDictionary environment;
+    environment.set("GREETING", PlistValue("hello"));
+    environment.set("PATH", PlistValue("/bin:/usr/bin"));
+    job.set("EnvironmentVariables", PlistValue(environment));
+    installJob(systemJobs_, job);
+
+    const bool started = jobs_.start(kLabel);
+    ::unsetenv("VELNOR_HOST_ONLY");
+    ASSERT_TRUE(started) << ::testing::PrintToString(messages_);
+    auto process = recordedProcess();
+    ASSERT_TRUE(process.has_value());
+    const siginfo_t end = waitForEnd(process->pid);
+    EXPECT_EQ(end.si_code, CLD_EXITED);
+    reap(process->pid);
+
+    EXPECT_EQ(testing::fileText(out), "earlier\n" + work + "\nhello\n/bin:/usr/bin\n" +
+                                          ::getpwnam("nobody")->pw_dir + "\n\nstdin:[]\n" +
+                                          std::to_string(nobody.uid) + "\n");
+    EXPECT_EQ(testing::fileText(err), "complaint\n");
+    EXPECT_EQ(testing::statusOf(err).st_uid, nobody.uid)
+        << "the job's output files are opened as the job's account";
+}
+
+TEST_F(LaunchdStandIn, ProgramThatCannotBeExecutedIsRefusedAndLeavesNoRecord) {
+    const std::string notExecutable = folder_ / "script.sh";
+    testing::writeText(notExecutable, "#!/bin/sh\n");
+    const struct {
+        std::string program;
+        std::string expectedMessage;
+        bool forks;
+    } cases[] = {
+        {"/nonexistent/program", "cannot execute /nonexistent/program: No such file", true},
+        {notExecutable, "cannot execute " + notExecutable + ": Permission denied", true},
+        {"velnor-no-such-program", "cannot find the program velnor-no-such-program in", false},
+    };
+    for (const auto& job : cases) {
+        messages_.clear();
+        installJob(systemJobs_, jobRunning({job.program.c_str()}));
+
+        const bool started = jobs_.start(kLabel);
+        EXPECT_FALSE(started) << job.program;
+        settleAfterStart(started, job.forks);
+
+        EXPECT_THAT(messages_, ElementsAre(HasSubstr(job.expectedMessage))) << job.program;
+        EXPECT_THAT(messages_, ElementsAre(HasSubstr(std::string("cannot start job ") + kLabel)));
+        EXPECT_FALSE(std::filesystem::exists(jobs_.recordPath(kLabel))) << job.program;
+        EXPECT_FALSE(jobs_.isRunning(kLabel)) << job.program;
+    }
+}
+
+TEST_F(LaunchdStandIn, UnknownAccountsAndMissingFoldersAreRefused) {
+    const std::string closed = folder_ / "closed";
+    ASSERT_EQ(::mkdir(closed.c_str(), 0700), 0);
+    PlistDictionary unknownUser = sleeperAsNobody();
+    unknownUser.set("UserName", PlistValue("velnor-no-such-user"));
+    PlistDictionary unknownGroup = sleeperAsNobody();
+    unknownGroup.set("GroupName", PlistValue("velnor-no-such-group"));
+    PlistDictionary closedFolder = sleeperAsNobody();
+    closedFolder.set("WorkingDirectory", PlistValue(closed));
+    const struct {
+        const char* name;
+        PlistDictionary job;
+        std::string expectedMessage;
+        bool forks;
+    } cases[] = {
+        {"unknownUser", unknownUser, "unknown user velnor-no-such-user", false},
+        {"unknownGroup", unknownGroup, "unknown group velnor-no-such-group", false},
+        {"folderClosedToTheAccount", closedFolder,
+         "cannot change to the working folder " + closed + ": Permission denied", true},
+    };
+    for (const auto& refused : cases) {
+        messages_.clear();
+        installJob(systemJobs_, refused.job);
+
+        const bool started = jobs_.start(kLabel);
+        EXPECT_FALSE(started) << refused.name;
+        settleAfterStart(started, refused.forks);
+
+        EXPECT_THAT(messages_, ElementsAre(HasSubstr(refused.expectedMessage))) << refused.name;
+        EXPECT_FALSE(std::filesystem::exists(jobs_.recordPath(kLabel))) << refused.name;
+    }
+}
+
+TEST_F(LaunchdStandIn, JobThatEndsAtOnceCountsAsStartedButNotRunning) {
+    installJob(systemJobs_, jobRunning({"/bin/true"}));
+
+    ASSERT_TRUE(jobs_.start(kLabel));
+
+    auto process = recordedProcess();
+    ASSERT_TRUE(process.has_value());
+    waitForEnd(process->pid);
+    EXPECT_FALSE(jobs_.isRunning(kLabel));
+    reap(process->pid);
+}
+
+TEST_F(LaunchdStandIn, RecordOfAReusedPidIsNotTakenForTheJob) {
+    installJob(systemJobs_, sleeperAsNobody());
+    int release[2];
+    ASSERT_EQ(::pipe(release), 0);
+    const pid_t bystander = ::fork();
+    if (bystander == 0) {
+        char ignored;
+        ::close(release[1]);
+        ::_exit(::read(release[0], &ignored, 1) == 0 ? 0 : 1);
+    }
+    ::close(release[0]);
+    started_.insert(bystander);
+    const auto stat = readProcessStat("/proc", bystander);
+    ASSERT_TRUE(stat.has_value());
+    ASSERT_EQ(::mkdir((folder_ / "run").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir((folder_ / "run/velnor").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir(records_.c_str(), 0755), 0);
+
+    testing::writeText(jobs_.recordPath(kLabel), formatJobRecord({bystander, stat->startTime + 1}));
+    EXPECT_FALSE(jobs_.isRunning(kLabel)) << "a pid alone was taken for the job";
+    EXPECT_TRUE(jobs_.stop(kLabel));
+    EXPECT_EQ(::waitpid(bystander, nullptr, WNOHANG), 0) << "stop signalled a stranger";
+
+    testing::writeText(jobs_.recordPath(kLabel), formatJobRecord({bystander, stat->startTime}));
+    EXPECT_TRUE(jobs_.isRunning(kLabel)) << "the process that the record names runs";
+    EXPECT_TRUE(jobs_.stop(kLabel));
+    EXPECT_EQ(waitForEnd(bystander).si_status, SIGTERM);
+    reap(bystander);
+    ::close(release[1]);
+}
+
+TEST_F(LaunchdStandIn, JobFilesAreFoundInTheSystemFolderFirst) {
+    installJob(localJobs_, jobRunning({"/bin/sleep", "2000"}));
+
+    ASSERT_TRUE(jobs_.start(kLabel)) << "a job only in the second folder";
+    auto local = recordedProcess();
+    ASSERT_TRUE(local.has_value());
+    EXPECT_EQ(procFile(local->pid, "cmdline"), std::string("/bin/sleep\0"
+                                                           "2000\0",
+                                                           16));
+    ASSERT_TRUE(jobs_.stop(kLabel));
+    waitForEnd(local->pid);
+    reap(local->pid);
+
+    installJob(systemJobs_, jobRunning({"/bin/sleep", "1000"}));
+    ASSERT_TRUE(jobs_.start(kLabel));
+    auto system = recordedProcess();
+    ASSERT_TRUE(system.has_value());
+    EXPECT_EQ(procFile(system->pid, "cmdline"), std::string("/bin/sleep\0"
+                                                            "1000\0",
+                                                            16));
+}
+
+TEST_F(LaunchdStandIn, MissingOrUnusableJobsAreRefusedWithTheReason) {
+    EXPECT_FALSE(jobs_.start(kLabel));
+    EXPECT_FALSE(jobs_.stop(kLabel));
+    EXPECT_FALSE(jobs_.isRunning(kLabel));
+    EXPECT_THAT(messages_, ElementsAre(HasSubstr("cannot start job org.example.sleeper: there is "
+                                                 "no job file org.example.sleeper.plist"),
+                                       HasSubstr("cannot stop job org.example.sleeper: there is "
+                                                 "no job file")));
+
+    messages_.clear();
+    testing::writeText(systemJobs_ + "/" + kLabel + ".plist", "<plist><dict>");
+    PlistDictionary numericUser = sleeperAsNobody();
+    numericUser.set("UserName", PlistValue::integer(65534));
+    installJob(systemJobs_, numericUser, "numeric");
+    installJob(systemJobs_, jobRunning({}), "empty");
+    EXPECT_FALSE(jobs_.start(kLabel));
+    EXPECT_FALSE(jobs_.start("numeric"));
+    EXPECT_FALSE(jobs_.start("empty"));
+    EXPECT_FALSE(jobs_.start("../System/" + std::string(kLabel)));
+    EXPECT_THAT(messages_, ElementsAre(HasSubstr("not a valid XML property list"),
+                                       HasSubstr("UserName is not a string"),
+                                       HasSubstr("ProgramArguments is not an array of at least"),
+                                       HasSubstr("the label is not a file name")));
+}
+
+TEST(LaunchDaemonState, PublicCallsRefuseUnknownStatesAndJobs) {
+    EXPECT_FALSE(SetLaunchDaemonServiceState("org.example.velnor-no-such-job", 2));
+    EXPECT_FALSE(SetLaunchDaemonServiceState("org.example.velnor-no-such-job", 1));
+    EXPECT_FALSE(SetLaunchDaemonServiceState("org.example.velnor-no-such-job", 0));
+    EXPECT_FALSE(GetLaunchDaemonServiceState("org.example.velnor-no-such-job"));
+}
+
+}  // namespace
+}  // namespace velnor
