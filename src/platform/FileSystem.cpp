@@ -1,6 +1,6 @@
 // The file system on Linux: existence tests, folders and files with exact attributes.
 //
-// Attributes are given whatever the process's umask: every new folder or file is made
+// Attributes, when given, hold whatever the process's umask: a new folder or file is made
 // owner-only first, then given its owner and group, then its permissions. chown comes before
 // chmod because changing the owner may clear the set-id bits that chmod would have set.
 #include "platform/FileSystem.h"
@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "platform/FileDescriptor.h"
@@ -181,8 +182,14 @@ FileSystemStatus findMissingFolders(const std::string& folder, std::vector<std::
         if (errno != ENOENT && errno != ENOTDIR) {
             return folderFailure(current, errno);
         }
-        missing->push_back(current);
-        current = parentFolder(current);
+        const int error = errno;
+        std::string parent = parentFolder(current);
+        // "/" and "." have no parent to try: when even they are missing, give up.
+        if (parent == current) {
+            return folderFailure(current, error);
+        }
+        missing->push_back(std::move(current));
+        current = std::move(parent);
     }
 }
 

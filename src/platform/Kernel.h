@@ -13,7 +13,10 @@ inline constexpr int kKernArgmax = 8;
 inline constexpr int kKernProcargs2 = 49;
 
 /** @see sysctl(3): -1 with errno on failure. Supports {kCtlKern, kKernArgmax} and
- * {kCtlKern, kKernProcargs2, pid}; anything else fails with ENOTSUP. */
+ * {kCtlKern, kKernProcargs2, pid}; anything else fails with ENOTSUP. A null oldp asks for the
+ * size alone. Process arguments fail with ESRCH for a process that has ended (also one not yet
+ * reaped) and for a kernel thread, EPERM for one that may not be read, ENOMEM when they do not
+ * fit in *oldlenp; nothing can be set (newp fails with EPERM). */
 int sysctl(const int* name, unsigned int namelen, void* oldp, std::size_t* oldlenp,
            const void* newp, std::size_t newlen);
 /** @see kill(2) */

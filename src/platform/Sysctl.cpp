@@ -120,6 +120,8 @@ int readProcessImage(pid_t pid, ProcessImage* image) {
     if (const int error = readWholeFile(folder.get(), "cmdline", &image->arguments); error != 0) {
         return processError(error);
     }
+    // No bytes at all: the process ended after the link was read, or it is in the middle of
+    // starting a new program and has not laid its arguments out yet.
     if (image->arguments.empty()) {
         return ESRCH;
     }
