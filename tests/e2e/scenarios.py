@@ -98,16 +98,17 @@ class Scenarios(unittest.TestCase):
         self.assert_log(answer, [*before, Waits(WAITING_TO_STOP)], "the stop")
 
     def assert_job_process(self, pid):
-        """pid is the job's server, run by launchd the way the job file says."""
+        """pid is the job's server, run by launchd the way the job file now says."""
         self.assertEqual(os.readlink(f"/proc/{pid}/exe"), SERVER, "executable of the server")
         self.assertEqual(harness.process_ids(pid), (ACCOUNT_ID, ACCOUNT_ID, [ACCOUNT_ID]),
                          "uid, gid and groups of the server")
         self.assertEqual(os.getsid(pid), pid, "the server leads its own session")
         self.assertEqual(os.readlink(f"/proc/{pid}/fd/0"), "/dev/null", "standard input of the server")
-        # The launcher passed the socket folder on under the name that the server knows.
-        expected = harness.default_arguments()
+        # The job file's arguments; the launcher passed the socket folder on under the name
+        # that the server knows.
+        expected = [argument.replace("unix_socket_directory=", "unix_socket_directories=")
+                    for argument in read_job_file()["ProgramArguments"]]
         expected[0] = SERVER
-        expected = [a.replace("unix_socket_directory=", "unix_socket_directories=") for a in expected]
         self.assertEqual(harness.command_line(pid), expected, "arguments of the server")
 
     def running_server(self):
