@@ -1,0 +1,334 @@
+"""What the end-to-end tests share: running them as root or skipping, starting a test inside a fresh
+sandbox, calling the host, and looking at the files, processes and server inside the sandbox.
+
+Standard library only: the tests run with Debian's own python3 inside the sandbox.
+"""
+
+import dataclasses
+import grp
+import json
+import os
+import pwd
+import stat
+import subprocess
+import sys
+import time
+
+PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+SANDBOX = os.path.join(PROJECT, "scripts", "sandbox")
+PYTHON = "/usr/bin/python3"
+
+# CTest's SKIP_RETURN_CODE, and the sandbox's status when this machine cannot run one.
+SKIP = 77
+
+JOB_FILE = "/System/Library/LaunchDaemons/org.postgresql.postgres.plist"
+DATA_DIR = "/var/pgsql"
+SOCKET_DIR = "/var/pgsql_socket"
+LOG_DIR = "/Library/Logs/PostgreSQL"
+LOG_FILE = LOG_DIR + "/PostgreSQL.log"
+MARKER = DATA_DIR + "/.10.7.4_log_directory_updated"
+ACCOUNT = "_postgres"
+ACCOUNT_ID = 216
+SERVER = "/usr/bin/postgres-15"
+PG_BIN = "/usr/lib/postgresql/15/bin"
+LOG_PREFIX = "velnor_postgres: "
+
+# The job file's arguments as the sandbox writes them, for the data folder /var/pgsql.
+DEFAULT_SETTINGS = [
+    "listen_addresses=",
+    "log_connections=on",
+    "log_directory=/Library/Logs/PostgreSQL",
+    "log_filename=PostgreSQL.log",
+    "log_lock_waits=on",
+    "log_statement=ddl",
+    "log_line_prefix=%t ",
+    "logging_collector=on",
+    "unix_socket_directory=/var/pgsql_socket",
+    "unix_socket_group=_postgres",
+    "unix_socket_permissions=0770",
+]
+
+
+def default_arguments(data_dir=DATA_DIR, settings=DEFAULT_SETTINGS):
+    arguments = ["/usr/bin/postgres", "-D", data_dir]
+    for setting in settings:
+        arguments += ["-c", setting]
+    return arguments
+
+
+# How long a test waits for something it can observe (a process ending, a connection becoming
+# idle) before it fails; generous, since a poll ends as soon as the condition holds.
+WAIT_SECONDS = 20.0
+POLL_SECONDS = 0.05
+
+
+# ------------------------------------------------------------------------------------------------
+# Root, CI and the sandbox.
+
+
+def in_ci():
+    return os.environ.get("CI", "").lower() not in ("", "0", "false", "no")
+
+
+def skip(reason):
+    """Ends the test as skipped, or as failed in CI, where nothing may skip."""
+    if in_ci():
+        print(f"FAILED: {reason}, and in CI a skipped end-to-end test is a failure", file=sys.stderr)
+        sys.exit(1)
+    print(f"SKIPPED: {reason}", file=sys.stderr)
+    sys.exit(SKIP)
+
+
+def require_root():
+    if os.geteuid() != 0:
+        skip("the end-to-end tests need root (they build sandboxes)")
+
+
+def run_in_sandbox(options, command, binds=()):
+    """Runs command in a fresh sandbox built with options; returns its exit status. A sandbox that
+    this machine cannot build skips the test."""
+    bind_options = [option for path in binds for option in ("--bind", path)]
+    status = subprocess.run([SANDBOX, *options, *bind_options, "--", *command]).returncode
+    if status == SKIP:
+        skip("this machine cannot run the sandbox")
+    return status
+
+
+# ------------------------------------------------------------------------------------------------
+# The host.
+
+
+@dataclasses.dataclass
+class Answer:
+    """What one run of velnor gave: exit status, the response parsed from JSON (None when absent),
+    the plug-in's log messages from standard error (from the prefix on), and standard error whole."""
+
+    status: int
+    response: object
+    log: list
+    stderr: str
+
+    def describe(self):
+        return f"exit status {self.status}, response {self.response!r}, stderr:\n{self.stderr}"
+
+
+class Host:
+    def __init__(self, velnor, plugin):
+        self.velnor = velnor
+        self.plugin = plugin
+
+    def __call__(self, *arguments):
+        completed = subprocess.run(
+            [self.velnor, "--plugin", self.plugin, "--json", *arguments],
+            capture_output=True,
+            text=True,
+            timeout=120,
+        )
+        out = completed.stdout.strip()
+        try:
+            response = json.loads(out) if out else None
+        except json.JSONDecodeError as error:
+            raise AssertionError(f"velnor {' '.join(arguments)} printed no JSON ({error}): {out!r}")
+        log = [line[line.index(LOG_PREFIX) :] for line in completed.stderr.splitlines() if LOG_PREFIX in line]
+        return Answer(completed.returncode, response, log, completed.stderr)
+
+
+@dataclasses.dataclass(frozen=True)
+class Waits:
+    """In an expected log: a waiting message repeated 0 to `most` times. How often a start or stop
+    waits depends on how fast the server comes up or notices its SIGTERM; four probes allow at most
+    three waits before the awaited answer."""
+
+    message: str
+    most: int = 3
+
+
+def log_matches(log, expected):
+    """True when log is expected, each Waits in it standing for its run of messages."""
+    position = 0
+    for item in expected:
+        if isinstance(item, Waits):
+            run = 0
+            while position < len(log) and log[position] == item.message and run < item.most:
+                position += 1
+                run += 1
+        elif position < len(log) and log[position] == item:
+            position += 1
+        else:
+            return False
+    return position == len(log)
+
+
+# ------------------------------------------------------------------------------------------------
+# Files and processes.
+
+
+@dataclasses.dataclass(frozen=True)
+class Attributes:
+    kind: str
+    mode: int
+    owner: str
+    group: str
+
+    def __repr__(self):
+        return f"{self.kind} {self.mode:04o} {self.owner}:{self.group}"
+
+
+def attributes(path):
+    """Kind, permissions, owner and group of path (not following a last symbolic link)."""
+    info = os.lstat(path)
+    kind = "folder" if stat.S_ISDIR(info.st_mode) else "file" if stat.S_ISREG(info.st_mode) else "other"
+    return Attributes(kind, stat.S_IMODE(info.st_mode), pwd.getpwuid(info.st_uid).pw_name,
+                      grp.getgrgid(info.st_gid).gr_name)
+
+
+def folder(mode, owner=ACCOUNT):
+    return Attributes("folder", mode, owner, owner)
+
+
+def regular_file(mode, owner=ACCOUNT):
+    return Attributes("file", mode, owner, owner)
+
+
+def wait_until(condition, what, seconds=WAIT_SECONDS):
+    """Polls condition until it holds; fails naming what was awaited when it does not in time."""
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            raise AssertionError(f"waited {seconds:.0f} s in vain until {what}")
+        time.sleep(POLL_SECONDS)
+
+
+def process_alive(pid):
+    """True while pid runs; a zombie has ended."""
+    try:
+        with open(f"/proc/{pid}/stat") as status:
+            return status.read().rsplit(")", 1)[1].split()[0] != "Z"
+    except FileNotFoundError:
+        return False
+
+
+def command_line(pid):
+    with open(f"/proc/{pid}/cmdline", "rb") as cmdline:
+        return [piece.decode() for piece in cmdline.read().split(b"\0") if piece]
+
+
+def process_ids(pid):
+    """Real uid, real gid and supplementary groups of pid."""
+    fields = {}
+    with open(f"/proc/{pid}/status") as status:
+        for line in status:
+            key, _, value = line.partition(":")
+            fields[key] = value.split()
+    return int(fields["Uid"][0]), int(fields["Gid"][0]), sorted(int(g) for g in fields["Groups"])
+
+
+def postmaster(data_dir=DATA_DIR):
+    """The pid of the server running on data_dir, or None."""
+    try:
+        with open(os.path.join(data_dir, "postmaster.pid")) as lock:
+            pid = int(lock.readline())
+    except (FileNotFoundError, ValueError):
+        return None
+    return pid if process_alive(pid) else None
+
+
+def server_titles():
+    """pid → process title of every running process of the server program."""
+    titles = {}
+    for entry in os.listdir("/proc"):
+        if not entry.isdigit():
+            continue
+        try:
+            if os.readlink(f"/proc/{entry}/exe") == SERVER and process_alive(int(entry)):
+                titles[int(entry)] = command_line(int(entry))[0]
+        except (OSError, IndexError):
+            continue
+    return titles
+
+
+# ------------------------------------------------------------------------------------------------
+# The database server.
+
+
+def as_account(command, **kwargs):
+    """Runs command inside the sandbox as the service account, the way an administrator would."""
+    return subprocess.run(
+        ["setpriv", f"--reuid={ACCOUNT_ID}", f"--regid={ACCOUNT_ID}", "--init-groups", *command],
+        capture_output=True,
+        text=True,
+        timeout=120,
+        **kwargs,
+    )
+
+
+def psql(sql, socket_dir=SOCKET_DIR):
+    """The rows that sql gives, as psql prints them unaligned; raises when it fails."""
+    completed = subprocess.run(
+        ["psql", "-X", "-A", "-t", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres", "-c", sql],
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
+    if completed.returncode != 0:
+        raise AssertionError(f"psql -c {sql!r} failed: {completed.stderr.strip()}")
+    return completed.stdout.strip()
+
+
+def answers(socket_dir=SOCKET_DIR):
+    """True when a server accepts a connection on socket_dir."""
+    return subprocess.run(
+        ["psql", "-X", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres", "-c", "SELECT 1"],
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.DEVNULL,
+        timeout=60,
+    ).returncode == 0
+
+
+class Client:
+    """A psql session kept open on a pipe, so that its server process sits idle until it is sent
+    more. Its application name finds its server process in pg_stat_activity."""
+
+    def __init__(self, name, socket_dir=SOCKET_DIR):
+        self.name = name
+        self.socket_dir = socket_dir
+        self.process = subprocess.Popen(
+            ["psql", "-X", "-q", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres"],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+            env={**os.environ, "PGAPPNAME": name},
+            text=True,
+        )
+        self.backend = None
+
+    def send(self, sql):
+        self.process.stdin.write(sql + "\n")
+        self.process.stdin.flush()
+
+    def wait_for_state(self, state):
+        """Waits until the session's server process is in state ('idle', 'idle in transaction') and
+        keeps its pid."""
+        query = f"SELECT pid, state FROM pg_stat_activity WHERE application_name = '{self.name}'"
+
+        def reached():
+            row = psql(query, self.socket_dir)
+            if row:
+                pid, current = row.split("|")
+                self.backend = int(pid)
+                return current == state
+            return False
+
+        wait_until(reached, f"the session {self.name} is {state}")
+        return self.backend
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.stdin.close()
+            self.process.wait(timeout=WAIT_SECONDS)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exception):
+        self.close()

@@ -1,0 +1,265 @@
+#!/usr/bin/python3
+"""The sandbox's own promises, checked from the real machine: it installs the service the way the
+plug-in expects, and whatever way it ends, it leaves no process, mount, file or shared memory behind.
+
+    sandbox_test.py NAME     runs one check
+    sandbox_test.py --list   the check names
+"""
+
+import glob
+import hashlib
+import json
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import textwrap
+import unittest
+
+# The tests run from the source tree, which the sandbox binds in: leave no byte code there.
+sys.dont_write_bytecode = True
+import harness  # noqa: E402
+from harness import ACCOUNT_ID, JOB_FILE, SANDBOX
+
+# Real paths that a sandbox writes to inside; none of it may reach the machine.
+TOUCHED_PATHS = ["/System", "/Library", "/var/pgsql", "/var/pgsql_socket", "/var/empty",
+                 "/usr/bin/postgres", "/usr/bin/postgres-15", "/usr/bin/postgres-marker",
+                 "/run/velnor", "/etc/passwd", "/etc/group", "/etc/shadow", "/etc/gshadow"]
+
+# Inside the sandbox: a server run the way launchd runs the job, an idle client, a detached
+# process and files in the system's folders; then the namespaces' ids on standard output, and the
+# ending that the test asks for.
+BUSY_SANDBOX = textwrap.dedent("""\
+    set -e
+    setsid setpriv --reuid=216 --regid=216 --init-groups /usr/bin/postgres -D /var/pgsql \\
+        -c listen_addresses= -c unix_socket_directory=/var/pgsql_socket </dev/null >/dev/null 2>&1 &
+    for attempt in $(seq 400); do
+        psql -X -h /var/pgsql_socket -U _postgres -c 'SELECT 1' postgres >/dev/null 2>&1 && break
+        sleep 0.05
+    done
+    setsid sh -c 'sleep infinity | psql -X -h /var/pgsql_socket -U _postgres postgres' \\
+        </dev/null >/dev/null 2>&1 &
+    setsid sleep infinity </dev/null >/dev/null 2>&1 &
+    mkdir -p /System/Library/Marker /Library/Marker
+    touch /usr/bin/postgres-marker
+    echo "intruder:x:4242:4242::/:/bin/sh" >> /etc/passwd
+    echo "$(readlink /proc/self/ns/pid) $(readlink /proc/self/ns/mnt) $(readlink /proc/self/ns/ipc)"
+    case $1 in
+        wait) exec sleep infinity ;;
+        *) exit "$1" ;;
+    esac
+    """)
+
+# Inside the sandbox: what it provides, as JSON.
+FACTS = textwrap.dedent("""\
+    import grp, json, os, plistlib, pwd, stat, subprocess, sys
+    def attributes(path):
+        if not os.path.lexists(path):
+            return None
+        info = os.lstat(path)
+        return [stat.S_IMODE(info.st_mode), info.st_uid, info.st_gid, stat.S_ISDIR(info.st_mode)]
+    def job():
+        try:
+            with open(sys.argv[1], "rb") as job_file:
+                head = job_file.read(8)
+                job_file.seek(0)
+                return {"format": "binary" if head == b"bplist00" else "xml",
+                        "content": plistlib.load(job_file)}
+        except FileNotFoundError:
+            return None
+    account = pwd.getpwnam("_postgres")
+    facts = {
+        "account": [account.pw_uid, account.pw_gid, grp.getgrgid(account.pw_gid).gr_name],
+        "cwd": os.getcwd(),
+        "pg_environment": sorted(name for name in os.environ if name.startswith("PG")),
+        "server_copy": open("/usr/bin/postgres-15", "rb").read()
+                       == open("/usr/lib/postgresql/15/bin/postgres", "rb").read(),
+        "job": job(),
+        "folders": {path: attributes(path) for path in sys.argv[2:]},
+    }
+    if os.path.exists("/var/pgsql/PG_VERSION"):
+        # What the server makes of the job's socket setting, passed through the launcher.
+        facts["socket_setting"] = subprocess.run(
+            ["setpriv", "--reuid=216", "--regid=216", "--init-groups", "/usr/bin/postgres",
+             "-D", "/var/pgsql", "-c", "unix_socket_directory=/tmp/a=b", "-C",
+             "unix_socket_directories"], capture_output=True, text=True).stdout.strip()
+    print(json.dumps(facts))
+    """)
+
+
+def fingerprint(path):
+    """What a real path is now: missing, or its kind and, for a file, its content's hash."""
+    if not os.path.lexists(path):
+        return None
+    if os.path.isfile(path):
+        with open(path, "rb") as content:
+            return "file " + hashlib.sha256(content.read()).hexdigest()
+    return "folder" if os.path.isdir(path) else "other"
+
+
+def machine_state():
+    """What of the real machine a sandbox could leave changed."""
+    with open("/proc/self/mountinfo") as mounts:
+        mount_points = {line.split()[4] for line in mounts}
+    return {
+        "paths": {path: fingerprint(path) for path in TOUCHED_PATHS},
+        "mounts": mount_points,
+        "shared_memory_files": sorted(glob.glob("/dev/shm/PostgreSQL.*")),
+        "ipc_of_account": ipc_of_account(),
+    }
+
+
+def ipc_of_account():
+    """System V shared memory segments and semaphores of the service account in this IPC
+    namespace."""
+    owned = []
+    for table in ("/proc/sysvipc/shm", "/proc/sysvipc/sem"):
+        with open(table) as rows:
+            column = rows.readline().split().index("uid")
+            owned += [row for row in rows if int(row.split()[column]) == ACCOUNT_ID]
+    return owned
+
+
+def processes_in(namespaces):
+    """pids of the processes that are in any of the namespaces (given as readlink texts)."""
+    found = []
+    for link in glob.glob("/proc/[0-9]*/ns/*"):
+        try:
+            if os.readlink(link) in namespaces:
+                found.append(int(link.split("/")[2]))
+        except OSError:
+            continue
+    return sorted(set(found))
+
+
+class Sandbox(unittest.TestCase):
+    maxDiff = None
+
+    def setUp(self):
+        self.scratch = tempfile.mkdtemp(prefix="velnor-sandbox-test-")
+        self.addCleanup(shutil.rmtree, self.scratch)
+
+    def start_busy_sandbox(self, ending):
+        """Starts a sandbox that runs a server and more, and returns it with its namespaces once
+        everything runs."""
+        script = os.path.join(self.scratch, "busy.sh")
+        with open(script, "w") as out:
+            out.write(BUSY_SANDBOX)
+        sandbox = subprocess.Popen(
+            [SANDBOX, "--initdb", "--socket-dir", "--bind", self.scratch, "--", "bash", script, ending],
+            stdout=subprocess.PIPE, text=True)
+        self.addCleanup(lambda: sandbox.poll() is None and sandbox.kill())
+        line = sandbox.stdout.readline()
+        namespaces = line.split()
+        own = [os.readlink(f"/proc/self/ns/{kind}") for kind in ("pid", "mnt", "ipc")]
+        self.assertEqual(len(namespaces), 3, f"the sandbox reported {line!r}")
+        for inside, outside in zip(namespaces, own):
+            self.assertNotEqual(inside, outside, "the sandbox has namespaces of its own")
+        return sandbox, namespaces
+
+    def assert_nothing_left(self, before, namespaces, how):
+        self.assertEqual(processes_in(namespaces), [], f"processes of the sandbox left after {how}")
+        after = machine_state()
+        self.assertEqual(after["paths"], before["paths"], f"real files changed after {how}")
+        self.assertEqual(after["mounts"] - before["mounts"], set(), f"mounts left after {how}")
+        self.assertEqual(after["shared_memory_files"], before["shared_memory_files"],
+                         f"POSIX shared memory left after {how}")
+        self.assertEqual(after["ipc_of_account"], [], f"System V IPC left after {how}")
+
+    def test_leaves_nothing_behind_when_the_command_ends(self):
+        for status in (0, 3):
+            with self.subTest(status=status):
+                before = machine_state()
+                sandbox, namespaces = self.start_busy_sandbox(str(status))
+                self.assertEqual(sandbox.wait(timeout=60), status, "the sandbox exits as its command")
+                self.assert_nothing_left(before, namespaces, f"a command that exits {status}")
+
+    def test_leaves_nothing_behind_when_interrupted(self):
+        for signal_number, status in ((signal.SIGINT, 130), (signal.SIGTERM, 143),
+                                      (signal.SIGHUP, 129)):
+            with self.subTest(signal=signal_number.name):
+                before = machine_state()
+                sandbox, namespaces = self.start_busy_sandbox("wait")
+                sandbox.send_signal(signal_number)
+                self.assertEqual(sandbox.wait(timeout=60), status, f"status after {signal_number.name}")
+                self.assert_nothing_left(before, namespaces, signal_number.name)
+
+    def test_leaves_nothing_behind_when_killed(self):
+        """SIGKILL leaves the sandbox no time to clean up: its namespaces die with it all the same,
+        though only just after it."""
+        before = machine_state()
+        sandbox, namespaces = self.start_busy_sandbox("wait")
+        sandbox.kill()
+        sandbox.wait(timeout=60)
+        harness.wait_until(lambda: not processes_in(namespaces), "the killed sandbox's processes end")
+        self.assert_nothing_left(before, namespaces, "SIGKILL")
+
+    def facts(self, *options, folders=(), env=None):
+        completed = subprocess.run(
+            [SANDBOX, *options, "--bind", self.scratch, "--", harness.PYTHON, "-c", FACTS, JOB_FILE,
+             *folders],
+            capture_output=True, text=True, timeout=120, cwd=self.scratch, env=env)
+        self.assertEqual(completed.returncode, 0, f"the sandbox failed: {completed.stderr}")
+        return json.loads(completed.stdout)
+
+    def test_installs_the_service(self):
+        folders = ["/var/pgsql", "/var/pgsql_socket", "/Library/Logs/PostgreSQL"]
+        plain = self.facts(folders=folders, env={**os.environ, "PGHOST": "/elsewhere", "PGPORT": "1"})
+        self.assertEqual(plain["account"], [216, 216, "_postgres"], "the service account")
+        self.assertTrue(plain["server_copy"], "/usr/bin/postgres-15 is the PostgreSQL 15 server")
+        self.assertEqual(plain["pg_environment"], [], "no libpq settings from the caller")
+        self.assertEqual(plain["cwd"], self.scratch, "the command runs in the caller's folder")
+        self.assertEqual(plain["folders"], dict.fromkeys(folders), "no data, socket or log folder")
+        self.assertEqual(plain["job"]["format"], "xml")
+        self.assertEqual(plain["job"]["content"], {
+            "Label": "org.postgresql.postgres", "UserName": "_postgres", "GroupName": "_postgres",
+            "ProgramArguments": harness.default_arguments()}, "the default job file")
+
+        full = self.facts("--initdb", "--socket-dir", "--log-dir", "--legacy-log-dir",
+                          "--binary-job-file", folders=folders)
+        self.assertEqual(full["folders"], {"/var/pgsql": [0o700, 216, 216, True],
+                                           "/var/pgsql_socket": [0o750, 216, 216, True],
+                                           "/Library/Logs/PostgreSQL": [0o755, 216, 216, True]})
+        self.assertEqual(full["job"]["format"], "binary")
+        legacy = [argument.replace("log_directory=/Library/Logs/PostgreSQL", "log_directory=/Library/Logs")
+                  for argument in harness.default_arguments()]
+        self.assertEqual(full["job"]["content"]["ProgramArguments"], legacy, "the older log setting")
+        self.assertEqual(full["socket_setting"], "/tmp/a=b",
+                         "the launcher passes unix_socket_directory= on under its new name")
+
+        self.assertIsNone(self.facts("--no-job-file")["job"], "--no-job-file")
+
+    def test_refuses_clearly(self):
+        for arguments, status in (([], 64), (["--no-such-option", "true"], 64),
+                                  (["--bind", "/no/such/folder", "true"], 64)):
+            with self.subTest(arguments=arguments):
+                completed = subprocess.run([SANDBOX, *arguments], capture_output=True, text=True)
+                self.assertEqual(completed.returncode, status, completed.stderr)
+                self.assertIn("scripts/sandbox: ", completed.stderr)
+        nobody = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                                 SANDBOX, "true"], capture_output=True, text=True)
+        self.assertEqual(nobody.returncode, harness.SKIP, "not root: refused as unable to run here")
+        self.assertIn("needs root", nobody.stderr)
+
+
+def check_names():
+    return [name[len("test_"):] for name in unittest.TestLoader().getTestCaseNames(Sandbox)]
+
+
+def main():
+    if sys.argv[1:] == ["--list"]:
+        print(";".join(check_names()))
+        return 0
+    if len(sys.argv) != 2 or sys.argv[1] not in check_names():
+        print(f"usage: sandbox_test.py --list | {' | '.join(check_names())}", file=sys.stderr)
+        return 64
+    harness.require_root()
+    suite = unittest.TestSuite([Sandbox("test_" + sys.argv[1])])
+    result = unittest.TextTestRunner(verbosity=2, stream=sys.stdout).run(suite)
+    return 0 if result.wasSuccessful() else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,493 @@
+#!/usr/bin/python3
+"""End-to-end scenarios: the host loads the plug-in and administers a real PostgreSQL 15 server,
+each scenario in its own fresh sandbox built with the options it declares.
+
+    scenarios.py --velnor PATH --plugin PATH [--bind DIR] NAME   builds the sandbox, runs NAME in it
+    scenarios.py --list                                          the scenario names
+
+Each scenario reads the host's JSON responses (checking the kind of every value: an integer is never
+a boolean), the plug-in's log messages on standard error, and the files, processes and server
+inside the sandbox.
+"""
+
+import argparse
+import os
+import plistlib
+import shutil
+import sys
+import time
+import unittest
+
+# The tests run from the source tree, which the sandbox binds in: leave no byte code there.
+sys.dont_write_bytecode = True
+import harness  # noqa: E402
+from harness import (ACCOUNT, ACCOUNT_ID, DATA_DIR, JOB_FILE, LOG_DIR, LOG_FILE, MARKER, SERVER,
+                     SOCKET_DIR, Waits, folder, regular_file)
+
+WAITING_TO_RESPOND = "velnor_postgres: waiting for postgres to respond"
+WAITING_TO_STOP = "velnor_postgres: waiting for postgres to stop"
+START_TIMED_OUT = "velnor_postgres: Timed out trying to start postgres."
+STOP_TIMED_OUT = "velnor_postgres: Timed out trying to stop postgres."
+RESTARTING = "velnor_postgres: Stopping/starting postgres to pick up settings change"
+CREATED_SOCKET_DIR = f"velnor_postgres: Created socket folder {SOCKET_DIR}"
+CREATED_LOG_DIR = f"velnor_postgres: Created log folder {LOG_DIR}"
+UPDATED_JOB_FILE = "velnor_postgres: Updated log directory in launchd plist file"
+
+
+def sandbox(*options):
+    """Declares the sandbox options that a scenario runs with."""
+
+    def declare(scenario):
+        scenario.sandbox_options = options
+        return scenario
+
+    return declare
+
+
+def read_job_file():
+    with open(JOB_FILE, "rb") as job:
+        return plistlib.load(job)
+
+
+def job_file_format():
+    with open(JOB_FILE, "rb") as job:
+        return "binary" if job.read(8) == b"bplist00" else "xml"
+
+
+def write_job_file(job):
+    with open(JOB_FILE, "wb") as out:
+        plistlib.dump(job, out)
+
+
+class Scenarios(unittest.TestCase):
+    host = None  # set by main
+
+    maxDiff = None
+
+    # --------------------------------------------------------------------------------------------
+    # Checks shared by the scenarios.
+
+    def velnor(self, *arguments, status=0):
+        answer = self.host(*arguments)
+        self.assertEqual(answer.status, status, f"velnor {' '.join(arguments)}: {answer.describe()}")
+        return answer
+
+    def assert_kinds(self, response, kinds, what):
+        """response holds exactly the keys of kinds, each value of exactly that type."""
+        self.assertEqual(sorted(response), sorted(kinds), f"keys of {what}")
+        for key, kind in kinds.items():
+            self.assertIs(type(response[key]), kind, f"{what}: {key} = {response[key]!r}")
+
+    def assert_state(self, state):
+        answer = self.velnor("status")
+        self.assertEqual(answer.response, {"state": state}, "plain state report")
+        return answer
+
+    def assert_log(self, answer, expected, what):
+        self.assertTrue(harness.log_matches(answer.log, expected),
+                        f"log of {what}: {answer.log}, expected {expected}")
+
+    def assert_started(self, answer, before=()):
+        """A start that succeeded: nothing answered, the expected messages, then no more waits
+        than four probes allow."""
+        self.assertIsNone(answer.response, "a successful start answers nothing")
+        self.assert_log(answer, [*before, Waits(WAITING_TO_RESPOND)], "the start")
+
+    def assert_stopped(self, answer, before=()):
+        self.assertIsNone(answer.response, "a successful stop answers nothing")
+        self.assert_log(answer, [*before, Waits(WAITING_TO_STOP)], "the stop")
+
+    def assert_job_process(self, pid):
+        """pid is the job's server, run by launchd the way the job file now says."""
+        self.assertEqual(os.readlink(f"/proc/{pid}/exe"), SERVER, "executable of the server")
+        self.assertEqual(harness.process_ids(pid), (ACCOUNT_ID, ACCOUNT_ID, [ACCOUNT_ID]),
+                         "uid, gid and groups of the server")
+        self.assertEqual(os.getsid(pid), pid, "the server leads its own session")
+        self.assertEqual(os.readlink(f"/proc/{pid}/fd/0"), "/dev/null", "standard input of the server")
+        # The job file's arguments; the launcher passed the socket folder on under the name
+        # that the server knows.
+        expected = [argument.replace("unix_socket_directory=", "unix_socket_directories=")
+                    for argument in read_job_file()["ProgramArguments"]]
+        expected[0] = SERVER
+        self.assertEqual(harness.command_line(pid), expected, "arguments of the server")
+
+    def running_server(self):
+        pid = harness.postmaster()
+        self.assertIsNotNone(pid, "a server runs on the data folder")
+        return pid
+
+    def wait_for_server_to_end(self):
+        harness.wait_until(lambda: harness.postmaster() is None, "the server has ended")
+
+    # --------------------------------------------------------------------------------------------
+    # Scenarios.
+
+    @sandbox("--legacy-log-dir")
+    def test_log_path(self):
+        """The log path comes from the job file as it stands and touches nothing."""
+        before = open(JOB_FILE, "rb").read()
+        answer = self.velnor("log-path")
+        self.assert_kinds(answer.response, {"log": str}, "log path")
+        self.assertEqual(answer.response["log"], "/Library/Logs/PostgreSQL.log",
+                         "a job file not yet migrated names the old folder")
+        self.assertEqual(answer.log, [], "the log-path report logs nothing")
+        self.assertFalse(os.path.exists(LOG_DIR), "the log-path report creates no log folder")
+        self.assertFalse(os.path.exists(SOCKET_DIR), "the log-path report creates no socket folder")
+        self.assertEqual(open(JOB_FILE, "rb").read(), before, "the log-path report migrates nothing")
+
+        job = read_job_file()
+        job["ProgramArguments"] += ["-c", "log_directory=pg_log", "-c", "log_filename=server-%a.log"]
+        write_job_file(job)
+        answer = self.velnor("log-path")
+        self.assertEqual(answer.response, {"log": "pg_log/server-%a.log"},
+                         "the last setting of each key counts, taken verbatim")
+
+        os.remove(JOB_FILE)
+        answer = self.velnor("log-path")
+        self.assertEqual(answer.response, {"log": LOG_FILE}, "without a job file, the defaults")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_state_report(self):
+        """Plain and detailed state, stopped and running, and the data folder's condition."""
+        answer = self.velnor("status")
+        self.assertEqual(answer.response, {"state": "STOPPED"}, "plain report of a stopped service")
+        self.assertEqual(answer.log, [], "a settled system logs nothing")
+
+        details = {"state": str, "PG_VERSION": str, "setStateVersion": int, "dataDir": str,
+                   "dataDirExists": bool, "dataDirIsDirectory": bool,
+                   "dataDirHasBeenInitialized": bool, "postgresIsResponding": bool,
+                   "PGserverVersion": int}
+        stopped = self.velnor("status", "--details").response
+        self.assert_kinds(stopped, details, "detailed report")
+        self.assertEqual(stopped, {"state": "STOPPED", "PG_VERSION": "9.0.5", "setStateVersion": 1,
+                                   "dataDir": DATA_DIR, "dataDirExists": True,
+                                   "dataDirIsDirectory": True, "dataDirHasBeenInitialized": True,
+                                   "postgresIsResponding": False, "PGserverVersion": 0},
+                         "detailed report of a stopped service")
+
+        self.assert_started(self.velnor("start"))
+        running = self.velnor("status", "--details").response
+        self.assert_kinds(running, details, "detailed report")
+        self.assertEqual(running["state"], "RUNNING")
+        self.assertIs(running["postgresIsResponding"], True)
+        self.assertEqual(running["PGserverVersion"], int(harness.psql("SHOW server_version_num")),
+                         "the server's own version number")
+        self.assertEqual(running["PG_VERSION"], "9.0.5", "the fixed version text, whatever the server")
+        self.velnor("stop")
+        self.wait_for_server_to_end()
+
+        os.rename(DATA_DIR, DATA_DIR + ".moved")
+        missing = self.velnor("status", "--details").response
+        self.assertEqual((missing["dataDir"], missing["dataDirExists"], missing["dataDirIsDirectory"],
+                          missing["dataDirHasBeenInitialized"]), (DATA_DIR, False, False, False),
+                         "a missing data folder")
+        with open(DATA_DIR, "w") as plain_file:
+            plain_file.write("not a folder\n")
+        blocked = self.velnor("status", "--details").response
+        self.assertEqual((blocked["dataDirExists"], blocked["dataDirIsDirectory"],
+                          blocked["dataDirHasBeenInitialized"]), (True, False, False),
+                         "a plain file where the data folder should be")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_start_then_stop(self):
+        """launchd runs the job as the job file says; start and stop wait for the probe."""
+        self.assert_started(self.velnor("start"))
+        pid = self.running_server()
+        self.assert_job_process(pid)
+        self.assert_state("RUNNING")
+        self.assertEqual(harness.psql("SHOW unix_socket_directories"), SOCKET_DIR)
+        self.assertEqual(harness.attributes(LOG_FILE), regular_file(0o600),
+                         "the server writes its log into the log folder")
+
+        again = self.velnor("start")
+        self.assertEqual((again.response, again.log), (None, []),
+                         "a second start finds the server answering at once")
+        self.assertEqual(harness.postmaster(), pid, "a second start starts no other server")
+
+        self.assert_stopped(self.velnor("stop"))
+        self.assertFalse(harness.answers(), "once the stop returns, the server no longer answers")
+        self.wait_for_server_to_end()
+        self.assert_state("STOPPED")
+
+        again = self.velnor("stop")
+        self.assertEqual((again.response, again.log), (None, []), "a second stop succeeds quietly")
+
+    @sandbox("--initdb")
+    def test_first_start_creates_folders(self):
+        """The first start on a fresh system creates both folders, marks the job file as migrated
+        (it never held the old setting, so it stays as it was) and starts the server."""
+        job_before = read_job_file()
+        answer = self.velnor("start")
+        self.assert_started(answer, before=[CREATED_SOCKET_DIR, CREATED_LOG_DIR])
+        self.assertEqual(harness.attributes(SOCKET_DIR), folder(0o750), "socket folder")
+        self.assertEqual(harness.attributes(LOG_DIR), folder(0o755), "log folder")
+        self.assertEqual(harness.attributes(MARKER), regular_file(0o600), "migration marker")
+        self.assertEqual(os.path.getsize(MARKER), 0, "the marker is empty")
+        self.assertEqual(read_job_file(), job_before, "a job file without the old setting is kept")
+        self.assert_job_process(self.running_server())
+
+        later = self.velnor("idle")
+        self.assertEqual((later.response, later.log), (0, []), "later housekeeping has nothing to do")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_stop_ends_idle_clients(self):
+        """A stop ends the idle sessions and succeeds; a session idle inside a transaction is left
+        alone, so the server, refusing new connections, runs on until that session leaves."""
+        self.assert_started(self.velnor("start"))
+        server = self.running_server()
+        with harness.Client("idle-one") as one, harness.Client("idle-two") as two, \
+                harness.Client("in-transaction") as busy:
+            one.send("SELECT 1;")
+            two.send("SELECT 1;")
+            busy.send("BEGIN; SELECT 1;")
+            idle = {one.wait_for_state("idle"), two.wait_for_state("idle")}
+            in_transaction = busy.wait_for_state("idle in transaction")
+            titles = harness.server_titles()
+            self.assertTrue(all(titles[pid].endswith("idle") for pid in idle), f"titles: {titles}")
+
+            stop = self.velnor("stop")
+            title = "postgres: _postgres postgres [local] idle"
+            kills = [f'velnor_postgres: killing idle postgres process with signature "{title}", '
+                     f"pid={pid}" for pid in idle]
+            # The process table lists them in either order.
+            if stop.log[:2] != kills:
+                kills.reverse()
+            self.assert_stopped(stop, before=kills)
+            for pid in idle:
+                harness.wait_until(lambda: not harness.process_alive(pid),
+                                   f"the idle session's server process {pid} has ended")
+            self.assertTrue(harness.process_alive(in_transaction),
+                            "the session inside a transaction is not ended")
+            self.assertTrue(harness.process_alive(server), "the server waits for that session")
+            self.assertFalse(harness.answers(), "a server shutting down refuses new connections")
+            state = self.velnor("status", "--details").response
+            self.assertEqual((state["state"], state["postgresIsResponding"], state["PGserverVersion"]),
+                             ("RUNNING", False, 0), "the job runs on while the probe fails")
+
+            busy.send("COMMIT;")
+            busy.close()
+            self.wait_for_server_to_end()
+        self.assert_state("STOPPED")
+
+    @sandbox("--socket-dir", "--log-dir")
+    def test_stop_times_out_while_a_server_started_by_hand_answers(self):
+        """A server that an administrator started by hand on the service's socket keeps answering
+        the probe, so a stop of the job times out; its idle sessions are not the job's to end."""
+        by_hand = "/var/db/by-hand"
+        os.makedirs(by_hand, mode=0o700)
+        os.chown(by_hand, ACCOUNT_ID, ACCOUNT_ID)
+        initdb = harness.as_account([f"{harness.PG_BIN}/initdb", "-U", ACCOUNT, "--auth=trust",
+                                     "-D", by_hand], env={"LC_ALL": "C.UTF-8", "PATH": "/usr/bin:/bin"})
+        self.assertEqual(initdb.returncode, 0, f"initdb: {initdb.stderr}")
+        pg_ctl = harness.as_account([f"{harness.PG_BIN}/pg_ctl", "-D", by_hand, "-w", "-l",
+                                     f"{by_hand}/server.log", "-o",
+                                     f"-c listen_addresses= -c unix_socket_directories={SOCKET_DIR}",
+                                     "start"])
+        self.assertEqual(pg_ctl.returncode, 0, f"pg_ctl start: {pg_ctl.stderr}")
+        self.assert_state("STOPPED")
+
+        with harness.Client("by-hand-idle") as client:
+            client.send("SELECT 1;")
+            idle = client.wait_for_state("idle")
+            began = time.monotonic()
+            answer = self.velnor("stop", status=1)
+            took = time.monotonic() - began
+            self.assertEqual(answer.response, {"error": "CANNOT_STOP_SERVICE_TIMEOUT_ERR"})
+            self.assertEqual(answer.log, [WAITING_TO_STOP] * 4 + [STOP_TIMED_OUT], "log of the stop")
+            self.assertGreaterEqual(took, 2.0, "the stop waited four half seconds")
+            self.assertTrue(harness.process_alive(idle),
+                            "an idle session of a server not run from /usr/bin/postgres is not ended")
+        self.assertTrue(harness.answers(), "the server started by hand still answers")
+
+    @sandbox("--socket-dir", "--log-dir")
+    def test_start_without_data_folder_times_out(self):
+        """launchd runs the job, the server finds no data folder and exits, the probe never answers."""
+        answer = self.velnor("start", status=1)
+        self.assertEqual(answer.response, {"error": "CANNOT_START_SERVICE_TIMEOUT_ERR"})
+        self.assertEqual(answer.log, [WAITING_TO_RESPOND] * 4 + [START_TIMED_OUT], "log of the start")
+        self.assertFalse(os.path.exists(DATA_DIR), "no data folder appears")
+        harness.wait_until(lambda: self.host("status").response == {"state": "STOPPED"},
+                           "the job has ended")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_settings_change_restarts_server(self):
+        """A settings change on a running server is stored in the job file and applied by a
+        restart; on a stopped server it is only stored."""
+        self.assert_started(self.velnor("start"))
+        first = self.running_server()
+        self.assertEqual(harness.psql("SHOW work_mem"), "4MB", "the server's default")
+
+        answer = self.velnor("settings", "work_mem=12MB")
+        self.assert_kinds(answer.response, {"configuration": dict, "writeStatus": int,
+                                            "readStatus": int}, "settings write")
+        self.assertEqual((answer.response["writeStatus"], answer.response["readStatus"]), (0, 0))
+        expected = {setting.split("=")[0]: setting.split("=")[1] for setting in harness.DEFAULT_SETTINGS}
+        expected["work_mem"] = "12MB"
+        self.assertEqual(answer.response["configuration"], expected,
+                         "the merged settings, without the data folder taken by position")
+        self.assertEqual(answer.response["writeStatus"], 0)
+        self.assert_log(answer, [RESTARTING, Waits(WAITING_TO_STOP), Waits(WAITING_TO_RESPOND)],
+                        "the settings change")
+        self.assertEqual(harness.psql("SHOW work_mem"), "12MB", "the restarted server applies it")
+        second = self.running_server()
+        self.assertNotEqual(second, first, "a new server process")
+        self.assert_job_process(second)
+
+        job = read_job_file()
+        self.assertEqual(job["ProgramArguments"],
+                         harness.default_arguments(settings=sorted(
+                             harness.DEFAULT_SETTINGS + ["work_mem=12MB"])),
+                         "the job's arguments, settings in sorted order")
+        self.assertEqual({key: job[key] for key in ("Label", "UserName", "GroupName")},
+                         {"Label": "org.postgresql.postgres", "UserName": ACCOUNT, "GroupName": ACCOUNT},
+                         "the job file's other keys are kept")
+
+        read = self.velnor("settings").response
+        self.assertEqual(read, {"configuration": {**expected, "dataDir": DATA_DIR}, "readStatus": 0},
+                         "the settings read back, with the data folder")
+        self.assertIs(type(read["readStatus"]), int)
+
+        self.velnor("stop")
+        self.wait_for_server_to_end()
+        stopped = self.velnor("settings", "work_mem=16MB")
+        self.assertEqual(stopped.log, [], "a stopped server is not restarted")
+        self.assert_state("STOPPED")
+        self.assertIn("work_mem=16MB", read_job_file()["ProgramArguments"])
+
+    @sandbox()
+    def test_initial_setup_on_fresh_system(self):
+        """Initial setup writes the default arguments, creates and secures a data folder that it is
+        given, and makes a job file when there is none."""
+        job_before = read_job_file()
+        answer = self.velnor("setup")
+        self.assert_kinds(answer.response, {"command": str, "configuration": dict, "status": int},
+                          "initial setup")
+        self.assertEqual(answer.response, {"command": "initialSetup",
+                                           "configuration": {"dataLocation": DATA_DIR}, "status": 0})
+        self.assertEqual(answer.log, [], "no data location: nothing created, nothing logged")
+        self.assertFalse(os.path.exists(DATA_DIR), "no data folder without a data location")
+        self.assertEqual(read_job_file(), job_before, "the default job file is what setup writes")
+
+        location = "/var/db/postgres"
+        answer = self.velnor("setup", "--data-location", location)
+        self.assertEqual(answer.response, {"command": "initialSetup",
+                                           "configuration": {"dataLocation": location}, "status": 0})
+        self.assertEqual(answer.log, [f"velnor_postgres: Created dataLocation folder {location}"])
+        self.assertEqual(harness.attributes(location), folder(0o700), "the data folder")
+        self.assertEqual(read_job_file()["ProgramArguments"], harness.default_arguments(location))
+
+        again = self.velnor("setup", "--data-location", location)
+        self.assertEqual(again.response["status"], 0, "setup on an existing folder succeeds")
+        self.assertEqual(again.log, [f"velnor_postgres: Created dataLocation folder {location}"])
+
+        initdb = harness.as_account([f"{harness.PG_BIN}/initdb", "-U", ACCOUNT, "--auth=trust",
+                                     "-D", location], env={"LC_ALL": "C.UTF-8", "PATH": "/usr/bin:/bin"})
+        self.assertEqual(initdb.returncode, 0, f"initdb: {initdb.stderr}")
+        self.assert_started(self.velnor("start"), before=[CREATED_SOCKET_DIR, CREATED_LOG_DIR])
+        self.assertIsNotNone(harness.postmaster(location), "the server runs on the new data folder")
+
+        self.velnor("stop")
+        harness.wait_until(lambda: harness.postmaster(location) is None, "the server has ended")
+        os.remove(JOB_FILE)
+        answer = self.velnor("setup")
+        self.assertEqual(answer.response["status"], 0, "setup without a job file")
+        self.assertEqual(read_job_file(), {"ProgramArguments": harness.default_arguments()},
+                         "a missing job file is created holding just the arguments")
+
+    @sandbox()
+    def test_initial_setup_where_a_file_stands(self):
+        """A data location where a plain file stands: the error comes back, the file is untouched,
+        and the job file names that path all the same."""
+        location = "/var/db/pgdata"
+        os.makedirs(os.path.dirname(location))
+        with open(location, "w") as plain_file:
+            plain_file.write("keep me\n")
+        attributes_before = harness.attributes(location)
+        answer = self.velnor("setup", "--data-location", location, status=1)
+        self.assert_kinds(answer.response, {"error": str}, "failed initial setup")
+        reason = answer.response["error"]
+        self.assertTrue(reason, "the error says why")
+        self.assertEqual(answer.log, [
+            f"velnor_postgres: Error trying to create dataLocation folder {location}: {reason}"])
+        self.assertEqual(open(location).read(), "keep me\n", "the file is untouched")
+        self.assertEqual(harness.attributes(location), attributes_before, "the file keeps its owner")
+        self.assertEqual(read_job_file()["ProgramArguments"], harness.default_arguments(location),
+                         "the job file names the requested folder")
+
+    @sandbox("--legacy-log-dir", "--binary-job-file", "--initdb", "--socket-dir")
+    def test_log_directory_migration(self):
+        """A job file holding log_directory=/Library/Logs is migrated once, by the call that
+        creates the log folder, which then restarts the service."""
+        job_before = read_job_file()
+        self.assertEqual(self.velnor("log-path").response, {"log": "/Library/Logs/PostgreSQL.log"})
+
+        answer = self.velnor("status", "--details")
+        self.assertEqual((answer.response["state"], answer.response["postgresIsResponding"]),
+                         ("STOPPED", True),
+                         "the state from before the migration, the probe from after its restart")
+        self.assert_log(answer, [CREATED_LOG_DIR, UPDATED_JOB_FILE, Waits(WAITING_TO_RESPOND)],
+                        "the migration")
+
+        migrated = dict(job_before)
+        migrated["ProgramArguments"] = [
+            "log_directory=/Library/Logs/PostgreSQL" if argument == "log_directory=/Library/Logs"
+            else argument for argument in job_before["ProgramArguments"]]
+        self.assertEqual(read_job_file(), migrated, "only the log directory changed, in place")
+        self.assertEqual(job_file_format(), "xml", "the migrated job file is written as XML")
+        self.assertEqual(harness.attributes(LOG_DIR), folder(0o755), "log folder")
+        self.assertEqual(harness.attributes(MARKER), regular_file(0o600), "migration marker")
+        server = self.running_server()
+        self.assert_job_process(server)
+        self.assertTrue(os.path.exists(LOG_FILE), "the server logs into the new folder")
+        self.assertEqual(self.velnor("log-path").response, {"log": LOG_FILE})
+
+        later = self.velnor("idle")
+        self.assertEqual(later.log, [], "the migration runs once")
+        self.assertEqual(harness.postmaster(), server, "no second restart")
+
+        shutil.rmtree(LOG_DIR)
+        recreated = self.velnor("idle")
+        self.assertEqual(recreated.log, [CREATED_LOG_DIR],
+                         "a lost log folder is created again, the marker stops a second migration")
+        self.assertEqual(harness.postmaster(), server, "no restart once migrated")
+
+
+def scenario_names():
+    return [name[len("test_"):] for name in unittest.TestLoader().getTestCaseNames(Scenarios)]
+
+
+def run_inside(name, velnor, plugin):
+    Scenarios.host = harness.Host(velnor, plugin)
+    suite = unittest.TestSuite([Scenarios("test_" + name)])
+    result = unittest.TextTestRunner(verbosity=2, stream=sys.stdout).run(suite)
+    return 0 if result.wasSuccessful() else 1
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--list", action="store_true", help="print the scenario names")
+    parser.add_argument("--velnor", help="the host binary")
+    parser.add_argument("--plugin", help="the plug-in module")
+    parser.add_argument("--bind", action="append", default=[],
+                        help="a folder the sandbox needs besides the project (the build folder)")
+    parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
+    parser.add_argument("name", nargs="?", choices=scenario_names())
+    arguments = parser.parse_args()
+    if arguments.list:
+        print(";".join(scenario_names()))
+        return 0
+    if not (arguments.name and arguments.velnor and arguments.plugin):
+        parser.error("a scenario name, --velnor and --plugin are needed")
+    if arguments.inside:
+        return run_inside(arguments.name, arguments.velnor, arguments.plugin)
+    harness.require_root()
+    options = getattr(Scenarios, "test_" + arguments.name).sandbox_options
+    return harness.run_in_sandbox(
+        options,
+        [harness.PYTHON, os.path.abspath(__file__), "--inside", "--velnor", arguments.velnor,
+         "--plugin", arguments.plugin, arguments.name],
+        binds=arguments.bind)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
