@@ -1,5 +1,6 @@
 #include "LaunchdJobs.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -64,8 +65,10 @@ std::optional<StartedProcess> parseJobRecord(const std::string& text) {
     return process;
 }
 
-LaunchdJobs::LaunchdJobs(Folders folders, FailureLog log)
-    : folders_(std::move(folders)), log_(std::move(log)) {}
+LaunchdJobs::LaunchdJobs(Folders folders, FailureLog log, int stopGraceMilliseconds)
+    : folders_(std::move(folders)),
+      log_(std::move(log)),
+      stopGraceMilliseconds_(stopGraceMilliseconds) {}
 
 LaunchdJobs LaunchdJobs::onThisMachine() {
     return LaunchdJobs(
@@ -77,12 +80,45 @@ std::string LaunchdJobs::recordPath(const std::string& label) const {
     return folders_.recordFolder + "/" + label;
 }
 
+std::string LaunchdJobs::stoppingPath(const std::string& label) const {
+    return recordPath(label) + ".stopping";
+}
+
+bool LaunchdJobs::wasAskedToStop(const std::string& label, const StartedProcess& process) const {
+    std::string text;
+    const auto stopping =
+        readWholeFile(stoppingPath(label), text) ? parseJobRecord(text) : std::nullopt;
+    return stopping && stopping->pid == process.pid && stopping->startTime == process.startTime;
+}
+
+bool LaunchdJobs::awaitEnd(const std::string& label, const StartedProcess& process) const {
+    // A pid descriptor becomes readable when its process ends, whoever its parent is.
+    UniqueFd pinned(::pidfd_open(process.pid, 0));
+    if (pinned.valid() && isSameRunningProcess(process)) {
+        pollfd ending{pinned.get(), POLLIN, 0};
+        while (::poll(&ending, 1, stopGraceMilliseconds_) < 0 && errno == EINTR) {
+        }
+    }
+    if (!isSameRunningProcess(process)) {
+        return true;
+    }
+    return refuse("start", label,
+                  "its process (pid " + std::to_string(process.pid) + ") is still stopping after " +
+                      std::to_string(stopGraceMilliseconds_) + " ms");
+}
+
 bool LaunchdJobs::start(const std::string& label) {
     if (!isUsableLabel(label)) {
         return refuse("start", label, "the label is not a file name");
     }
-    if (isRunning(label)) {
-        return true;
+    if (auto process = runningProcess(label)) {
+        if (!wasAskedToStop(label, *process)) {
+            return true;
+        }
+        // launchd starts a job that is being removed only once its process has gone.
+        if (!awaitEnd(label, *process)) {
+            return false;
+        }
     }
     auto jobFile = jobFilePath(label);
     if (!jobFile) {
@@ -105,6 +141,7 @@ bool LaunchdJobs::start(const std::string& label) {
         return recorded;
     });
     if (outcome.executed) {
+        ::unlink(stoppingPath(label).c_str());
         return true;
     }
     if (recorded) {
@@ -127,6 +164,13 @@ bool LaunchdJobs::stop(const std::string& label) {
     std::string error;
     if (!signalToStop(*process, error)) {
         return refuse("stop", label, error);
+    }
+    // Remembered so that a start can tell a job winding down from one that runs. Should the
+    // mark not be written, a start right after this stop finds the job still running.
+    std::string markError;
+    if (!replaceWholeFileAtomically(stoppingPath(label), formatJobRecord(*process), kRecordFileMode,
+                                    &markError)) {
+        log_("cannot remember that job " + label + " is stopping: " + markError);
     }
     return true;
 }

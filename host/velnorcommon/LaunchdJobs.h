@@ -26,19 +26,27 @@ class LaunchdJobs {
     // Receives one line for each failure, without the log prefix.
     using FailureLog = std::function<void(const std::string& message)>;
 
-    LaunchdJobs(Folders folders, FailureLog log);
+    // How long a start waits, by default, for a stopping job's process to end.
+    static constexpr int kDefaultStopGraceMilliseconds = 10000;
+
+    LaunchdJobs(Folders folders, FailureLog log,
+                int stopGraceMilliseconds = kDefaultStopGraceMilliseconds);
 
     // The machine's jobs: /System/Library/LaunchDaemons, then /Library/LaunchDaemons, records
     // under /var/run/velnor/launchd, failures to the system log.
     static LaunchdJobs onThisMachine();
 
     // True at once when the job runs; otherwise true once its program has been executed (it
-    // may end at any time after that). False, with the reason logged, when the label is not a
-    // file name, the job file is missing or unusable, an account is unknown, the program cannot
-    // be executed or its record cannot be written; no record is then left.
+    // may end at any time after that). A job that was asked to stop and is still winding down
+    // does not count as running: its process is awaited for up to the stop grace time, then the job
+    // is started afresh, as launchd does for a job that is being removed. False, with the reason
+    // logged, when the label is not a file name, the job file is missing or unusable, an account is
+    // unknown, the program cannot be executed or its record cannot be written; no record is then
+    // left.
     bool start(const std::string& label);
 
-    // Sends SIGTERM to the job's process without waiting for it to end. True also when the job
+    // Sends SIGTERM to the job's process without waiting for it to end, and remembers that it
+    // was asked to stop (the file LABEL.stopping beside the record). True also when the job
     // does not run. False, with the reason logged, when there is no job file or the signal
     // cannot be sent.
     bool stop(const std::string& label);
@@ -49,6 +57,12 @@ class LaunchdJobs {
     std::string recordPath(const std::string& label) const;
 
   private:
+    std::string stoppingPath(const std::string& label) const;
+    // True when this very process was asked to stop.
+    bool wasAskedToStop(const std::string& label, const StartedProcess& process) const;
+    // Waits up to the grace time for the process to end. False, with the reason logged, when
+    // it is still there.
+    bool awaitEnd(const std::string& label, const StartedProcess& process) const;
     std::optional<std::string> jobFilePath(const std::string& label) const;
     std::optional<StartedProcess> runningProcess(const std::string& label) const;
     bool writeRecord(const std::string& label, const StartedProcess& process,
@@ -58,6 +72,7 @@ class LaunchdJobs {
 
     Folders folders_;
     FailureLog log_;
+    int stopGraceMilliseconds_;
 };
 
 // The text of a record, and the process that a record's text names (nothing when the text is

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <set>
@@ -171,6 +172,36 @@ TEST_F(LaunchdStandIn, StartRunsTheJobDetachedAsItsAccountAndStopEndsIt) {
     EXPECT_FALSE(jobs_.isRunning(kLabel));
     EXPECT_TRUE(jobs_.stop(kLabel)) << "stopping a stopped job";
     EXPECT_THAT(messages_, IsEmpty());
+}
+
+TEST_F(LaunchdStandIn, AJobStillWindingDownIsNotTakenForARunningOne) {
+    // The job ignores SIGTERM, so after a stop it stays until the test ends it; it says when
+    // it has set that up through a fifo.
+    const std::string ready = folder_ / "ready";
+    ASSERT_EQ(::mkfifo(ready.c_str(), 0600), 0);
+    const std::string script = "trap '' TERM; echo ready > " + ready + "; exec /bin/sleep 1000";
+    installJob(systemJobs_, jobRunning({"/bin/sh", "-c", script.c_str()}));
+    LaunchdJobs impatient({{systemJobs_, localJobs_}, records_},
+                          [this](const std::string& message) { messages_.push_back(message); }, 50);
+    ASSERT_TRUE(impatient.start(kLabel)) << ::testing::PrintToString(messages_);
+    const auto first = recordedProcess();
+    ASSERT_TRUE(first.has_value());
+    EXPECT_EQ(testing::fileText(ready), "ready\n");
+
+    ASSERT_TRUE(impatient.stop(kLabel));
+    EXPECT_TRUE(impatient.isRunning(kLabel)) << "the job's process is still there";
+    EXPECT_FALSE(impatient.start(kLabel)) << "a stopping job was taken for a running one";
+    EXPECT_THAT(messages_, ElementsAre(HasSubstr("is still stopping after 50 ms")));
+
+    ::kill(first->pid, SIGKILL);
+    waitForEnd(first->pid);
+    reap(first->pid);
+    ASSERT_TRUE(impatient.start(kLabel));
+    const auto second = recordedProcess();
+    ASSERT_TRUE(second.has_value());
+    EXPECT_NE(second->pid, first->pid);
+    EXPECT_EQ(testing::fileText(ready), "ready\n");
+    EXPECT_TRUE(impatient.isRunning(kLabel)) << "a fresh start was taken for the stopping job";
 }
 
 TEST_F(LaunchdStandIn, ProgramGetsItsStandardFilesWorkingFolderAndEnvironment) {
