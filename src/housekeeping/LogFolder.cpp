@@ -46,16 +46,9 @@ void replaceLegacyLogDirectorySetting() {
 }  // namespace
 
 void PostgresRequestHandler::createLogDir() {
-    if (platform::fileExists(kPostgresLogDir)) {
+    // A log folder that could not be created does not hold the migration back.
+    if (!createMissingFolder(kPostgresLogDir, logFolderAttributes(), "log")) {
         return;
-    }
-    const auto status = platform::createDirectory(kPostgresLogDir, logFolderAttributes());
-    if (status.succeeded) {
-        logMessage(LOG_NOTICE, "Created log folder %s", kPostgresLogDir);
-    } else {
-        // A log folder that could not be created does not hold the migration back.
-        logMessage(LOG_ERR, "Error trying to create log folder %s: %s", kPostgresLogDir,
-                   status.error.c_str());
     }
 
     // Throws, uncaught, when the arguments hold no "-D" with a folder after it.

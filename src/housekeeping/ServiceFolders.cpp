@@ -1,6 +1,7 @@
 #include "housekeeping/ServiceFolders.h"
 
 #include "handler/Constants.h"
+#include "handler/Log.h"
 
 namespace velnor::postgres {
 
@@ -14,6 +15,22 @@ platform::FileAttributes logFolderAttributes() {
 
 platform::FileAttributes migrationMarkerAttributes() {
     return {0600, kPostgresAccount, kPostgresAccount};
+}
+
+bool createMissingFolder(const char* path, const platform::FileAttributes& attributes,
+                         const char* role) {
+    // Anything there counts, a plain file included: the housekeeping never replaces it.
+    if (platform::fileExists(path)) {
+        return false;
+    }
+    const auto status = platform::createDirectory(path, attributes);
+    if (status.succeeded) {
+        logMessage(LOG_NOTICE, "Created %s folder %s", role, path);
+    } else {
+        logMessage(LOG_ERR, "Error trying to create %s folder %s: %s", role, path,
+                   status.error.c_str());
+    }
+    return true;
 }
 
 }  // namespace velnor::postgres
