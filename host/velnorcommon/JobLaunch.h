@@ -59,10 +59,14 @@ struct LaunchOutcome {
 };
 
 // Runs the plan in a new process whose parent is not the host (the host never holds a zombie),
-// in a session of its own. beforeProgram is called in the host once the process is set up,
-// before it executes the program; when it answers false the process ends without running
-// anything. Returns once the program has been executed or has failed to; it does not wait
-// for the program to do anything.
+// in a session of its own, with default signal handling, umask 022, standard input from
+// /dev/null and no descriptor of the host's. The process takes the job's account before
+// anything else, so that it enters the working folder and opens its output files (appending,
+// created 0644 when missing, owned by the job's account) with the job's rights only: a job
+// file can never make the host write where the job's account may not. beforeProgram is
+// called in the host once the process is set up, before it executes the program; when it
+// answers false the process ends without running anything. Returns once the program has been
+// executed or has failed to; it does not wait for the program to do anything.
 LaunchOutcome launchDetached(const LaunchPlan& plan,
                              const std::function<bool(const StartedProcess&)>& beforeProgram);
 
