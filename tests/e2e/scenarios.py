@@ -254,9 +254,7 @@ class Scenarios(unittest.TestCase):
             busy.send("BEGIN; SELECT 1;")
             idle = {one.wait_for_state("idle"), two.wait_for_state("idle")}
             in_transaction = busy.wait_for_state("idle in transaction")
-            # The sessions that asked pg_stat_activity may still be ending, idle for a moment.
-            harness.wait_until(lambda: idle_titled() == idle,
-                               "only the two sessions sit idle")
+            self.assertEqual(idle_titled(), idle, "only the two sessions sit idle")
 
             stop = self.velnor("stop")
             title = "postgres: _postgres postgres [local] idle"
