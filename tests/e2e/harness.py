@@ -263,16 +263,21 @@ def as_account(command, **kwargs):
 
 
 def psql(sql, socket_dir=SOCKET_DIR):
-    """The rows that sql gives, as psql prints them unaligned; raises when it fails."""
+    """The rows that sql gives, as psql prints them unaligned; raises when it fails. Returns once
+    the session's server process has ended: one left idle for a moment would be taken for an
+    idle client by a stop."""
     completed = subprocess.run(
-        ["psql", "-X", "-A", "-t", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres", "-c", sql],
+        ["psql", "-X", "-A", "-t", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres",
+         "-c", "SELECT pg_backend_pid()", "-c", sql],
         capture_output=True,
         text=True,
         timeout=60,
     )
     if completed.returncode != 0:
         raise AssertionError(f"psql -c {sql!r} failed: {completed.stderr.strip()}")
-    return completed.stdout.strip()
+    backend, _, rows = completed.stdout.partition("\n")
+    wait_until(lambda: not process_alive(int(backend)), f"the session of psql -c {sql!r} has ended")
+    return rows.strip()
 
 
 def answers(socket_dir=SOCKET_DIR):

@@ -49,9 +49,19 @@ def read_job_file():
         return plistlib.load(job)
 
 
-def job_file_format():
+def job_file_bytes():
     with open(JOB_FILE, "rb") as job:
-        return "binary" if job.read(8) == b"bplist00" else "xml"
+        return job.read()
+
+
+def job_file_format():
+    return "binary" if job_file_bytes().startswith(b"bplist00") else "xml"
+
+
+def idle_titled():
+    """pids of the job's server processes whose title marks an idle session."""
+    return {pid for pid, title in harness.server_titles().items()
+            if title.startswith("postgres:") and title.endswith("idle")}
 
 
 def write_job_file(job):
@@ -60,7 +70,7 @@ def write_job_file(job):
 
 
 class Scenarios(unittest.TestCase):
-    host = None  # set by main
+    host = None  # a harness.Host, set by run_inside
 
     maxDiff = None
 
@@ -94,6 +104,8 @@ class Scenarios(unittest.TestCase):
         self.assert_log(answer, [*before, Waits(WAITING_TO_RESPOND)], "the start")
 
     def assert_stopped(self, answer, before=()):
+        """A stop that succeeded: nothing answered, the expected messages, then no more waits
+        than four probes allow."""
         self.assertIsNone(answer.response, "a successful stop answers nothing")
         self.assert_log(answer, [*before, Waits(WAITING_TO_STOP)], "the stop")
 
@@ -125,7 +137,7 @@ class Scenarios(unittest.TestCase):
     @sandbox("--legacy-log-dir")
     def test_log_path(self):
         """The log path comes from the job file as it stands and touches nothing."""
-        before = open(JOB_FILE, "rb").read()
+        before = job_file_bytes()
         answer = self.velnor("log-path")
         self.assert_kinds(answer.response, {"log": str}, "log path")
         self.assertEqual(answer.response["log"], "/Library/Logs/PostgreSQL.log",
@@ -133,7 +145,7 @@ class Scenarios(unittest.TestCase):
         self.assertEqual(answer.log, [], "the log-path report logs nothing")
         self.assertFalse(os.path.exists(LOG_DIR), "the log-path report creates no log folder")
         self.assertFalse(os.path.exists(SOCKET_DIR), "the log-path report creates no socket folder")
-        self.assertEqual(open(JOB_FILE, "rb").read(), before, "the log-path report migrates nothing")
+        self.assertEqual(job_file_bytes(), before, "the log-path report migrates nothing")
 
         job = read_job_file()
         job["ProgramArguments"] += ["-c", "log_directory=pg_log", "-c", "log_filename=server-%a.log"]
@@ -242,8 +254,7 @@ class Scenarios(unittest.TestCase):
             busy.send("BEGIN; SELECT 1;")
             idle = {one.wait_for_state("idle"), two.wait_for_state("idle")}
             in_transaction = busy.wait_for_state("idle in transaction")
-            titles = harness.server_titles()
-            self.assertTrue(all(titles[pid].endswith("idle") for pid in idle), f"titles: {titles}")
+            self.assertEqual(idle_titled(), idle, "only the two sessions sit idle")
 
             stop = self.velnor("stop")
             title = "postgres: _postgres postgres [local] idle"
@@ -409,7 +420,8 @@ class Scenarios(unittest.TestCase):
         self.assertTrue(reason, "the error says why")
         self.assertEqual(answer.log, [
             f"velnor_postgres: Error trying to create dataLocation folder {location}: {reason}"])
-        self.assertEqual(open(location).read(), "keep me\n", "the file is untouched")
+        with open(location) as plain_file:
+            self.assertEqual(plain_file.read(), "keep me\n", "the file is untouched")
         self.assertEqual(harness.attributes(location), attributes_before, "the file keeps its owner")
         self.assertEqual(read_job_file()["ProgramArguments"], harness.default_arguments(location),
                          "the job file names the requested folder")
