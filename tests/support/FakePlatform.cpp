@@ -259,9 +259,6 @@ FileSystemStatus setAttributes(const std::string& path, const FileAttributes& at
 bool createFile(const std::string& path, const std::string& contents,
                 const FileAttributes& attributes) {
     fake().calls.push_back("createFile " + path);
-    if (fake().createFileFailures.count(path)) {
-        return false;
-    }
     fake().entries[path] = FakeEntry{FakeEntry::Kind::File, attributes, contents, std::nullopt, ""};
     return true;
 }
@@ -274,9 +271,6 @@ std::optional<PlistDictionary> readPropertyListDictionary(const std::string& pat
 
 bool writePropertyListDictionary(const std::string& path, const PlistDictionary& dictionary) {
     fake().calls.push_back("writePropertyListDictionary " + path);
-    if (fake().propertyListWriteFailures.count(path)) {
-        return false;
-    }
     auto& entry = fake().entries[path];
     entry.kind = FakeEntry::Kind::File;
     entry.propertyList = dictionary;

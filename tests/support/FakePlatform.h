@@ -14,7 +14,6 @@
 #include <functional>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -70,8 +69,6 @@ class FakePlatform {
     std::map<std::string, FakeEntry> entries;
     std::map<std::string, std::string> createDirectoryFailures;  // path -> error text
     std::map<std::string, std::string> setAttributesFailures;    // path -> error text
-    std::set<std::string> createFileFailures;
-    std::set<std::string> propertyListWriteFailures;
 
     // Process table; nullopt makes the table unreadable.
     std::optional<std::vector<FakeProcess>> processes = std::vector<FakeProcess>{};

@@ -157,14 +157,5 @@ TEST(DefaultVector, HasTwentyFiveElementsInItsOwnOrder) {
                     "unix_socket_group=_postgres", "-c", "unix_socket_permissions=0770"));
 }
 
-TEST(DefaultVector, IsReSortedByCompositionWithNothingLost) {
-    const auto stored = defaultArguments("/var/pgsql");
-    const auto composed = composeArguments(stored, scanSettings(stored));
-    ASSERT_EQ(composed.size(), 25u);
-    EXPECT_EQ(composed[12], "log_line_prefix=%t ");
-    EXPECT_EQ(composed[14], "log_lock_waits=on");
-    EXPECT_EQ(composed[16], "log_statement=ddl");
-}
-
 }  // namespace
 }  // namespace velnor::postgres
