@@ -1,104 +1,115 @@
-// `velnor call`: how each kind of answer is printed and how the run ends.
-#include "HostFixture.h"
+// velnor run for real against the test plug-in: how each kind of answer is printed, how the run
+// ends, where the request comes from, and what the host sets up around the call.
 #include "PropertyListFile.h"
+#include "VelnorProcess.h"
 
 namespace velnor::testing {
 namespace {
 
-class HostCallTest : public HostFixture {};
+using HostCallTest = HostFixture;
 
-TEST_F(HostCallTest, ResponseAsXmlKeepsIntegerZeroApartFromFalse) {
-    VelnorRun run = velnor({"call", "typesWithRequest"});
+TEST_F(HostCallTest, XmlResponseKeepsIntegerZeroApartFromFalseAndTheLogReachesStandardError) {
+    VelnorProcess process({"call", "typesWithRequest"}, environment());
+    VelnorRun run = process.finish();
     ASSERT_EQ(run.exitStatus, 0) << run.err;
     EXPECT_NE(run.out.find("<integer>0</integer>"), std::string::npos) << run.out;
     EXPECT_NE(run.out.find("<false/>"), std::string::npos) << run.out;
+    PlistDictionary expected;
+    expected.set("zero", PlistValue::integer(0));
+    expected.set("no", PlistValue::boolean(false));
+    expected.set("text", "Grüße \"quoted\"\n");
+    expected.set("PGHOST", "/var/pgsql_socket");
+    EXPECT_EQ(parsePropertyList(run.out), PlistValue(expected)) << run.out;
 
-    std::string error;
-    std::optional<PlistValue> printed = parsePropertyList(run.out, &error);
-    ASSERT_TRUE(printed.has_value()) << "stdout is no property list: " << error << "\n" << run.out;
-    const PlistDictionary* response = printed->asDictionary();
-    ASSERT_NE(response, nullptr);
-    EXPECT_EQ(*response->find("zero"), PlistValue::integer(0));
-    EXPECT_EQ(*response->find("no"), PlistValue::boolean(false));
-    EXPECT_EQ(*response->find("text"), PlistValue("Grüße \"quoted\"\n"));
+    std::string log = "velnor[" + std::to_string(process.pid()) + "]: velnor_test_plugin: ";
+    EXPECT_NE(run.err.find(log + "initialize\n"), std::string::npos)
+        << "the log must be open before the plug-in's class hook runs: " << run.err;
+    EXPECT_NE(run.err.find(log + "called typesWithRequest\n"), std::string::npos) << run.err;
 }
 
-TEST_F(HostCallTest, ResponseAsJsonKeepsIntegerZeroApartFromFalse) {
+TEST_F(HostCallTest, JsonResponseKeepsIntegerZeroApartFromFalse) {
     VelnorRun run = velnor({"--json", "call", "typesWithRequest"});
     ASSERT_EQ(run.exitStatus, 0) << run.err;
     EXPECT_EQ(run.out,
-              "{\n"
-              "  \"list\": [\n"
-              "    1,\n"
-              "    \"two\"\n"
-              "  ],\n"
-              "  \"no\": false,\n"
-              "  \"text\": \"Grüße \\\"quoted\\\"\\n\",\n"
-              "  \"zero\": 0\n"
-              "}\n");
-}
+              "{\n  \"PGHOST\": \"/var/pgsql_socket\",\n  \"no\": false,\n"
+              "  \"text\": \"Grüße \\\"quoted\\\"\\n\",\n  \"zero\": 0\n}\n")
+        << "when PGHOST is not set velnor sets it to the server's socket folder";
 
-TEST_F(HostCallTest, ErrorResponseIsPrintedAndExitsOne) {
-    VelnorRun request = velnor({"call", "errorWithRequest"});
-    EXPECT_EQ(request.exitStatus, 1) << request.err;
-    EXPECT_NE(request.out.find("<string>TEST_PLUGIN_ERR</string>"), std::string::npos)
-        << request.out;
-
-    VelnorRun service = velnor({"--json", "call", "startServiceWithVariant", "fail"});
-    EXPECT_EQ(service.exitStatus, 1) << service.err;
-    EXPECT_EQ(service.out, "{\n  \"error\": \"CANNOT_START_SERVICE_ERR\"\n}\n");
-}
-
-TEST_F(HostCallTest, AbsentResponsePrintsNothingAndExitsZero) {
-    VelnorRun run = velnor({"call", "stopServiceWithVariant"});
-    EXPECT_EQ(run.exitStatus, 0) << run.err;
-    EXPECT_EQ(run.out, "");
-    EXPECT_NE(run.err.find("stopServiceWithVariant variant=(absent)"), std::string::npos)
-        << "no argument must reach the plug-in as no variant: " << run.err;
-
-    VelnorRun json = velnor({"--json", "call", "stopServiceWithVariant", "skipDependenciesChecks"});
-    EXPECT_EQ(json.exitStatus, 0) << json.err;
-    EXPECT_EQ(json.out, "null\n");
-    EXPECT_NE(json.err.find("variant=skipDependenciesChecks"), std::string::npos) << json.err;
-}
-
-TEST_F(HostCallTest, OperationThatThrowsEndsWithoutResponse) {
-    VelnorRun run = velnor({"call", "throwWithRequest"});
-    EXPECT_EQ(run.exitStatus, 2);
-    EXPECT_EQ(run.out, "");
-    EXPECT_NE(run.err.find("velnor: throwWithRequest ended without a response: "
-                           "std::out_of_range: no element 3"),
+    EnvironmentChanges changes = environment();
+    changes["PGHOST"] = "/tmp/elsewhere";
+    EXPECT_NE(VelnorProcess({"--json", "call", "typesWithRequest"}, changes)
+                  .finish()
+                  .out.find("\"PGHOST\": \"/tmp/elsewhere\""),
               std::string::npos)
-        << run.err;
+        << "an explicit socket folder must be kept";
 }
 
-TEST_F(HostCallTest, IdleCountIsPassedAndItsResultPrinted) {
-    VelnorRun byDefault = velnor({"call", "doIdleAtCount"});
-    EXPECT_EQ(byDefault.exitStatus, 0) << byDefault.err;
-    EXPECT_NE(byDefault.out.find("<integer>0</integer>"), std::string::npos) << byDefault.out;
-
-    VelnorRun counted = velnor({"--json", "call", "doIdleAtCount", "-7"});
-    EXPECT_EQ(counted.exitStatus, 0) << counted.err;
-    EXPECT_EQ(counted.out, "-7\n");
-
-    VelnorRun tooBig = velnor({"call", "doIdleAtCount", "2147483648"});
-    EXPECT_EQ(tooBig.exitStatus, 64);
-    EXPECT_NE(tooBig.err.find("usage:"), std::string::npos) << tooBig.err;
-    EXPECT_EQ(tooBig.err.find("doIdleAtCount called"), std::string::npos)
-        << "the plug-in must not be called with a bad count";
-}
-
-TEST_F(HostCallTest, BadUsageExitsSixtyFourWithTheUsage) {
-    for (const auto& arguments :
-         {std::vector<std::string>{"call", "noSuchOperation"},
-          std::vector<std::string>{"call", "getstatewithrequest"},
-          std::vector<std::string>{"status", "--everything"},
-          std::vector<std::string>{"settings", "port"}, std::vector<std::string>{}}) {
-        VelnorRun run = velnor(arguments);
-        EXPECT_EQ(run.exitStatus, 64) << run.err;
-        EXPECT_NE(run.err.find("usage: velnor"), std::string::npos) << run.err;
-        EXPECT_EQ(run.out, "");
+// The plug-in's operation runs only when the host got that far: never on a bad command line, a
+// bad request or a module it must not use.
+TEST_F(HostCallTest, EachWayARunEndsHasItsOwnExitStatus) {
+    std::string missing = path("missing.plist");
+    std::string array = writeFile("array.plist", toXmlPropertyList(PlistValue(PlistArray{"x"})));
+    struct Case {
+        std::vector<std::string> arguments;
+        int status;
+        std::string out;
+        std::string err;
+        bool called;
+        std::string input = {};
+    };
+    const Case cases[] = {
+        {{"--json", "call", "stopServiceWithVariant"}, 0, "null\n", "", true},
+        {{"--json", "call", "stopServiceWithVariant", "fail"},
+         1,
+         "{\n  \"error\": \"CANNOT_STOP_SERVICE_ERR\"\n}\n",
+         "",
+         true},
+        {{"call", "throwWithRequest"},
+         2,
+         "",
+         "velnor: throwWithRequest ended without a response: std::out_of_range: no element 3",
+         true},
+        {{"call", "noSuchOperation"}, 64, "", "usage: velnor", false},
+        {{"status", "--everything"}, 64, "", "usage: velnor", false},
+        {{"call", "echoWithRequest", missing},
+         65,
+         "",
+         missing + ": No such file or directory",
+         false},
+        {{"call", "echoWithRequest", array}, 65, "", array + " holds an array", false},
+        {{"call", "echoWithRequest", "-"},
+         65,
+         "",
+         "standard input is not a property list",
+         false,
+         "{\"json\": true}"},
+        {{"--plugin", VELNOR_TEST_PLUGIN_OTHER_VERSION, "call", "echoWithRequest"},
+         69,
+         "",
+         "interface version",
+         false},
+    };
+    for (const Case& test : cases) {
+        VelnorRun run = velnor(test.arguments, test.input);
+        std::string line = test.arguments.back() + " (" + std::to_string(test.status) + "):\n";
+        EXPECT_EQ(run.exitStatus, test.status) << line << run.err;
+        EXPECT_EQ(run.out, test.out) << line;
+        EXPECT_NE(run.err.find(test.err), std::string::npos) << line << run.err;
+        EXPECT_EQ(run.err.find("velnor_test_plugin:") != std::string::npos, test.called)
+            << line << run.err;
     }
+}
+
+TEST_F(HostCallTest, RequestComesFromAFileOrStandardInputButNeverUnasked) {
+    PlistDictionary request;
+    request.set("upgrade", PlistValue::boolean(false));
+    request.set("count", PlistValue::integer(0));
+    std::string xml = toXmlPropertyList(PlistValue(request));
+    std::string echoed = "{\n  \"count\": 0,\n  \"upgrade\": false\n}\n";
+    EXPECT_EQ(velnor({"--json", "call", "echoWithRequest", writeFile("r.plist", xml)}).out, echoed);
+    EXPECT_EQ(velnor({"--json", "call", "echoWithRequest", "-"}, xml).out, echoed);
+    EXPECT_EQ(velnor({"--json", "call", "echoWithRequest"}, xml).out, "{}\n")
+        << "with no argument the request is empty and standard input is not read";
 }
 
 }  // namespace

@@ -29,15 +29,11 @@ TEST(HostJson, KeepsIntegersAndBooleansApartInDictionaryOrder) {
               "  \"readStatus\": 0,\n"
               "  \"state\": \"RUNNING\"\n"
               "}");
-}
-
-TEST(HostJson, WritesEveryKind) {
-    PlistArray array{PlistValue::integer(-9223372036854775807LL - 1), PlistValue::boolean(true),
-                     PlistValue(PlistArray{}), PlistValue(PlistDictionary{}), "x"};
-    EXPECT_EQ(toJson(PlistValue(array)),
-              "[\n  -9223372036854775808,\n  true,\n  [],\n  {},\n  \"x\"\n]");
-    EXPECT_EQ(toJson(PlistValue()), "null");
-    EXPECT_EQ(toJson(PlistValue::integer(0)), "0");
+    PlistArray array{PlistValue::integer(INT64_MIN), PlistArray{}, PlistDictionary{}};
+    EXPECT_EQ(toJson(PlistValue(array)), "[\n  -9223372036854775808,\n  [],\n  {}\n]");
+    EXPECT_EQ(formatResponse(PlistValue(), OutputForm::Json), "null\n");
+    EXPECT_EQ(formatResponse(PlistValue(), OutputForm::PropertyList), "");
+    EXPECT_EQ(formatResponse(PlistValue::boolean(false), OutputForm::Json), "false\n");
 }
 
 TEST(HostJson, EscapesStringsAndKeysButKeepsUtf8) {
@@ -46,21 +42,14 @@ TEST(HostJson, EscapesStringsAndKeysButKeepsUtf8) {
                                                                 "\x7f\"");
     EXPECT_EQ(toJson(std::string("nul\0byte", 8)), R"("nul\u0000byte")");
     EXPECT_EQ(toJson("Größe € 𝄞"), "\"Größe € 𝄞\"") << "valid UTF-8 passes unchanged";
-
     PlistDictionary dictionary;
     dictionary.set("a\"b\n", PlistValue::integer(1));
     EXPECT_EQ(toJson(PlistValue(dictionary)), "{\n  \"a\\\"b\\n\": 1\n}");
 }
 
 TEST(HostJson, ReplacesBytesThatAreNotUtf8SoTheDocumentStaysValid) {
-    struct Case {
-        std::string bytes;
-        std::string json;
-    };
-    const Case cases[] = {
-        {"a\xff"
-         "b",
-         R"("a\ufffdb")"},                                      // never valid
+    const std::pair<std::string, std::string> cases[] = {
+        {std::string("a\xff") + "b", R"("a\ufffdb")"},          // never valid
         {"\x80", R"("\ufffd")"},                                // stray continuation byte
         {"\xc3", R"("\ufffd")"},                                // truncated at the end
         {"\xc3(", R"("\ufffd(")"},                              // truncated by ASCII
@@ -70,28 +59,19 @@ TEST(HostJson, ReplacesBytesThatAreNotUtf8SoTheDocumentStaysValid) {
         {"\xf4\x90\x80\x80", R"("\ufffd\ufffd\ufffd\ufffd")"},  // beyond U+10FFFF
         {"\xf4\x8f\xbf\xbf", "\"\xf4\x8f\xbf\xbf\""},           // U+10FFFF itself is fine
     };
-    for (const Case& test : cases) {
-        EXPECT_EQ(toJson(test.bytes), test.json) << "for the bytes of " << test.json;
+    for (const auto& [bytes, json] : cases) {
+        EXPECT_EQ(toJson(bytes), json) << "for the bytes of " << json;
     }
 }
 
-TEST(HostHumanForm, OneLinePerEntryNestedDictionariesIndented) {
-    EXPECT_EQ(toHumanForm(stateReport()),
-              "configuration:\n"
-              "  dataDir: /var/pgsql\n"
-              "  port: 5432\n"
-              "dataDirExists: false\n"
-              "readStatus: 0\n"
-              "state: RUNNING\n");
-}
-
-TEST(HostHumanForm, ArraysEmptyValuesAndBareResults) {
+TEST(HostHumanForm, OneLinePerEntryNestedValuesIndented) {
     PlistDictionary inner;
     inner.set("k", "v");
     PlistDictionary response;
     response.set("list", PlistValue(PlistArray{"a", PlistValue::integer(2), PlistValue(inner)}));
     response.set("none", PlistValue(PlistArray{}));
     response.set("nothing", PlistValue(PlistDictionary{}));
+    response.set("no", PlistValue::boolean(false));
     response.set("text", "");
     EXPECT_EQ(toHumanForm(PlistValue(response)),
               "list:\n"
@@ -99,18 +79,12 @@ TEST(HostHumanForm, ArraysEmptyValuesAndBareResults) {
               "  - 2\n"
               "  -\n"
               "    k: v\n"
+              "no: false\n"
               "none: []\n"
               "nothing: {}\n"
               "text: \n");
     EXPECT_EQ(toHumanForm(PlistValue::integer(0)), "0\n");
-    EXPECT_EQ(toHumanForm(PlistValue()), "");
-}
-
-TEST(HostResponseText, AbsentPrintsNothingExceptNullInJson) {
-    EXPECT_EQ(formatResponse(PlistValue(), OutputForm::PropertyList), "");
     EXPECT_EQ(formatResponse(PlistValue(), OutputForm::Human), "");
-    EXPECT_EQ(formatResponse(PlistValue(), OutputForm::Json), "null\n");
-    EXPECT_EQ(formatResponse(PlistValue::boolean(false), OutputForm::Json), "false\n");
 }
 
 }  // namespace

@@ -1,11 +1,9 @@
 #include "VelnorProcess.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,8 +19,7 @@ std::vector<std::string> childEnvironment(const EnvironmentChanges& changes) {
     std::vector<std::string> result;
     for (char** entry = environ; *entry != nullptr; ++entry) {
         std::string_view text(*entry);
-        std::string name(text.substr(0, text.find('=')));
-        if (!changes.contains(name)) {
+        if (!changes.contains(std::string(text.substr(0, text.find('='))))) {
             result.emplace_back(text);
         }
     }
@@ -43,59 +40,48 @@ std::vector<char*> pointers(std::vector<std::string>& strings) {
     return result;
 }
 
-// A descriptor whose reading gives input and then the end: the child's standard input.
-int inputDescriptor(std::string_view input) {
-    int descriptor = memfd_create("velnor-input", MFD_CLOEXEC);
-    if (descriptor < 0) {
-        return -1;
-    }
-    if (write(descriptor, input.data(), input.size()) != static_cast<ssize_t>(input.size()) ||
-        lseek(descriptor, 0, SEEK_SET) != 0) {
+// A file in memory holding content, read from its start. As an output it is read back once the
+// child has ended, so nothing has to drain it meanwhile and a process that the child leaves
+// running cannot hold the test up by keeping it open.
+int memoryFile(std::string_view content) {
+    int descriptor = memfd_create("velnor-stream", MFD_CLOEXEC);
+    if (descriptor >= 0 && pwrite(descriptor, content.data(), content.size(), 0) < 0) {
         close(descriptor);
         return -1;
     }
     return descriptor;
 }
 
-// Appends what is there to read; false at the end of the stream.
-bool drain(int descriptor, std::string& text) {
+std::string contentOf(int descriptor) {
+    std::string text;
     char buffer[4096];
-    ssize_t count = read(descriptor, buffer, sizeof buffer);
-    if (count > 0) {
-        text.append(buffer, static_cast<std::size_t>(count));
-        return true;
+    ssize_t count = 0;
+    while ((count = pread(descriptor, buffer, sizeof buffer, off_t(text.size()))) > 0) {
+        text.append(buffer, std::size_t(count));
     }
-    return count < 0 && errno == EINTR;
+    return text;
 }
 
 }  // namespace
 
 VelnorProcess::VelnorProcess(const std::vector<std::string>& arguments,
-                             const EnvironmentChanges& changes, std::string_view input) {
-    int outPipe[2];
-    int errPipe[2];
-    int in = inputDescriptor(input);
-    if (in < 0 || pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
+                             const EnvironmentChanges& changes, std::string_view input)
+    : in_(memoryFile(input)), out_(memoryFile({})), err_(memoryFile({})) {
+    if (in_ < 0 || out_ < 0 || err_ < 0) {
         ADD_FAILURE() << "cannot set up velnor's standard streams: " << std::strerror(errno);
         return;
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
-
+    posix_spawn_file_actions_adddup2(&actions, in_, STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, out_, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err_, STDERR_FILENO);
     std::vector<std::string> argv{VELNOR_BINARY};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     std::vector<std::string> environment = childEnvironment(changes);
     int result = posix_spawn(&pid_, VELNOR_BINARY, &actions, nullptr, pointers(argv).data(),
                              pointers(environment).data());
     posix_spawn_file_actions_destroy(&actions);
-    close(in);
-    close(outPipe[1]);
-    close(errPipe[1]);
-    out_ = outPipe[0];
-    err_ = errPipe[0];
     if (result != 0) {
         pid_ = -1;
         ADD_FAILURE() << "cannot start " << VELNOR_BINARY << ": " << std::strerror(result);
@@ -107,7 +93,7 @@ VelnorProcess::~VelnorProcess() {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
-    for (int descriptor : {out_, err_}) {
+    for (int descriptor : {in_, out_, err_}) {
         if (descriptor >= 0) {
             close(descriptor);
         }
@@ -115,16 +101,14 @@ VelnorProcess::~VelnorProcess() {
 }
 
 bool VelnorProcess::hasWrittenOutput() const {
-    pollfd ready{out_, POLLIN, 0};
-    return poll(&ready, 1, 0) == 1 && (ready.revents & POLLIN) != 0;
+    struct stat status;
+    return fstat(out_, &status) == 0 && status.st_size > 0;
 }
 
 bool VelnorProcess::hasEnded() {
-    if (!waitStatus_ && pid_ > 0) {
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            waitStatus_ = status;
-        }
+    int status = 0;
+    if (!waitStatus_ && pid_ > 0 && waitpid(pid_, &status, WNOHANG) == pid_) {
+        waitStatus_ = status;
     }
     return waitStatus_.has_value();
 }
@@ -134,38 +118,14 @@ VelnorRun VelnorProcess::finish() {
     if (pid_ <= 0) {
         return run;
     }
-    pollfd streams[2] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
-    std::string* texts[2] = {&run.out, &run.err};
-    int open = 2;
-    while (open > 0) {
-        if (poll(streams, 2, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            break;
-        }
-        for (int index = 0; index < 2; ++index) {
-            if (streams[index].fd >= 0 && streams[index].revents != 0 &&
-                !drain(streams[index].fd, *texts[index])) {
-                streams[index].fd = -1;  // poll skips negative descriptors
-                --open;
-            }
-        }
+    int status = -1;  // read as not having exited, should waitpid fail
+    while (!waitStatus_ && waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
     }
-    if (!waitStatus_) {
-        int status = 0;
-        while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-        }
-        waitStatus_ = status;
-    }
+    waitStatus_ = waitStatus_.value_or(status);
     run.exitStatus = WIFEXITED(*waitStatus_) ? WEXITSTATUS(*waitStatus_) : -1;
+    run.out = contentOf(out_);
+    run.err = contentOf(err_);
     return run;
-}
-
-VelnorRun runVelnor(const std::vector<std::string>& arguments, const EnvironmentChanges& changes,
-                    std::string_view input) {
-    VelnorProcess process(arguments, changes, input);
-    return process.finish();
 }
 
 }  // namespace velnor::testing

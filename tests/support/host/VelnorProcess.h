@@ -1,9 +1,13 @@
 // Runs the real velnor program as a child process and collects what it printed and how it
-// ended, for the host's integration tests.
+// ended; and a fixture that gives each such test a scratch folder and an environment of its own.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <string>
@@ -38,18 +42,53 @@ class VelnorProcess {
     bool hasWrittenOutput() const;
     // True when the process has ended, without waiting.
     bool hasEnded();
-    // Reads both outputs to their end and waits for the process.
+    // Waits for the process and collects both outputs.
     VelnorRun finish();
 
   private:
     pid_t pid_ = -1;
+    int in_ = -1;
     int out_ = -1;
     int err_ = -1;
     std::optional<int> waitStatus_;
 };
 
-// Starts velnor and finishes it.
-VelnorRun runVelnor(const std::vector<std::string>& arguments, const EnvironmentChanges& changes,
-                    std::string_view input = {});
+class HostFixture : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/velnor-host-test.XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr) << "cannot create a scratch folder";
+        folder_ = pattern;
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(folder_, ignored);
+    }
+
+    std::string path(const std::string& name) const { return folder_ + "/" + name; }
+    // Inside a folder that velnor has to create, never under /var/run.
+    std::string lockPath() const { return path("run/host.lock"); }
+
+    // The test plug-in unless --plugin names another, the lock in the scratch folder, and no
+    // database socket chosen from outside.
+    EnvironmentChanges environment() const {
+        return {{"VELNOR_LOCK_FILE", lockPath()},
+                {"VELNOR_PLUGIN", VELNOR_TEST_PLUGIN},
+                {"PGHOST", std::nullopt}};
+    }
+
+    VelnorRun velnor(const std::vector<std::string>& arguments, std::string_view input = {}) {
+        return VelnorProcess(arguments, environment(), input).finish();
+    }
+
+    std::string writeFile(const std::string& name, std::string_view content) const {
+        std::string file = path(name);
+        std::ofstream(file, std::ios::binary) << content;
+        return file;
+    }
+
+  private:
+    std::string folder_;
+};
 
 }  // namespace velnor::testing
