@@ -1,5 +1,5 @@
-// What the integration tests of the host support library share: throwaway folders, running a
-// program and running code as another account.
+// What the integration tests of the host support library share: throwaway folders, running
+// Python's plistlib and running code as another account.
 #pragma once
 
 #include <grp.h>
@@ -26,11 +26,9 @@ namespace velnor::testing {
 class TemporaryFolder {
   public:
     TemporaryFolder() {
-        std::string pattern = "/tmp/velnor-hostlib-XXXXXX";
-        if (::mkdtemp(pattern.data()) == nullptr) {
+        if (::mkdtemp(path_.data()) == nullptr) {
             throw std::runtime_error("cannot create a temporary folder");
         }
-        path_ = pattern;
     }
     ~TemporaryFolder() {
         std::error_code ignored;
@@ -43,33 +41,26 @@ class TemporaryFolder {
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
   private:
-    std::string path_;
+    std::string path_ = "/tmp/velnor-hostlib-XXXXXX";
 };
 
-// The exit status of the program run with arguments, or -1 when it could not be run or did
-// not exit normally.
-inline int runProgram(const std::vector<std::string>& arguments) {
-    std::vector<char*> argv;
-    for (const auto& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    if (::posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
-        return -1;
-    }
-    int status = 0;
-    if (::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
-        return -1;
-    }
-    return WEXITSTATUS(status);
-}
-
-// Runs a Python script with plistlib, datetime and sys imported and the arguments in sys.argv.
+// The exit status of a Python script run with plistlib, datetime and sys imported and the
+// arguments in sys.argv, or -1 when it could not be run or did not exit normally.
 inline int runPython(const std::string& script, const std::vector<std::string>& arguments = {}) {
     std::vector<std::string> command{"python3", "-c", "import plistlib, datetime, sys\n" + script};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    return runProgram(command);
+    std::vector<char*> argv;
+    for (auto& argument : command) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    int status = 0;
+    if (::posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0 ||
+        ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
+        return -1;
+    }
+    return WEXITSTATUS(status);
 }
 
 inline std::string fileText(const std::string& path) {
@@ -85,10 +76,8 @@ inline void writeText(const std::string& path, const std::string& text) {
 
 inline struct stat statusOf(const std::string& path) {
     struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) {
-        throw std::runtime_error("cannot examine " + path);
-    }
-    return status;
+    return ::lstat(path.c_str(), &status) == 0 ? status
+                                               : throw std::runtime_error("cannot examine " + path);
 }
 
 inline std::vector<std::string> folderEntries(const std::string& path) {
@@ -106,10 +95,8 @@ struct Account {
 
 inline Account nobody() {
     const passwd* account = ::getpwnam("nobody");
-    if (account == nullptr) {
-        throw std::runtime_error("this machine has no account nobody");
-    }
-    return {account->pw_uid, account->pw_gid};
+    return account ? Account{account->pw_uid, account->pw_gid}
+                   : throw std::runtime_error("this machine has no account nobody");
 }
 
 // Runs check in a child process that has become account; true when check answered true there.

@@ -31,19 +31,12 @@ void writeJobWithPython(const std::string& path, const char* format) {
 
 class JobFileFormat : public ::testing::TestWithParam<const char*> {};
 
-TEST_P(JobFileFormat, GetReadsTheArgumentsOfAJobFileWithEveryKindOfValue) {
+TEST_P(JobFileFormat, GetReadsAndSetReplacesOnlyTheArgumentsKeepingModeAndOwner) {
     TemporaryFolder folder;
     const std::string path = folder / "job.plist";
     writeJobWithPython(path, GetParam());
-
     EXPECT_THAT(GetLaunchDaemonServiceConfigArgs(path),
                 ::testing::Optional(ElementsAre("/usr/bin/old", "-x")));
-}
-
-TEST_P(JobFileFormat, SetReplacesOnlyTheArgumentsKeepingModeAndOwner) {
-    TemporaryFolder folder;
-    const std::string path = folder / "job.plist";
-    writeJobWithPython(path, GetParam());
     const auto owner = testing::nobody();
     ASSERT_EQ(::chown(path.c_str(), owner.uid, owner.gid), 0);
     ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
@@ -75,34 +68,7 @@ TEST_P(JobFileFormat, SetReplacesOnlyTheArgumentsKeepingModeAndOwner) {
 INSTANTIATE_TEST_SUITE_P(XmlAndBinary, JobFileFormat,
                          ::testing::Values("plistlib.FMT_XML", "plistlib.FMT_BINARY"));
 
-TEST(LaunchDaemonArguments, GetGivesNothingForJobFilesWithoutAnArrayOfStrings) {
-    TemporaryFolder folder;
-    const struct {
-        const char* name;
-        const char* pythonValue;
-    } cases[] = {
-        {"topLevelArray", "['/usr/bin/postgres']"},
-        {"noArguments", "{'Label': 'org.example.job'}"},
-        {"argumentsAreAString", "{'ProgramArguments': '/usr/bin/postgres'}"},
-        {"integerAmongArguments", "{'ProgramArguments': ['/usr/bin/postgres', 5432]}"},
-        {"realAmongArguments", "{'ProgramArguments': ['/usr/bin/postgres', 1.5]}"},
-    };
-    for (const auto& job : cases) {
-        const std::string path = folder / job.name;
-        ASSERT_EQ(testing::runPython("plistlib.dump(" + std::string(job.pythonValue) +
-                                         ", open(sys.argv[1], 'wb'))",
-                                     {path}),
-                  0);
-        EXPECT_EQ(GetLaunchDaemonServiceConfigArgs(path), std::nullopt) << job.name;
-    }
-
-    testing::writeText(folder / "malformed", "<plist><dict><key>ProgramArguments</key>");
-    EXPECT_EQ(GetLaunchDaemonServiceConfigArgs(folder / "malformed"), std::nullopt);
-    EXPECT_EQ(GetLaunchDaemonServiceConfigArgs(folder / "missing"), std::nullopt);
-    EXPECT_EQ(GetLaunchDaemonServiceConfigArgs(folder.path()), std::nullopt) << "a folder";
-}
-
-TEST(LaunchDaemonArguments, SetCreatesAMissingJobFileHoldingJustTheArguments) {
+TEST(LaunchDaemonArguments, SetCreatesAMissingJobFileReadableByEveryone) {
     TemporaryFolder folder;
     const std::string path = folder / "job.plist";
     const mode_t oldUmask = ::umask(077);
@@ -117,15 +83,6 @@ TEST(LaunchDaemonArguments, SetCreatesAMissingJobFileHoldingJustTheArguments) {
     EXPECT_EQ(readPropertyListDictionary(path), expected);
     EXPECT_EQ(testing::statusOf(path).st_mode & 07777, 0644u)
         << "a job file must be readable by everyone whatever the writer's umask";
-}
-
-TEST(LaunchDaemonArguments, AnEmptyListIsStoredAndReadBackAsEmpty) {
-    TemporaryFolder folder;
-    const std::string path = folder / "job.plist";
-
-    ASSERT_TRUE(SetLaunchDaemonServiceConfigArgs(path, {}));
-
-    EXPECT_EQ(GetLaunchDaemonServiceConfigArgs(path), LaunchArguments{});
 }
 
 TEST(LaunchDaemonArguments, SetLeavesTheOldFileWholeWhenItCannotWrite) {
@@ -143,21 +100,6 @@ TEST(LaunchDaemonArguments, SetLeavesTheOldFileWholeWhenItCannotWrite) {
     })) << "the job file was rewritten in a folder that the writer may not change";
     EXPECT_EQ(testing::fileText(path), old);
     EXPECT_THAT(testing::folderEntries(jobs), UnorderedElementsAre("job.plist"));
-}
-
-TEST(LaunchDaemonArguments, SetRefusesToOverwriteAFileThatIsNotAJobFile) {
-    TemporaryFolder folder;
-    const std::string malformed = folder / "malformed.plist";
-    const std::string list = folder / "list.plist";
-    testing::writeText(malformed, "<plist><dict><key>Label</key>");
-    testing::writeText(list, toXmlPropertyList(PlistValue(PlistArray{PlistValue("a")})));
-    const std::string listBefore = testing::fileText(list);
-
-    EXPECT_FALSE(SetLaunchDaemonServiceConfigArgs(malformed, {"/new"}));
-    EXPECT_FALSE(SetLaunchDaemonServiceConfigArgs(list, {"/new"}));
-
-    EXPECT_EQ(testing::fileText(malformed), "<plist><dict><key>Label</key>");
-    EXPECT_EQ(testing::fileText(list), listBefore);
 }
 
 }  // namespace
