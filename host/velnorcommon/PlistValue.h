@@ -19,7 +19,7 @@ class PlistValue;
 using PlistArray = std::vector<PlistValue>;
 
 class PlistDictionary {
-public:
+  public:
     using Entries = std::map<std::string, PlistValue, std::less<>>;
 
     PlistDictionary() = default;
@@ -42,12 +42,12 @@ public:
 
     bool operator==(const PlistDictionary& other) const;
 
-private:
+  private:
     Entries entries_;
 };
 
 class PlistValue {
-public:
+  public:
     enum class Kind { Absent, String, Integer, Boolean, Array, Dictionary };
 
     PlistValue() = default;
@@ -73,7 +73,7 @@ public:
 
     bool operator==(const PlistValue& other) const { return value_ == other.value_; }
 
-private:
+  private:
     struct Integer {
         std::int64_t number;
         bool operator==(const Integer&) const = default;

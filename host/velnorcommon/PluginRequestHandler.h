@@ -6,7 +6,7 @@
 namespace velnor {
 
 class PluginRequestHandler {
-public:
+  public:
     PluginRequestHandler() = default;
     virtual ~PluginRequestHandler() = default;
 

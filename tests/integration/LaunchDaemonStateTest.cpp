@@ -156,8 +156,9 @@ TEST_F(LaunchdStandIn, AJobStillWindingDownIsNotTakenForARunningOne) {
     ASSERT_EQ(::mkfifo(ready.c_str(), 0600), 0);
     const std::string script = "trap '' TERM; echo ready > " + ready + "; exec /bin/sleep 1000";
     installJob(systemJobs_, jobRunning({"/bin/sh", "-c", script.c_str()}));
-    LaunchdJobs impatient({{systemJobs_, localJobs_}, records_},
-                          [this](const std::string& message) { messages_.push_back(message); }, 50);
+    LaunchdJobs impatient(
+        {{systemJobs_, localJobs_}, records_},
+        [this](const std::string& message) { messages_.push_back(message); }, 50);
     ASSERT_TRUE(impatient.start(kLabel)) << ::testing::PrintToString(messages_);
     const auto first = recordedProcess();
     ASSERT_TRUE(first.has_value());
