@@ -1,7 +1,7 @@
 // How long the idle-client scan takes over this machine's real process table, crowded with
 // processes of other accounts, beside the same search done with pgrep.
 //
-// Run as root: velnor build/tests/bench/idle_client_benchmark [--crowd=2000]
+// Run as root: build/bench/idle_client_benchmark [--crowd=2000]
 // The crowd runs as "nobody"; a few processes run as the service account's uid but are no
 // server, so they cost an argument read each and are never signalled.
 #include <benchmark/benchmark.h>
@@ -41,17 +41,21 @@ pid_t spawnWaiter(uid_t uid) {
 }
 
 class Crowd {
-public:
+  public:
     Crowd() {
-        for (int i = 0; i < crowdSize; ++i) pids_.push_back(spawnWaiter(kNobody));
-        for (int i = 0; i < serviceAccountProcesses; ++i) pids_.push_back(spawnWaiter(kServiceUid));
+        for (int i = 0; i < crowdSize; ++i)
+            pids_.push_back(spawnWaiter(kNobody));
+        for (int i = 0; i < serviceAccountProcesses; ++i)
+            pids_.push_back(spawnWaiter(kServiceUid));
     }
     ~Crowd() {
-        for (pid_t pid : pids_) kill(pid, SIGKILL);
-        for (pid_t pid : pids_) waitpid(pid, nullptr, 0);
+        for (pid_t pid : pids_)
+            kill(pid, SIGKILL);
+        for (pid_t pid : pids_)
+            waitpid(pid, nullptr, 0);
     }
 
-private:
+  private:
     std::vector<pid_t> pids_;
 };
 
@@ -63,9 +67,12 @@ void BM_ShutDownIdleClients(benchmark::State& state) {
 }
 
 void BM_Pgrep(benchmark::State& state) {
-    char* const arguments[] = {const_cast<char*>("pgrep"), const_cast<char*>("-u"),
-                               const_cast<char*>("216"), const_cast<char*>("-f"),
-                               const_cast<char*>("postgres: .*idle$"), nullptr};
+    char* const arguments[] = {const_cast<char*>("pgrep"),
+                               const_cast<char*>("-u"),
+                               const_cast<char*>("216"),
+                               const_cast<char*>("-f"),
+                               const_cast<char*>("postgres: .*idle$"),
+                               nullptr};
     for (auto _ : state) {
         pid_t pid = 0;
         if (posix_spawnp(&pid, "pgrep", nullptr, nullptr, arguments, environ) != 0) {
@@ -84,7 +91,8 @@ BENCHMARK(BM_Pgrep)->Unit(benchmark::kMicrosecond);
 
 int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
-        if (std::strncmp(argv[i], "--crowd=", 8) == 0) crowdSize = std::atoi(argv[i] + 8);
+        if (std::strncmp(argv[i], "--crowd=", 8) == 0)
+            crowdSize = std::atoi(argv[i] + 8);
     }
     benchmark::Initialize(&argc, argv);
     if (geteuid() != 0) {
