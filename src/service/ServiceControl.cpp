@@ -46,6 +46,38 @@ bool variantSkipsHousekeeping(const PlistValue& variant) {
     return text && std::string_view(*text).starts_with(kSkipDependenciesVariant);
 }
 
+// A change of the job's state: what launchd is asked for, and what is said and answered when it
+// refuses or the server does not follow in time.
+struct JobTransition {
+    int jobState;
+    const char* refusedError;
+    const char* waitingMessage;
+    const char* timeoutMessage;
+    const char* timeoutError;
+};
+
+constexpr JobTransition kStart = {
+    kJobRunning, "CANNOT_START_SERVICE_ERR", "waiting for postgres to respond",
+    "Timed out trying to start postgres.", "CANNOT_START_SERVICE_TIMEOUT_ERR"};
+constexpr JobTransition kStop = {
+    kJobStopped, "CANNOT_STOP_SERVICE_ERR", "waiting for postgres to stop",
+    "Timed out trying to stop postgres.", "CANNOT_STOP_SERVICE_TIMEOUT_ERR"};
+
+// Asks launchd for the job's new state, then waits for the server to follow: answering once the
+// job runs, silent once it is stopped.
+std::optional<PlistDictionary> moveJob(const PluginRequestHandler& handler,
+                                       const JobTransition& transition) {
+    if (!platform::setLaunchDaemonServiceState(kPostgresJobLabel, transition.jobState)) {
+        return handler.responseForError(transition.refusedError);
+    }
+    const bool awaitResponding = transition.jobState == kJobRunning;
+    if (waitUntilServer(awaitResponding, transition.waitingMessage) == WaitOutcome::Reached) {
+        return std::nullopt;
+    }
+    logMessage(LOG_WARNING, "%s", transition.timeoutMessage);
+    return handler.responseForError(transition.timeoutError);
+}
+
 }  // namespace
 
 std::optional<PlistDictionary> PostgresRequestHandler::startServiceWithVariant(
@@ -53,17 +85,7 @@ std::optional<PlistDictionary> PostgresRequestHandler::startServiceWithVariant(
     if (!variantSkipsHousekeeping(variant)) {
         runHousekeeping(*this);
     }
-    if (!platform::setLaunchDaemonServiceState(kPostgresJobLabel, kJobRunning)) {
-        return responseForError("CANNOT_START_SERVICE_ERR");
-    }
-    switch (waitUntilServer(true, "waiting for postgres to respond")) {
-        case WaitOutcome::Reached:
-            return std::nullopt;
-        case WaitOutcome::TimedOut:
-            break;
-    }
-    logMessage(LOG_WARNING, "Timed out trying to start postgres.");
-    return responseForError("CANNOT_START_SERVICE_TIMEOUT_ERR");
+    return moveJob(*this, kStart);
 }
 
 std::optional<PlistDictionary> PostgresRequestHandler::stopServiceWithVariant(
@@ -76,17 +98,7 @@ std::optional<PlistDictionary> PostgresRequestHandler::stopServiceWithVariant(
     if (!skipHousekeeping) {
         runHousekeeping(*this);
     }
-    if (!platform::setLaunchDaemonServiceState(kPostgresJobLabel, kJobStopped)) {
-        return responseForError("CANNOT_STOP_SERVICE_ERR");
-    }
-    switch (waitUntilServer(false, "waiting for postgres to stop")) {
-        case WaitOutcome::Reached:
-            return std::nullopt;
-        case WaitOutcome::TimedOut:
-            break;
-    }
-    logMessage(LOG_WARNING, "Timed out trying to stop postgres.");
-    return responseForError("CANNOT_STOP_SERVICE_TIMEOUT_ERR");
+    return moveJob(*this, kStop);
 }
 
 std::optional<PlistDictionary> PostgresRequestHandler::recycleServiceWithVariant(
