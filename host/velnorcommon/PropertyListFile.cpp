@@ -72,32 +72,35 @@ std::string toXmlPropertyList(const PlistValue& value) {
     return *xml;
 }
 
-bool writePropertyListInPlace(const std::string& path, const PlistValue& value) {
+namespace {
+
+using WholeFileWriter = bool (*)(const std::string& path, std::string_view contents,
+                                 mode_t newFileMode, std::string* error);
+
+// Writes the value's XML with one of the whole-file writers, saying in the host's log why not.
+bool writePropertyListWith(WholeFileWriter write, const std::string& path,
+                           const PlistValue& value) {
     auto xml = xmlOfValue(value);
     if (!xml) {
         logHostFailure("cannot write " + path + ": the value holds an absent value");
         return false;
     }
     std::string error;
-    if (!writeWholeFileInPlace(path, *xml, kNewFileMode, &error)) {
+    if (!write(path, *xml, kNewFileMode, &error)) {
         logHostFailure(error);
         return false;
     }
     return true;
 }
 
+}  // namespace
+
+bool writePropertyListInPlace(const std::string& path, const PlistValue& value) {
+    return writePropertyListWith(&writeWholeFileInPlace, path, value);
+}
+
 bool writePropertyListAtomically(const std::string& path, const PlistValue& value) {
-    auto xml = xmlOfValue(value);
-    if (!xml) {
-        logHostFailure("cannot write " + path + ": the value holds an absent value");
-        return false;
-    }
-    std::string error;
-    if (!replaceWholeFileAtomically(path, *xml, kNewFileMode, &error)) {
-        logHostFailure(error);
-        return false;
-    }
-    return true;
+    return writePropertyListWith(&replaceWholeFileAtomically, path, value);
 }
 
 }  // namespace velnor
