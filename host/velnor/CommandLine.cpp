@@ -160,10 +160,8 @@ ParsedCommandLine parseSettings(Command command, ArgumentCursor& cursor) {
         command.argument = PlistDictionary();
         return {std::move(command), {}};
     }
-    PlistDictionary request;
-    request.set("configuration", PlistValue(std::move(configuration)));
     command.operation = "writeSettingsWithRequest";
-    command.argument = std::move(request);
+    command.argument = PlistDictionary{{"configuration", PlistValue(std::move(configuration))}};
     return {std::move(command), {}};
 }
 

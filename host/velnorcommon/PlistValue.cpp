@@ -9,6 +9,13 @@ const PlistValue* PlistDictionary::find(std::string_view key) const {
     return entry == entries_.end() ? nullptr : &entry->second;
 }
 
+PlistDictionary::PlistDictionary(
+    std::initializer_list<std::pair<std::string, PlistValue>> entries) {
+    for (const auto& [key, value] : entries) {
+        set(key, value);
+    }
+}
+
 void PlistDictionary::set(std::string key, PlistValue value) {
     if (value.isAbsent()) {
         throw std::invalid_argument("cannot store an absent value under the key \"" + key + "\"");

@@ -6,10 +6,12 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -23,6 +25,8 @@ class PlistDictionary {
     using Entries = std::map<std::string, PlistValue, std::less<>>;
 
     PlistDictionary() = default;
+    // The entries stored one after another, as set stores them.
+    PlistDictionary(std::initializer_list<std::pair<std::string, PlistValue>> entries);
 
     // The value under key, or nullptr when the key is not there.
     const PlistValue* find(std::string_view key) const;

@@ -3,9 +3,7 @@
 namespace velnor {
 
 PlistDictionary PluginRequestHandler::responseForError(const char* code) const {
-    PlistDictionary response;
-    response.set("error", PlistValue(code));
-    return response;
+    return {{"error", PlistValue(code)}};
 }
 
 }  // namespace velnor

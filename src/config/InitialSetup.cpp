@@ -108,17 +108,12 @@ PlistDictionary PostgresRequestHandler::initialSetupWithRequest(const PlistDicti
     // Written in every case, after a failure too: the job file then names the folder asked for.
     platform::setLaunchDaemonServiceConfigArgs(kPostgresJobPlistPath, defaultArguments(dataFolder));
 
-    PlistDictionary response;
     if (error) {
-        response.set("error", PlistValue(*error));
-        return response;
+        return {{"error", PlistValue(*error)}};
     }
-    PlistDictionary configuration;
-    configuration.set("dataLocation", PlistValue(dataFolder));
-    response.set("command", PlistValue(kCommandName));
-    response.set("configuration", PlistValue(std::move(configuration)));
-    response.set("status", PlistValue::integer(0));
-    return response;
+    return {{"command", PlistValue(kCommandName)},
+            {"configuration", PlistDictionary{{"dataLocation", PlistValue(dataFolder)}}},
+            {"status", PlistValue::integer(0)}};
 }
 
 }  // namespace velnor::postgres

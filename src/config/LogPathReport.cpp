@@ -27,9 +27,7 @@ PlistDictionary PostgresRequestHandler::getLogPathsWithRequest(const PlistDictio
     const std::string folder = settingOr(settings, kLogDirectoryKey, kPostgresLogDir);
     const std::string fileName = settingOr(settings, kLogFileNameKey, kDefaultLogFileName);
 
-    PlistDictionary response;
-    response.set("log", PlistValue(joinPath(folder, fileName)));
-    return response;
+    return {{"log", PlistValue(joinPath(folder, fileName))}};
 }
 
 }  // namespace velnor::postgres

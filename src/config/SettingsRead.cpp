@@ -9,12 +9,9 @@ namespace velnor::postgres {
 
 PlistDictionary PostgresRequestHandler::readSettingsWithRequest(const PlistDictionary&) {
     runHousekeeping(*this);
-    PlistDictionary response;
-    response.set("configuration",
-                 PlistValue(scanSettingsAndDataFolder(
-                     platform::getLaunchDaemonServiceConfigArgs(kPostgresJobPlistPath))));
-    response.set("readStatus", PlistValue::integer(0));
-    return response;
+    const auto stored = platform::getLaunchDaemonServiceConfigArgs(kPostgresJobPlistPath);
+    return {{"configuration", PlistValue(scanSettingsAndDataFolder(stored))},
+            {"readStatus", PlistValue::integer(0)}};
 }
 
 }  // namespace velnor::postgres

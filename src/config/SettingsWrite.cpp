@@ -47,10 +47,9 @@ PlistDictionary PostgresRequestHandler::writeSettingsWithRequest(const PlistDict
                                                composeArguments(stored, merged));
 
     // Built before the restart, and saying nothing of how it went.
-    PlistDictionary response;
-    response.set("configuration", PlistValue(std::move(merged)));
-    response.set("writeStatus", PlistValue::integer(0));
-    response.set("readStatus", PlistValue::integer(0));
+    const PlistDictionary response{{"configuration", PlistValue(std::move(merged))},
+                                   {"writeStatus", PlistValue::integer(0)},
+                                   {"readStatus", PlistValue::integer(0)}};
     recycleServiceWithVariant(PlistValue());
     return response;
 }
