@@ -14,11 +14,10 @@ TEST_F(HostCallTest, XmlResponseKeepsIntegerZeroApartFromFalseAndTheLogReachesSt
     ASSERT_EQ(run.exitStatus, 0) << run.err;
     EXPECT_NE(run.out.find("<integer>0</integer>"), std::string::npos) << run.out;
     EXPECT_NE(run.out.find("<false/>"), std::string::npos) << run.out;
-    PlistDictionary expected;
-    expected.set("zero", PlistValue::integer(0));
-    expected.set("no", PlistValue::boolean(false));
-    expected.set("text", "Grüße \"quoted\"\n");
-    expected.set("PGHOST", "/var/pgsql_socket");
+    const PlistDictionary expected{{"zero", PlistValue::integer(0)},
+                                   {"no", PlistValue::boolean(false)},
+                                   {"text", "Grüße \"quoted\"\n"},
+                                   {"PGHOST", "/var/pgsql_socket"}};
     EXPECT_EQ(parsePropertyList(run.out), PlistValue(expected)) << run.out;
 
     std::string log = "velnor[" + std::to_string(process.pid()) + "]: velnor_test_plugin: ";
@@ -101,9 +100,8 @@ TEST_F(HostCallTest, EachWayARunEndsHasItsOwnExitStatus) {
 }
 
 TEST_F(HostCallTest, RequestComesFromAFileOrStandardInputButNeverUnasked) {
-    PlistDictionary request;
-    request.set("upgrade", PlistValue::boolean(false));
-    request.set("count", PlistValue::integer(0));
+    const PlistDictionary request{{"upgrade", PlistValue::boolean(false)},
+                                  {"count", PlistValue::integer(0)}};
     std::string xml = toXmlPropertyList(PlistValue(request));
     std::string echoed = "{\n  \"count\": 0,\n  \"upgrade\": false\n}\n";
     EXPECT_EQ(velnor({"--json", "call", "echoWithRequest", writeFile("r.plist", xml)}).out, echoed);

@@ -77,9 +77,8 @@ TEST(LaunchDaemonArguments, SetCreatesAMissingJobFileReadableByEveryone) {
     ::umask(oldUmask);
 
     ASSERT_TRUE(written);
-    PlistDictionary expected;
-    expected.set("ProgramArguments", PlistValue(PlistArray{PlistValue("/usr/bin/postgres"),
-                                                           PlistValue("-D"), PlistValue("x")}));
+    const PlistDictionary expected{
+        {"ProgramArguments", PlistArray{"/usr/bin/postgres", "-D", "x"}}};
     EXPECT_EQ(readPropertyListDictionary(path), expected);
     EXPECT_EQ(testing::statusOf(path).st_mode & 07777, 0644u)
         << "a job file must be readable by everyone whatever the writer's umask";

@@ -26,11 +26,8 @@ using testing::TemporaryFolder;
 constexpr const char* kLabel = "org.example.sleeper";
 
 PlistDictionary jobRunning(std::initializer_list<const char*> arguments) {
-    PlistArray array(arguments.begin(), arguments.end());
-    PlistDictionary job;
-    job.set("Label", PlistValue(kLabel));
-    job.set("ProgramArguments", PlistValue(array));
-    return job;
+    return {{"Label", kLabel},
+            {"ProgramArguments", PlistArray(arguments.begin(), arguments.end())}};
 }
 
 PlistDictionary sleeperAsNobody() {

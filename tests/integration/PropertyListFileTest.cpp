@@ -13,24 +13,21 @@ namespace velnor {
 namespace {
 
 PlistDictionary everyKindThatPlistValueHolds() {
-    PlistDictionary nested;
-    nested.set("Inner", PlistValue("x"));
-    PlistDictionary dictionary;
-    dictionary.set("Label", PlistValue("org.example.job"));
-    dictionary.set("Empty", PlistValue(""));
-    dictionary.set("Zero", PlistValue::integer(0));
-    dictionary.set("One", PlistValue::integer(1));
-    dictionary.set("False", PlistValue::boolean(false));
-    dictionary.set("True", PlistValue::boolean(true));
-    dictionary.set("Negative", PlistValue::integer(-42));
-    dictionary.set("Large", PlistValue::integer(std::int64_t{1} << 40));
-    dictionary.set("Smallest", PlistValue::integer(std::numeric_limits<std::int64_t>::min()));
-    dictionary.set("Largest", PlistValue::integer(std::numeric_limits<std::int64_t>::max()));
-    dictionary.set("List", PlistValue(PlistArray{PlistValue("a"), PlistValue::integer(0),
-                                                 PlistValue::boolean(false)}));
-    dictionary.set("Nested", PlistValue(nested));
-    dictionary.set("Markup", PlistValue("<a & \"b\">"));
-    return dictionary;
+    return {
+        {"Label", "org.example.job"},
+        {"Empty", ""},
+        {"Zero", PlistValue::integer(0)},
+        {"One", PlistValue::integer(1)},
+        {"False", PlistValue::boolean(false)},
+        {"True", PlistValue::boolean(true)},
+        {"Negative", PlistValue::integer(-42)},
+        {"Large", PlistValue::integer(std::int64_t{1} << 40)},
+        {"Smallest", PlistValue::integer(std::numeric_limits<std::int64_t>::min())},
+        {"Largest", PlistValue::integer(std::numeric_limits<std::int64_t>::max())},
+        {"List", PlistArray{"a", PlistValue::integer(0), PlistValue::boolean(false)}},
+        {"Nested", PlistDictionary{{"Inner", "x"}}},
+        {"Markup", "<a & \"b\">"},
+    };
 }
 
 const std::string kEveryKindInPython =

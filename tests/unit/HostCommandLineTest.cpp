@@ -31,20 +31,16 @@ TEST(HostCommandLine, CallKeepsItsArgumentRawUntilTheOperationIsKnown) {
 }
 
 TEST(HostCommandLine, FriendlyVerbsPrepareTheirRequestOrVariant) {
-    PlistDictionary configuration;
-    configuration.set("port", "5434");
-    configuration.set("search_path", "a=b");
-    configuration.set("listen_addresses", "");
-    PlistDictionary write;
-    write.set("configuration", configuration);
+    const PlistDictionary write{
+        {"configuration",
+         PlistDictionary{{"port", "5434"}, {"search_path", "a=b"}, {"listen_addresses", ""}}}};
     EXPECT_EQ(std::get<PlistDictionary>(parsed({"settings", "port=5433", "search_path=a=b",
                                                 "listen_addresses=", "port=5434"})
                                             .argument),
               write)
         << "values stay strings, split at the first =, a later KEY wins, empty is a value";
 
-    PlistDictionary upgrade;
-    upgrade.set("upgrade", PlistValue::boolean(true));
+    const PlistDictionary upgrade{{"upgrade", PlistValue::boolean(true)}};
     EXPECT_EQ(std::get<PlistDictionary>(parsed({"setup", "--upgrade"}).argument), upgrade)
         << "upgrade must be the boolean true, not an integer or a string";
     for (std::string_view verb : {"start", "stop", "restart"}) {

@@ -7,15 +7,11 @@ namespace velnor::host {
 namespace {
 
 PlistValue stateReport() {
-    PlistDictionary configuration;
-    configuration.set("dataDir", "/var/pgsql");
-    configuration.set("port", "5432");
-    PlistDictionary response;
-    response.set("state", "RUNNING");
-    response.set("readStatus", PlistValue::integer(0));
-    response.set("dataDirExists", PlistValue::boolean(false));
-    response.set("configuration", configuration);
-    return PlistValue(response);
+    return PlistDictionary{
+        {"state", "RUNNING"},
+        {"readStatus", PlistValue::integer(0)},
+        {"dataDirExists", PlistValue::boolean(false)},
+        {"configuration", PlistDictionary{{"dataDir", "/var/pgsql"}, {"port", "5432"}}}};
 }
 
 TEST(HostJson, KeepsIntegersAndBooleansApartInDictionaryOrder) {
@@ -42,9 +38,8 @@ TEST(HostJson, EscapesStringsAndKeysButKeepsUtf8) {
                                                                 "\x7f\"");
     EXPECT_EQ(toJson(std::string("nul\0byte", 8)), R"("nul\u0000byte")");
     EXPECT_EQ(toJson("Größe € 𝄞"), "\"Größe € 𝄞\"") << "valid UTF-8 passes unchanged";
-    PlistDictionary dictionary;
-    dictionary.set("a\"b\n", PlistValue::integer(1));
-    EXPECT_EQ(toJson(PlistValue(dictionary)), "{\n  \"a\\\"b\\n\": 1\n}");
+    EXPECT_EQ(toJson(PlistDictionary{{"a\"b\n", PlistValue::integer(1)}}),
+              "{\n  \"a\\\"b\\n\": 1\n}");
 }
 
 TEST(HostJson, ReplacesBytesThatAreNotUtf8SoTheDocumentStaysValid) {
@@ -65,15 +60,13 @@ TEST(HostJson, ReplacesBytesThatAreNotUtf8SoTheDocumentStaysValid) {
 }
 
 TEST(HostHumanForm, OneLinePerEntryNestedValuesIndented) {
-    PlistDictionary inner;
-    inner.set("k", "v");
-    PlistDictionary response;
-    response.set("list", PlistValue(PlistArray{"a", PlistValue::integer(2), PlistValue(inner)}));
-    response.set("none", PlistValue(PlistArray{}));
-    response.set("nothing", PlistValue(PlistDictionary{}));
-    response.set("no", PlistValue::boolean(false));
-    response.set("text", "");
-    EXPECT_EQ(toHumanForm(PlistValue(response)),
+    const PlistDictionary response{
+        {"list", PlistArray{"a", PlistValue::integer(2), PlistDictionary{{"k", "v"}}}},
+        {"none", PlistArray{}},
+        {"nothing", PlistDictionary{}},
+        {"no", PlistValue::boolean(false)},
+        {"text", ""}};
+    EXPECT_EQ(toHumanForm(response),
               "list:\n"
               "  - a\n"
               "  - 2\n"

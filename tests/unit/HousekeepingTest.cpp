@@ -19,15 +19,9 @@ constexpr char kJobFile[] = "/System/Library/LaunchDaemons/org.postgresql.postgr
 constexpr char kMarker[] = "/var/pgsql/.10.7.4_log_directory_updated";
 
 PlistDictionary jobFileWith(const LaunchArguments& arguments) {
-    PlistArray list;
-    for (const auto& element : arguments) {
-        list.emplace_back(element);
-    }
-    PlistDictionary job;
-    job.set("Label", PlistValue("org.postgresql.postgres"));
-    job.set("KeepAlive", PlistValue::boolean(false));
-    job.set("ProgramArguments", PlistValue(std::move(list)));
-    return job;
+    return {{"Label", "org.postgresql.postgres"},
+            {"KeepAlive", PlistValue::boolean(false)},
+            {"ProgramArguments", PlistArray(arguments.begin(), arguments.end())}};
 }
 
 class Housekeeping : public testing::PlatformTest {

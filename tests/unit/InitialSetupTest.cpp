@@ -1,9 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "FakePlatform.h"
+#include "HandlerTest.h"
 #include "config/LaunchArgumentCodec.h"
-#include "handler/PostgresRequestHandler.h"
 
 namespace velnor::postgres {
 namespace {
@@ -12,40 +11,24 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using testing::LogEntry;
 
-PlistDictionary request(std::initializer_list<std::pair<const char*, PlistValue>> entries) {
-    PlistDictionary dictionary;
-    for (const auto& [key, value] : entries) {
-        dictionary.set(key, value);
-    }
-    return dictionary;
-}
-
 PlistDictionary success(const std::string& folder) {
-    PlistDictionary configuration;
-    configuration.set("dataLocation", PlistValue(folder));
-    return request({{"command", PlistValue("initialSetup")},
-                    {"configuration", PlistValue(configuration)},
-                    {"status", PlistValue::integer(0)}});
+    return {{"command", "initialSetup"},
+            {"configuration", PlistDictionary{{"dataLocation", folder}}},
+            {"status", PlistValue::integer(0)}};
 }
 
-class InitialSetup : public testing::PlatformTest {
+class InitialSetup : public testing::HandlerTest {
   protected:
-    void SetUp() override {
-        PlatformTest::SetUp();
-        platform().addFolder("/var/pgsql_socket");
-        platform().addFolder("/Library/Logs/PostgreSQL");
-    }
     LaunchArguments storedVector() {
         return platform().storedArguments.empty() ? LaunchArguments{}
                                                   : platform().storedArguments.back();
     }
-    PostgresRequestHandler handler;
 };
 
 TEST_F(InitialSetup, FreshSetupCreatesTheFolderAndGivesItToTheServiceAccount) {
-    EXPECT_EQ(
-        handler.initialSetupWithRequest(request({{"dataLocation", PlistValue("/srv/pg/data")}})),
-        success("/srv/pg/data"));
+    EXPECT_EQ(handler.initialSetupWithRequest(
+                  PlistDictionary{{"dataLocation", PlistValue("/srv/pg/data")}}),
+              success("/srv/pg/data"));
     const auto* folder = platform().entry("/srv/pg/data");
     ASSERT_NE(folder, nullptr);
     ASSERT_TRUE(folder->attributes.has_value());
@@ -68,8 +51,8 @@ TEST_F(InitialSetup, WithoutALocationUsesTheDefaultAndCreatesNothing) {
 
 TEST_F(InitialSetup, UpgradeKeepsTheStoredFolderAndIgnoresTheLocation) {
     platform().jobArguments = LaunchArguments{"/usr/bin/postgres", "-c", "a=b", "-D", "/old/data"};
-    EXPECT_EQ(handler.initialSetupWithRequest(request(
-                  {{"upgrade", PlistValue::boolean(true)}, {"dataLocation", PlistValue("/new")}})),
+    EXPECT_EQ(handler.initialSetupWithRequest(PlistDictionary{
+                  {"upgrade", PlistValue::boolean(true)}, {"dataLocation", PlistValue("/new")}}),
               success("/old/data"));
     EXPECT_THAT(platform().callsStartingWith("createDirectory"), IsEmpty());
     EXPECT_EQ(storedVector(), defaultArguments("/old/data"));
@@ -78,8 +61,9 @@ TEST_F(InitialSetup, UpgradeKeepsTheStoredFolderAndIgnoresTheLocation) {
 TEST_F(InitialSetup, UpgradeWithoutAStoredFolderFallsBackToTheDefault) {
     platform().jobArguments = std::nullopt;
     platform().addFile("(null)/.10.7.4_log_directory_updated");
-    EXPECT_EQ(handler.initialSetupWithRequest(request({{"upgrade", PlistValue::boolean(true)}})),
-              success("/var/pgsql"));
+    EXPECT_EQ(
+        handler.initialSetupWithRequest(PlistDictionary{{"upgrade", PlistValue::boolean(true)}}),
+        success("/var/pgsql"));
     EXPECT_THAT(platform().log,
                 ElementsAre(LogEntry{LOG_WARNING,
                                      "velnor_postgres: Couldn't get dataDir from existing "
@@ -89,7 +73,7 @@ TEST_F(InitialSetup, UpgradeWithoutAStoredFolderFallsBackToTheDefault) {
 TEST_F(InitialSetup, AFolderThatCannotBeCreatedIsReportedAndStillNamedInTheJob) {
     platform().addFile("/srv/file");
     const auto response =
-        handler.initialSetupWithRequest(request({{"dataLocation", PlistValue("/srv/file")}}));
+        handler.initialSetupWithRequest(PlistDictionary{{"dataLocation", PlistValue("/srv/file")}});
     ASSERT_EQ(response.size(), 1u);
     const std::string error = *response.find("error")->asString();
     EXPECT_FALSE(error.empty());
@@ -103,8 +87,8 @@ TEST_F(InitialSetup, AFolderThatCannotBeCreatedIsReportedAndStillNamedInTheJob) 
 TEST_F(InitialSetup, AttributesThatCannotBeSetAreReportedWithoutTheReasonInTheLog) {
     platform().setAttributesFailures["/srv/db"] = "unknown account \"_postgres\"";
     const auto response =
-        handler.initialSetupWithRequest(request({{"dataLocation", PlistValue("/srv/db")}}));
-    EXPECT_EQ(response, request({{"error", PlistValue("unknown account \"_postgres\"")}}));
+        handler.initialSetupWithRequest(PlistDictionary{{"dataLocation", PlistValue("/srv/db")}});
+    EXPECT_EQ(response, (PlistDictionary{{"error", PlistValue("unknown account \"_postgres\"")}}));
     EXPECT_THAT(platform().logMessages(),
                 ElementsAre("velnor_postgres: Created dataLocation folder /srv/db",
                             "velnor_postgres: Error trying to set attributes of dataLocation "
@@ -130,16 +114,16 @@ TEST_F(InitialSetup, UpgradeAcceptsBooleansIntegersAndPlainWords) {
     for (const auto& c : cases) {
         platform().jobArguments = LaunchArguments{"/usr/bin/postgres", "-D", "/kept"};
         const auto response = handler.initialSetupWithRequest(
-            request({{"upgrade", c.upgrade}, {"dataLocation", PlistValue("/asked")}}));
+            PlistDictionary{{"upgrade", c.upgrade}, {"dataLocation", PlistValue("/asked")}});
         EXPECT_EQ(response, success(c.folder)) << ::testing::PrintToString(c.upgrade);
     }
 }
 
 TEST_F(InitialSetup, MalformedRequestsChangeNothing) {
     const PlistDictionary requests[] = {
-        request({{"upgrade", PlistValue("perhaps")}}),
-        request({{"upgrade", PlistValue(PlistArray{})}}),
-        request({{"dataLocation", PlistValue::integer(5)}}),
+        PlistDictionary{{"upgrade", PlistValue("perhaps")}},
+        PlistDictionary{{"upgrade", PlistValue(PlistArray{})}},
+        PlistDictionary{{"dataLocation", PlistValue::integer(5)}},
     };
     for (const auto& r : requests) {
         EXPECT_THROW(handler.initialSetupWithRequest(r), std::invalid_argument);

@@ -48,9 +48,8 @@ TEST_F(LogPathReport, FollowsTheJobFileAsItStands) {
 
 TEST_F(LogPathReport, CreatesNoFolderAndIgnoresItsRequest) {
     platform().jobArguments = defaultArguments("/var/pgsql");
-    PlistDictionary request;
-    request.set("variant", PlistValue::integer(3));
-    EXPECT_EQ(handler.getLogPathsWithRequest(request), handler.getLogPathsWithRequest({}));
+    EXPECT_EQ(handler.getLogPathsWithRequest({{"variant", PlistValue::integer(3)}}),
+              handler.getLogPathsWithRequest({}));
     EXPECT_TRUE(platform().callsStartingWith("fileExists").empty());
     EXPECT_TRUE(platform().callsStartingWith("createDirectory").empty());
 }

@@ -1,8 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "FakePlatform.h"
-#include "handler/PostgresRequestHandler.h"
+#include "HandlerTest.h"
 #include "service/LivenessProbe.h"
 
 namespace velnor::postgres {
@@ -12,25 +11,14 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 PlistDictionary errorResponse(const char* code) {
-    PlistDictionary response;
-    response.set("error", PlistValue(code));
-    return response;
+    return {{"error", code}};
 }
 
 std::vector<std::string> repeated(const std::string& message, int times) {
     return std::vector<std::string>(times, message);
 }
 
-class ServiceControl : public testing::PlatformTest {
-  protected:
-    void SetUp() override {
-        PlatformTest::SetUp();
-        // Both folders in place: the housekeeping is two existence tests.
-        platform().addFolder("/var/pgsql_socket");
-        platform().addFolder("/Library/Logs/PostgreSQL");
-    }
-    PostgresRequestHandler handler;
-};
+using ServiceControl = testing::HandlerTest;
 
 TEST_F(ServiceControl, StartThatAnswersAtOnceCostsNoSleepAndNoMessage) {
     platform().serverAnswers = 150000;

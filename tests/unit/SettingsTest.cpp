@@ -1,9 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "FakePlatform.h"
+#include "HandlerTest.h"
 #include "config/LaunchArgumentCodec.h"
-#include "handler/PostgresRequestHandler.h"
 
 namespace velnor::postgres {
 namespace {
@@ -12,29 +11,16 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 PlistDictionary configurationRequest(PlistValue configuration) {
-    PlistDictionary request;
-    request.set("configuration", std::move(configuration));
-    return request;
+    return {{"configuration", std::move(configuration)}};
 }
 
-PlistDictionary settings(std::initializer_list<std::pair<const char*, PlistValue>> entries) {
-    PlistDictionary dictionary;
-    for (const auto& [key, value] : entries) {
-        dictionary.set(key, value);
-    }
-    return dictionary;
-}
-
-class Settings : public testing::PlatformTest {
+class Settings : public testing::HandlerTest {
   protected:
     void SetUp() override {
-        PlatformTest::SetUp();
-        platform().addFolder("/var/pgsql_socket");
-        platform().addFolder("/Library/Logs/PostgreSQL");
+        HandlerTest::SetUp();
         platform().jobArguments = defaultArguments("/var/pgsql");
         platform().serverFollowsJob = true;
     }
-    PostgresRequestHandler handler;
 };
 
 TEST_F(Settings, ReadAnswersTheSameWhateverTheRequest) {
@@ -65,7 +51,7 @@ TEST_F(Settings, ReadRunsTheHousekeepingFirst) {
 
 TEST_F(Settings, WriteMergesSortsAndStoresTheWholeVector) {
     const auto response = handler.writeSettingsWithRequest(
-        configurationRequest(PlistValue(settings({{"log_statement", PlistValue("all")}}))));
+        configurationRequest(PlistValue(PlistDictionary{{"log_statement", PlistValue("all")}})));
     ASSERT_EQ(platform().storedArguments.size(), 1u);
     EXPECT_THAT(
         platform().storedArguments[0],
@@ -92,9 +78,9 @@ TEST_F(Settings, WriteTakesTheFolderFromPositionTwoAndDropsWhatIsNotASetting) {
 
 TEST_F(Settings, WriteWithANewFolderAndAnIntegerAndAValueHoldingEquals) {
     const auto response = handler.writeSettingsWithRequest(
-        configurationRequest(PlistValue(settings({{"dataDir", PlistValue("/srv/db")},
-                                                  {"work_mem", PlistValue::integer(4096)},
-                                                  {"search_path", PlistValue("a=b")}}))));
+        configurationRequest(PlistValue(PlistDictionary{{"dataDir", PlistValue("/srv/db")},
+                                                        {"work_mem", PlistValue::integer(4096)},
+                                                        {"search_path", PlistValue("a=b")}})));
     const auto& stored = platform().storedArguments.back();
     EXPECT_EQ(stored[2], "/srv/db");
     EXPECT_THAT(stored, ::testing::Contains("work_mem=4096"));
@@ -142,9 +128,9 @@ TEST_F(Settings, WriteWithoutAFolderSlotEndsBeforeStoringAnything) {
 TEST_F(Settings, MalformedRequestsAreRefusedBeforeAnythingHappens) {
     const PlistDictionary requests[] = {
         configurationRequest(PlistValue("log_statement=all")),
-        configurationRequest(PlistValue(settings({{"a", PlistValue::boolean(true)}}))),
-        configurationRequest(PlistValue(settings({{"a", PlistValue(PlistArray{})}}))),
-        configurationRequest(PlistValue(settings({{"dataDir", PlistValue::integer(1)}}))),
+        configurationRequest(PlistValue(PlistDictionary{{"a", PlistValue::boolean(true)}})),
+        configurationRequest(PlistValue(PlistDictionary{{"a", PlistValue(PlistArray{})}})),
+        configurationRequest(PlistValue(PlistDictionary{{"dataDir", PlistValue::integer(1)}})),
     };
     for (const auto& request : requests) {
         EXPECT_THROW(handler.writeSettingsWithRequest(request), std::invalid_argument);

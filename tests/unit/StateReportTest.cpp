@@ -1,8 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "FakePlatform.h"
-#include "handler/PostgresRequestHandler.h"
+#include "HandlerTest.h"
 
 namespace velnor::postgres {
 namespace {
@@ -10,18 +9,11 @@ namespace {
 using ::testing::ElementsAre;
 
 PlistDictionary variantRequest(PlistValue variant) {
-    PlistDictionary request;
-    request.set("variant", std::move(variant));
-    return request;
+    return {{"variant", std::move(variant)}};
 }
 
-class StateReport : public testing::PlatformTest {
+class StateReport : public testing::HandlerTest {
   protected:
-    void SetUp() override {
-        PlatformTest::SetUp();
-        platform().addFolder("/var/pgsql_socket");
-        platform().addFolder("/Library/Logs/PostgreSQL");
-    }
     PlistDictionary detailsFor(const std::string& dataFolder) {
         platform().jobArguments = LaunchArguments{"/usr/bin/postgres", "-D", dataFolder};
         return handler.getStateWithRequest(variantRequest(PlistValue("withDetails")));
@@ -29,18 +21,14 @@ class StateReport : public testing::PlatformTest {
     static bool flag(const PlistDictionary& response, const char* key) {
         return response.find(key)->asBoolean().value();
     }
-    PostgresRequestHandler handler;
 };
 
 TEST_F(StateReport, PlainReportHoldsTheStateAloneAndReadsNoJobFile) {
     platform().jobRunning = true;
     for (const PlistValue& variant : {PlistValue(), PlistValue(""), PlistValue("WithDetails"),
                                       PlistValue("details"), PlistValue(" withDetails")}) {
-        PlistDictionary request;
-        if (!variant.isAbsent()) {
-            request.set("variant", variant);
-        }
-        const auto response = handler.getStateWithRequest(request);
+        const auto response = handler.getStateWithRequest(
+            variant.isAbsent() ? PlistDictionary() : variantRequest(variant));
         EXPECT_EQ(response.size(), 1u);
         EXPECT_EQ(*response.find("state")->asString(), "RUNNING");
     }
