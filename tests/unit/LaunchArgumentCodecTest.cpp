@@ -88,16 +88,6 @@ TEST(DataFolderScan, FindsTheFirstElementAfterAFlagThatIsNeitherSettingNorFlag) 
     EXPECT_EQ(text(settings, "a"), "1");
 }
 
-TEST(DataFolderScan, ReadsTheDefaultVectorAsElevenSettingsAndTheFolder) {
-    const auto settings = scanSettingsAndDataFolder(defaultArguments("/var/pgsql"));
-    EXPECT_EQ(settings.size(), 12u);
-    EXPECT_EQ(text(settings, kDataDirKey), "/var/pgsql");
-    EXPECT_EQ(text(settings, "listen_addresses"), "");
-    EXPECT_EQ(text(settings, "log_line_prefix"), "%t ");
-    EXPECT_EQ(text(settings, "unix_socket_directory"), "/var/pgsql_socket");
-    EXPECT_EQ(text(settings, "unix_socket_group"), "_postgres");
-}
-
 TEST(DataFolderSlot, TakesPositionTwoWhateverStandsThere) {
     EXPECT_EQ(dataFolderSlot(LaunchArguments{"p", "-c", "a=b", "-D", "/P"}), "a=b");
     EXPECT_EQ(dataFolderSlot(std::nullopt), std::nullopt);
@@ -137,13 +127,6 @@ TEST(VectorComposition, FailsWhereTheFolderCannotBePlaced) {
     // With "dataDir" and a key before it, the vector is written without an executable.
     upper.set("dataDir", PlistValue("/d"));
     EXPECT_THAT(composeArguments(std::nullopt, upper), ElementsAre("-c", "-D", "/d", "A=1"));
-}
-
-TEST(VectorComposition, RefusesValuesWithoutATextForm) {
-    PlistDictionary settings;
-    settings.set("flag", PlistValue::boolean(true));
-    EXPECT_THROW(composeArguments(LaunchArguments{"p", "-D", "/d"}, settings),
-                 std::invalid_argument);
 }
 
 TEST(DefaultVector, HasTwentyFiveElementsInItsOwnOrder) {

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include "HandlerTest.h"
-#include "service/LivenessProbe.h"
 
 namespace velnor::postgres {
 namespace {
@@ -142,16 +141,6 @@ TEST_F(ServiceControl, RecycleOfARunningJobStopsAndStartsEvenAfterAFailedStop) {
     EXPECT_EQ(messages.front(),
               "velnor_postgres: Stopping/starting postgres to pick up settings change");
     EXPECT_EQ(messages.back(), "velnor_postgres: Timed out trying to stop postgres.");
-}
-
-TEST_F(ServiceControl, ProbeLeavesTheVersionPlaceAloneWhenItCannotConnect) {
-    std::int32_t version = 77;
-    EXPECT_FALSE(postgresIsResponding(&version));
-    EXPECT_EQ(version, 77);
-    platform().serverAnswers = 150018;
-    EXPECT_TRUE(postgresIsResponding(&version));
-    EXPECT_EQ(version, 150018);
-    EXPECT_EQ(platform().connectionsFinished, 2);
 }
 
 }  // namespace
