@@ -449,7 +449,7 @@ std::string failureOf(const LaunchPlan& plan, const Report& report) {
 
 // Follows the new process through its set-up to the program, answering its question
 // whether to go ahead.
-LaunchOutcome superviseStart(const LaunchPlan& plan, UniqueFd& channel,
+LaunchOutcome superviseStart(const LaunchPlan& plan, support::UniqueFd& channel,
                              const std::function<bool(const StartedProcess&)>& beforeProgram) {
     Report report{};
     switch (readReport(channel.get(), report)) {
@@ -540,8 +540,8 @@ LaunchOutcome launchDetached(const LaunchPlan& plan,
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         return failedBecause(std::string("cannot create a socket pair: ") + std::strerror(errno));
     }
-    UniqueFd hostEnd(aboveStandardDescriptors(ends[0]));
-    UniqueFd childEnd(aboveStandardDescriptors(ends[1]));
+    support::UniqueFd hostEnd(aboveStandardDescriptors(ends[0]));
+    support::UniqueFd childEnd(aboveStandardDescriptors(ends[1]));
     if (!hostEnd.valid() || !childEnd.valid()) {
         return failedBecause(std::string("cannot move a socket: ") + std::strerror(errno));
     }

@@ -93,7 +93,7 @@ bool LaunchdJobs::wasAskedToStop(const std::string& label, const StartedProcess&
 
 bool LaunchdJobs::awaitEnd(const std::string& label, const StartedProcess& process) const {
     // A pid descriptor becomes readable when its process ends, whoever its parent is.
-    UniqueFd pinned(::pidfd_open(process.pid, 0));
+    support::UniqueFd pinned(::pidfd_open(process.pid, 0));
     if (pinned.valid() && isSameRunningProcess(process)) {
         pollfd ending{pinned.get(), POLLIN, 0};
         while (::poll(&ending, 1, stopGraceMilliseconds_) < 0 && errno == EINTR) {
@@ -213,7 +213,7 @@ bool LaunchdJobs::signalToStop(const StartedProcess& process, std::string& error
     const std::string target = " (pid " + std::to_string(process.pid) + ")";
     // A pid descriptor pins one process. Checking the start time again through it leaves no
     // moment in which the pid could pass to another process before the signal.
-    UniqueFd pinned(::pidfd_open(process.pid, 0));
+    support::UniqueFd pinned(::pidfd_open(process.pid, 0));
     if (!pinned.valid()) {
         if (errno == ESRCH) {
             return true;

@@ -84,7 +84,7 @@ class TemporaryFile {
 
   private:
     std::string path_;
-    UniqueFd fd_;
+    support::UniqueFd fd_;
     bool created_ = false;
     bool renamed_ = false;
 };
@@ -103,7 +103,7 @@ bool takeOverAttributes(const TemporaryFile& file, const struct stat* old, mode_
 // Makes the rename itself durable. A failure here changes nothing that a reader could see, so
 // it is not reported.
 void flushFolder(const std::string& folder) {
-    UniqueFd fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    support::UniqueFd fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd.valid()) {
         ::fsync(fd.get());
     }
@@ -112,7 +112,7 @@ void flushFolder(const std::string& folder) {
 }  // namespace
 
 bool readWholeFile(const std::string& path, std::string& contents, std::string* error) {
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    support::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd.valid()) {
         return fail(error, "cannot open " + path, errno);
     }
@@ -144,7 +144,8 @@ bool readWholeFile(const std::string& path, std::string& contents, std::string* 
 
 bool writeWholeFileInPlace(const std::string& path, std::string_view contents, mode_t newFileMode,
                            std::string* error) {
-    UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, newFileMode));
+    support::UniqueFd fd(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, newFileMode));
     if (!fd.valid()) {
         return fail(error, "cannot open " + path + " for writing", errno);
     }

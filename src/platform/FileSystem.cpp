@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/FileDescriptor.h"
+#include "UniqueFd.h"
 
 namespace velnor::platform {
 namespace {
@@ -204,9 +204,9 @@ void removeFolders(const std::vector<std::string>& created) {
 FileSystemStatus secureNewFolder(const std::string& folder, const FileAttributes& attributes,
                                  const Ownership& ownership) {
     // Through a descriptor, so that a link put in place of the new folder is not followed.
-    FileDescriptor descriptor(
+    support::UniqueFd descriptor(
         open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!descriptor.isOpen()) {
+    if (!descriptor.valid()) {
         return ownerFailure(folder, attributes, errno);
     }
     bool ownerFailed = false;
@@ -232,13 +232,14 @@ FileSystemStatus makeFolder(const std::string& folder, bool secured, bool* creat
 
 // Opens path for writing without following a link, creating it owner-only when it is missing.
 // *created tells whether this call made the file.
-FileDescriptor openForReplacing(const std::string& path, bool* created) {
-    FileDescriptor file(
+support::UniqueFd openForReplacing(const std::string& path, bool* created) {
+    support::UniqueFd file(
         open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFileMode));
-    *created = file.isOpen();
+    *created = file.valid();
     if (!*created && errno == EEXIST) {
         // O_NONBLOCK: a FIFO in the way fails at once instead of waiting for a reader.
-        file = FileDescriptor(open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        file =
+            support::UniqueFd(open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     }
     return file;
 }
@@ -331,8 +332,8 @@ bool createFile(const std::string& path, const std::string& contents,
         return false;
     }
     bool created = false;
-    FileDescriptor file = openForReplacing(path, &created);
-    if (!file.isOpen() || !isRegularFile(file.get())) {
+    support::UniqueFd file = openForReplacing(path, &created);
+    if (!file.valid() || !isRegularFile(file.get())) {
         return false;
     }
     // The attributes change before the old contents go, so that a file which cannot be given

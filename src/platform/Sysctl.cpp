@@ -23,7 +23,7 @@
 #include <limits>
 #include <string>
 
-#include "platform/FileDescriptor.h"
+#include "UniqueFd.h"
 #include "platform/Kernel.h"
 
 namespace velnor::platform {
@@ -63,8 +63,8 @@ int processError(int error) {
 
 // Reads the whole file name in folder. Returns 0, or the error number.
 int readWholeFile(int folder, const char* name, std::string* contents) {
-    FileDescriptor file(openat(folder, name, O_RDONLY | O_CLOEXEC));
-    if (!file.isOpen()) {
+    support::UniqueFd file(openat(folder, name, O_RDONLY | O_CLOEXEC));
+    if (!file.valid()) {
         return errno;
     }
     contents->clear();
@@ -106,8 +106,8 @@ int readProcessImage(pid_t pid, ProcessImage* image) {
         return ESRCH;
     }
     const std::string folderPath = "/proc/" + std::to_string(pid);
-    FileDescriptor folder(open(folderPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder.isOpen()) {
+    support::UniqueFd folder(open(folderPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder.valid()) {
         return processError(errno);
     }
     // The link first: for another account's process it is what refuses a reader without the

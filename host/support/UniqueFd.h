@@ -5,7 +5,7 @@
 
 #include <utility>
 
-namespace velnor {
+namespace velnor::support {
 
 class UniqueFd {
   public:
@@ -42,4 +42,4 @@ class UniqueFd {
     int fd_ = -1;
 };
 
-}  // namespace velnor
+}  // namespace velnor::support
