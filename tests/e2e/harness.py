@@ -4,15 +4,18 @@ sandbox, calling the host, and looking at the files, processes and server inside
 Standard library only: the tests run with Debian's own python3 inside the sandbox.
 """
 
+import argparse
 import dataclasses
 import grp
 import json
 import os
+import plistlib
 import pwd
 import stat
 import subprocess
 import sys
 import time
+import unittest
 
 PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 SANDBOX = os.path.join(PROJECT, "scripts", "sandbox")
@@ -32,6 +35,16 @@ ACCOUNT_ID = 216
 SERVER = "/usr/bin/postgres-15"
 PG_BIN = "/usr/lib/postgresql/15/bin"
 LOG_PREFIX = "velnor_postgres: "
+
+WAITING_TO_RESPOND = "velnor_postgres: waiting for postgres to respond"
+WAITING_TO_STOP = "velnor_postgres: waiting for postgres to stop"
+START_TIMED_OUT = "velnor_postgres: Timed out trying to start postgres."
+STOP_TIMED_OUT = "velnor_postgres: Timed out trying to stop postgres."
+RESTARTING = "velnor_postgres: Stopping/starting postgres to pick up settings change"
+CREATED_SOCKET_DIR = f"velnor_postgres: Created socket folder {SOCKET_DIR}"
+CREATED_LOG_DIR = f"velnor_postgres: Created log folder {LOG_DIR}"
+UPDATED_JOB_FILE = "velnor_postgres: Updated log directory in launchd plist file"
+
 
 # The job file's arguments as the sandbox writes them, for the data folder /var/pgsql.
 DEFAULT_SETTINGS = [
@@ -337,3 +350,137 @@ class Client:
 
     def __exit__(self, *exception):
         self.close()
+
+
+# ------------------------------------------------------------------------------------------------
+# The job file.
+
+
+def read_job_file():
+    with open(JOB_FILE, "rb") as job:
+        return plistlib.load(job)
+
+
+def job_file_bytes():
+    with open(JOB_FILE, "rb") as job:
+        return job.read()
+
+
+def write_job_file(job):
+    with open(JOB_FILE, "wb") as out:
+        plistlib.dump(job, out)
+
+
+# ------------------------------------------------------------------------------------------------
+# Scenarios: each runs in a fresh sandbox built with the options it declares.
+
+
+def sandbox(*options):
+    """Declares the sandbox options that a scenario runs with."""
+
+    def declare(scenario):
+        scenario.sandbox_options = options
+        return scenario
+
+    return declare
+
+
+class ScenarioCase(unittest.TestCase):
+    host = None  # a Host, set by run_inside
+
+    maxDiff = None
+
+    # --------------------------------------------------------------------------------------------
+    # Checks shared by the scenarios.
+
+    def velnor(self, *arguments, status=0):
+        answer = self.host(*arguments)
+        self.assertEqual(answer.status, status, f"velnor {' '.join(arguments)}: {answer.describe()}")
+        return answer
+
+    def assert_kinds(self, response, kinds, what):
+        """response holds exactly the keys of kinds, each value of exactly that type."""
+        self.assertEqual(sorted(response), sorted(kinds), f"keys of {what}")
+        for key, kind in kinds.items():
+            self.assertIs(type(response[key]), kind, f"{what}: {key} = {response[key]!r}")
+
+    def assert_state(self, state):
+        answer = self.velnor("status")
+        self.assertEqual(answer.response, {"state": state}, "plain state report")
+        return answer
+
+    def assert_log(self, answer, expected, what):
+        self.assertTrue(log_matches(answer.log, expected),
+                        f"log of {what}: {answer.log}, expected {expected}")
+
+    def assert_started(self, answer, before=()):
+        """A start that succeeded: nothing answered, the expected messages, then no more waits
+        than four probes allow."""
+        self.assertIsNone(answer.response, "a successful start answers nothing")
+        self.assert_log(answer, [*before, Waits(WAITING_TO_RESPOND)], "the start")
+
+    def assert_stopped(self, answer, before=()):
+        """A stop that succeeded: nothing answered, the expected messages, then no more waits
+        than four probes allow."""
+        self.assertIsNone(answer.response, "a successful stop answers nothing")
+        self.assert_log(answer, [*before, Waits(WAITING_TO_STOP)], "the stop")
+
+    def assert_job_process(self, pid):
+        """pid is the job's server, run by launchd the way the job file now says."""
+        self.assertEqual(os.readlink(f"/proc/{pid}/exe"), SERVER, "executable of the server")
+        self.assertEqual(process_ids(pid), (ACCOUNT_ID, ACCOUNT_ID, [ACCOUNT_ID]),
+                         "uid, gid and groups of the server")
+        self.assertEqual(os.getsid(pid), pid, "the server leads its own session")
+        self.assertEqual(os.readlink(f"/proc/{pid}/fd/0"), "/dev/null", "standard input of the server")
+        # The job file's arguments; the launcher passed the socket folder on under the name
+        # that the server knows.
+        expected = [argument.replace("unix_socket_directory=", "unix_socket_directories=")
+                    for argument in read_job_file()["ProgramArguments"]]
+        expected[0] = SERVER
+        self.assertEqual(command_line(pid), expected, "arguments of the server")
+
+    def running_server(self):
+        pid = postmaster()
+        self.assertIsNotNone(pid, "a server runs on the data folder")
+        return pid
+
+    def wait_for_server_to_end(self):
+        wait_until(lambda: postmaster() is None, "the server has ended")
+
+
+def scenario_names(case):
+    return [name[len("test_"):] for name in unittest.TestLoader().getTestCaseNames(case)]
+
+
+def run_inside(case, name, velnor, plugin):
+    case.host = Host(velnor, plugin)
+    suite = unittest.TestSuite([case("test_" + name)])
+    result = unittest.TextTestRunner(verbosity=2, stream=sys.stdout).run(suite)
+    return 0 if result.wasSuccessful() else 1
+
+
+def scenario_main(case, script, doc):
+    """The command line of a scenario script: --list, or one scenario run inside its own sandbox."""
+    parser = argparse.ArgumentParser(description=doc.split("\n\n")[0])
+    parser.add_argument("--list", action="store_true", help="print the scenario names")
+    parser.add_argument("--velnor", help="the host binary")
+    parser.add_argument("--plugin", help="the plug-in module")
+    parser.add_argument("--bind", action="append", default=[],
+                        help="a folder the sandbox needs besides the project (the build folder)")
+    parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
+    parser.add_argument("name", nargs="?", choices=scenario_names(case))
+    arguments = parser.parse_args()
+    if arguments.list:
+        print(";".join(scenario_names(case)))
+        return 0
+    if not (arguments.name and arguments.velnor and arguments.plugin):
+        parser.error("a scenario name, --velnor and --plugin are needed")
+    if arguments.inside:
+        return run_inside(case, arguments.name, arguments.velnor, arguments.plugin)
+    require_root()
+    options = getattr(case, "test_" + arguments.name).sandbox_options
+    return run_in_sandbox(
+        options,
+        [PYTHON, os.path.abspath(script), "--inside", "--velnor", arguments.velnor,
+         "--plugin", arguments.plugin, arguments.name],
+        binds=arguments.bind)

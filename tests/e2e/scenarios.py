@@ -10,48 +10,18 @@ a boolean), the plug-in's log messages on standard error, and the files, process
 inside the sandbox.
 """
 
-import argparse
 import os
-import plistlib
 import shutil
 import sys
 import time
-import unittest
 
 # The tests run from the source tree, which the sandbox binds in: leave no byte code there.
 sys.dont_write_bytecode = True
 import harness  # noqa: E402
-from harness import (ACCOUNT, ACCOUNT_ID, DATA_DIR, JOB_FILE, LOG_DIR, LOG_FILE, MARKER, SERVER,
-                     SOCKET_DIR, Waits, folder, regular_file)
-
-WAITING_TO_RESPOND = "velnor_postgres: waiting for postgres to respond"
-WAITING_TO_STOP = "velnor_postgres: waiting for postgres to stop"
-START_TIMED_OUT = "velnor_postgres: Timed out trying to start postgres."
-STOP_TIMED_OUT = "velnor_postgres: Timed out trying to stop postgres."
-RESTARTING = "velnor_postgres: Stopping/starting postgres to pick up settings change"
-CREATED_SOCKET_DIR = f"velnor_postgres: Created socket folder {SOCKET_DIR}"
-CREATED_LOG_DIR = f"velnor_postgres: Created log folder {LOG_DIR}"
-UPDATED_JOB_FILE = "velnor_postgres: Updated log directory in launchd plist file"
-
-
-def sandbox(*options):
-    """Declares the sandbox options that a scenario runs with."""
-
-    def declare(scenario):
-        scenario.sandbox_options = options
-        return scenario
-
-    return declare
-
-
-def read_job_file():
-    with open(JOB_FILE, "rb") as job:
-        return plistlib.load(job)
-
-
-def job_file_bytes():
-    with open(JOB_FILE, "rb") as job:
-        return job.read()
+from harness import (ACCOUNT, ACCOUNT_ID, CREATED_LOG_DIR, CREATED_SOCKET_DIR, DATA_DIR, JOB_FILE,
+                     LOG_DIR, LOG_FILE, MARKER, RESTARTING, SOCKET_DIR, START_TIMED_OUT,
+                     STOP_TIMED_OUT, UPDATED_JOB_FILE, WAITING_TO_RESPOND, WAITING_TO_STOP, Waits,
+                     folder, job_file_bytes, read_job_file, regular_file, sandbox, write_job_file)
 
 
 def job_file_format():
@@ -64,76 +34,7 @@ def idle_titled():
             if title.startswith("postgres:") and title.endswith("idle")}
 
 
-def write_job_file(job):
-    with open(JOB_FILE, "wb") as out:
-        plistlib.dump(job, out)
-
-
-class Scenarios(unittest.TestCase):
-    host = None  # a harness.Host, set by run_inside
-
-    maxDiff = None
-
-    # --------------------------------------------------------------------------------------------
-    # Checks shared by the scenarios.
-
-    def velnor(self, *arguments, status=0):
-        answer = self.host(*arguments)
-        self.assertEqual(answer.status, status, f"velnor {' '.join(arguments)}: {answer.describe()}")
-        return answer
-
-    def assert_kinds(self, response, kinds, what):
-        """response holds exactly the keys of kinds, each value of exactly that type."""
-        self.assertEqual(sorted(response), sorted(kinds), f"keys of {what}")
-        for key, kind in kinds.items():
-            self.assertIs(type(response[key]), kind, f"{what}: {key} = {response[key]!r}")
-
-    def assert_state(self, state):
-        answer = self.velnor("status")
-        self.assertEqual(answer.response, {"state": state}, "plain state report")
-        return answer
-
-    def assert_log(self, answer, expected, what):
-        self.assertTrue(harness.log_matches(answer.log, expected),
-                        f"log of {what}: {answer.log}, expected {expected}")
-
-    def assert_started(self, answer, before=()):
-        """A start that succeeded: nothing answered, the expected messages, then no more waits
-        than four probes allow."""
-        self.assertIsNone(answer.response, "a successful start answers nothing")
-        self.assert_log(answer, [*before, Waits(WAITING_TO_RESPOND)], "the start")
-
-    def assert_stopped(self, answer, before=()):
-        """A stop that succeeded: nothing answered, the expected messages, then no more waits
-        than four probes allow."""
-        self.assertIsNone(answer.response, "a successful stop answers nothing")
-        self.assert_log(answer, [*before, Waits(WAITING_TO_STOP)], "the stop")
-
-    def assert_job_process(self, pid):
-        """pid is the job's server, run by launchd the way the job file now says."""
-        self.assertEqual(os.readlink(f"/proc/{pid}/exe"), SERVER, "executable of the server")
-        self.assertEqual(harness.process_ids(pid), (ACCOUNT_ID, ACCOUNT_ID, [ACCOUNT_ID]),
-                         "uid, gid and groups of the server")
-        self.assertEqual(os.getsid(pid), pid, "the server leads its own session")
-        self.assertEqual(os.readlink(f"/proc/{pid}/fd/0"), "/dev/null", "standard input of the server")
-        # The job file's arguments; the launcher passed the socket folder on under the name
-        # that the server knows.
-        expected = [argument.replace("unix_socket_directory=", "unix_socket_directories=")
-                    for argument in read_job_file()["ProgramArguments"]]
-        expected[0] = SERVER
-        self.assertEqual(harness.command_line(pid), expected, "arguments of the server")
-
-    def running_server(self):
-        pid = harness.postmaster()
-        self.assertIsNotNone(pid, "a server runs on the data folder")
-        return pid
-
-    def wait_for_server_to_end(self):
-        harness.wait_until(lambda: harness.postmaster() is None, "the server has ended")
-
-    # --------------------------------------------------------------------------------------------
-    # Scenarios.
-
+class Scenarios(harness.ScenarioCase):
     @sandbox("--legacy-log-dir")
     def test_log_path(self):
         """The log path comes from the job file as it stands and touches nothing."""
@@ -464,42 +365,5 @@ class Scenarios(unittest.TestCase):
         self.assertEqual(harness.postmaster(), server, "no restart once migrated")
 
 
-def scenario_names():
-    return [name[len("test_"):] for name in unittest.TestLoader().getTestCaseNames(Scenarios)]
-
-
-def run_inside(name, velnor, plugin):
-    Scenarios.host = harness.Host(velnor, plugin)
-    suite = unittest.TestSuite([Scenarios("test_" + name)])
-    result = unittest.TextTestRunner(verbosity=2, stream=sys.stdout).run(suite)
-    return 0 if result.wasSuccessful() else 1
-
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--list", action="store_true", help="print the scenario names")
-    parser.add_argument("--velnor", help="the host binary")
-    parser.add_argument("--plugin", help="the plug-in module")
-    parser.add_argument("--bind", action="append", default=[],
-                        help="a folder the sandbox needs besides the project (the build folder)")
-    parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
-    parser.add_argument("name", nargs="?", choices=scenario_names())
-    arguments = parser.parse_args()
-    if arguments.list:
-        print(";".join(scenario_names()))
-        return 0
-    if not (arguments.name and arguments.velnor and arguments.plugin):
-        parser.error("a scenario name, --velnor and --plugin are needed")
-    if arguments.inside:
-        return run_inside(arguments.name, arguments.velnor, arguments.plugin)
-    harness.require_root()
-    options = getattr(Scenarios, "test_" + arguments.name).sandbox_options
-    return harness.run_in_sandbox(
-        options,
-        [harness.PYTHON, os.path.abspath(__file__), "--inside", "--velnor", arguments.velnor,
-         "--plugin", arguments.plugin, arguments.name],
-        binds=arguments.bind)
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(harness.scenario_main(Scenarios, __file__, __doc__))
