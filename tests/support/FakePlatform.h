@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "LaunchDaemon.h"
-#include "PlistPrinting.h"
 #include "PlistValue.h"
 #include "ProcessTable.h"
 #include "platform/FileSystem.h"

@@ -1,8 +1,6 @@
 // How the host's command line turns into an operation and its argument.
 #include <gtest/gtest.h>
 
-#include <vector>
-
 #include "CommandLine.h"
 
 namespace velnor::host {
@@ -16,37 +14,22 @@ Command parsed(const Arguments& arguments) {
     return result.command.value_or(Command{});
 }
 
-TEST(HostCommandLine, CallKeepsItsArgumentRawUntilTheOperationIsKnown) {
+TEST(HostCommandLine, CallKeepsItsArgumentRawAndFriendlyVerbsPrepareTheirs) {
     Command command = parsed({"--plugin", "/tmp/p.so", "--json", "call", "anything", "-"});
     EXPECT_EQ(command.pluginPath, "/tmp/p.so");
-    EXPECT_TRUE(command.json);
-    EXPECT_FALSE(command.human) << "call prints a property list, not the human form";
+    EXPECT_TRUE(command.json && !command.human);
     EXPECT_EQ(command.operation, "anything");
     EXPECT_EQ(std::get<RawArgument>(command.argument).text, "-");
+    EXPECT_EQ(std::get<RawArgument>(parsed({"call", "op"}).argument).text, std::nullopt);
 
-    Command bare = parsed({"--plugin=/tmp/q.so", "call", "getStateWithRequest"});
-    EXPECT_EQ(bare.pluginPath, "/tmp/q.so");
-    EXPECT_EQ(std::get<RawArgument>(bare.argument).text, std::nullopt)
-        << "no argument must stay absent, not become an empty string";
-}
-
-TEST(HostCommandLine, FriendlyVerbsPrepareTheirRequestOrVariant) {
     const PlistDictionary write{
-        {"configuration",
-         PlistDictionary{{"port", "5434"}, {"search_path", "a=b"}, {"listen_addresses", ""}}}};
-    EXPECT_EQ(std::get<PlistDictionary>(parsed({"settings", "port=5433", "search_path=a=b",
-                                                "listen_addresses=", "port=5434"})
-                                            .argument),
-              write)
-        << "values stay strings, split at the first =, a later KEY wins, empty is a value";
-
-    const PlistDictionary upgrade{{"upgrade", PlistValue::boolean(true)}};
-    EXPECT_EQ(std::get<PlistDictionary>(parsed({"setup", "--upgrade"}).argument), upgrade)
-        << "upgrade must be the boolean true, not an integer or a string";
-    for (std::string_view verb : {"start", "stop", "restart"}) {
-        EXPECT_TRUE(std::get<PlistValue>(parsed({verb}).argument).isAbsent())
-            << verb << " must pass no variant at all";
-    }
+        {"configuration", PlistDictionary{{"port", "5434"}, {"search_path", "a=b"}, {"x", ""}}}};
+    EXPECT_EQ(std::get<PlistDictionary>(
+                  parsed({"settings", "port=5433", "search_path=a=b", "x=", "port=5434"}).argument),
+              write);
+    EXPECT_EQ(std::get<PlistDictionary>(parsed({"setup", "--upgrade"}).argument),
+              (PlistDictionary{{"upgrade", PlistValue::boolean(true)}}));
+    EXPECT_TRUE(std::get<PlistValue>(parsed({"restart"}).argument).isAbsent());
 }
 
 TEST(HostCommandLine, RefusesWhatTheUsageDoesNotAllow) {
@@ -62,17 +45,15 @@ TEST(HostCommandLine, RefusesWhatTheUsageDoesNotAllow) {
     for (const Arguments& arguments : refused) {
         ParsedCommandLine result = parseCommandLine(arguments);
         EXPECT_TRUE(!result.command && !result.error.empty())
-            << "accepted, or refused without a reason: " << ::testing::PrintToString(arguments);
+            << ::testing::PrintToString(arguments);
     }
 }
 
-TEST(HostCommandLine, IdleCountIsExactlyASigned32BitInteger) {
-    EXPECT_EQ(parseIdleCount("17"), 17);
+TEST(HostCommandLine, RawArgumentsAreAnInt32CountOrAVariant) {
     EXPECT_EQ(parseIdleCount("+17"), 17);
     EXPECT_EQ(parseIdleCount("2147483647"), 2147483647);
     EXPECT_EQ(parseIdleCount("-2147483648"), INT32_MIN);
-    for (std::string_view bad :
-         {"", "+", "-", "2147483648", "-2147483649", "1.5", "0x10", " 1", "1 ", "+-1", "ten"}) {
+    for (std::string_view bad : {"", "+", "-", "2147483648", "-2147483649", "1.5", " 1", "+-1"}) {
         EXPECT_EQ(parseIdleCount(bad), std::nullopt) << "\"" << bad << "\"";
     }
     std::string error;
@@ -81,15 +62,8 @@ TEST(HostCommandLine, IdleCountIsExactlyASigned32BitInteger) {
               0);
     EXPECT_FALSE(interpretRawArgument(OperationStyle::Idle, RawArgument{"4e9"}, &error));
     EXPECT_NE(error.find("4e9"), std::string::npos) << error;
-}
-
-TEST(HostCommandLine, RawArgumentOfAServiceOperationIsItsVariant) {
-    std::string error;
     auto dash = interpretRawArgument(OperationStyle::Service, RawArgument{"-"}, &error);
-    EXPECT_EQ(std::get<PlistValue>(dash.value()), PlistValue("-"))
-        << "for a service operation - is just a variant string, not standard input";
-    auto none = interpretRawArgument(OperationStyle::Service, RawArgument{}, &error);
-    EXPECT_TRUE(std::get<PlistValue>(none.value()).isAbsent());
+    EXPECT_EQ(std::get<PlistValue>(dash.value()), PlistValue("-")) << "not standard input";
 }
 
 }  // namespace

@@ -40,23 +40,19 @@ PluginDescriptor descriptor(void (*initializeHook)() = &initialize,
     return {kPluginInterfaceVersion, "test", initializeHook, create, kOperations, 2};
 }
 
-Outcome run(const PluginDescriptor& plugin, const char* name) {
-    return runOperation(plugin, *findOperation(plugin, name), PlistDictionary());
-}
-
 TEST(HostInvocation, WhateverThePluginThrowsEndsWithoutAResponseNotTheHost) {
-    Outcome oddity = run(descriptor(), "throwOddityWithRequest");
-    EXPECT_FALSE(oddity.answered);
-    EXPECT_NE(oddity.failure.find("NotAnException"), std::string::npos) << oddity.failure;
-    EXPECT_EQ(exitStatusFor(oddity), kExitWithoutResponse);
-
-    Outcome failedHook = run(descriptor(&throwingInitialize), "answerWithRequest");
-    EXPECT_FALSE(failedHook.answered);
-    EXPECT_EQ(failedHook.failure, "std::runtime_error: no set-up today");
-
-    Outcome noHandler = run(descriptor(&initialize, &createNoHandler), "answerWithRequest");
-    EXPECT_FALSE(noHandler.answered);
-    EXPECT_EQ(exitStatusFor(noHandler), kExitWithoutResponse);
+    const std::pair<PluginDescriptor, const char*> cases[] = {
+        {descriptor(), "NotAnException"},
+        {descriptor(&throwingInitialize), "std::runtime_error: no set-up today"},
+        {descriptor(&initialize, &createNoHandler), ""},
+    };
+    for (const auto& [plugin, failure] : cases) {
+        const char* name = failure[0] == 'N' ? "throwOddityWithRequest" : "answerWithRequest";
+        Outcome outcome = runOperation(plugin, *findOperation(plugin, name), PlistDictionary());
+        EXPECT_FALSE(outcome.answered) << failure;
+        EXPECT_NE(outcome.failure.find(failure), std::string::npos) << outcome.failure;
+        EXPECT_EQ(exitStatusFor(outcome), kExitWithoutResponse);
+    }
 }
 
 TEST(HostPluginDescriptor, OperationsThatCannotBeCalledAreRefused) {
@@ -65,16 +61,14 @@ TEST(HostPluginDescriptor, OperationsThatCannotBeCalledAreRefused) {
         {"startServiceWithVariant", OperationStyle::Service, &answer, nullptr, nullptr}};
     const HostOperation nameless[] = {
         {nullptr, OperationStyle::Request, &answer, nullptr, nullptr}};
-    PluginDescriptor wrongStyle = descriptor();
+    PluginDescriptor wrongStyle = descriptor(), noName = descriptor(), noTable = descriptor();
     wrongStyle.operations = mismatched;
-    wrongStyle.operationCount = 1;
+    noName.operations = nameless;
+    wrongStyle.operationCount = noName.operationCount = 1;
+    noTable.operations = nullptr;
     EXPECT_NE(descriptorProblem(wrongStyle).value_or("").find("startServiceWithVariant"),
               std::string::npos);
-    PluginDescriptor noName = wrongStyle;
-    noName.operations = nameless;
     EXPECT_TRUE(descriptorProblem(noName).has_value());
-    PluginDescriptor noTable = descriptor();
-    noTable.operations = nullptr;
     EXPECT_TRUE(descriptorProblem(noTable).has_value());
 }
 
