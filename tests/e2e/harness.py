@@ -20,9 +20,7 @@ import unittest
 PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 SANDBOX = os.path.join(PROJECT, "scripts", "sandbox")
 PYTHON = "/usr/bin/python3"
-
-# CTest's SKIP_RETURN_CODE, and the sandbox's status when this machine cannot run one.
-SKIP = 77
+SKIP = 77  # CTest's SKIP_RETURN_CODE, and the sandbox's status when this machine cannot run one
 
 JOB_FILE = "/System/Library/LaunchDaemons/org.postgresql.postgres.plist"
 DATA_DIR = "/var/pgsql"
@@ -36,47 +34,32 @@ SERVER = "/usr/bin/postgres-15"
 PG_BIN = "/usr/lib/postgresql/15/bin"
 LOG_PREFIX = "velnor_postgres: "
 
-WAITING_TO_RESPOND = "velnor_postgres: waiting for postgres to respond"
-WAITING_TO_STOP = "velnor_postgres: waiting for postgres to stop"
-START_TIMED_OUT = "velnor_postgres: Timed out trying to start postgres."
-STOP_TIMED_OUT = "velnor_postgres: Timed out trying to stop postgres."
-RESTARTING = "velnor_postgres: Stopping/starting postgres to pick up settings change"
-CREATED_SOCKET_DIR = f"velnor_postgres: Created socket folder {SOCKET_DIR}"
-CREATED_LOG_DIR = f"velnor_postgres: Created log folder {LOG_DIR}"
-UPDATED_JOB_FILE = "velnor_postgres: Updated log directory in launchd plist file"
+WAITING_TO_RESPOND = LOG_PREFIX + "waiting for postgres to respond"
+WAITING_TO_STOP = LOG_PREFIX + "waiting for postgres to stop"
+START_TIMED_OUT = LOG_PREFIX + "Timed out trying to start postgres."
+STOP_TIMED_OUT = LOG_PREFIX + "Timed out trying to stop postgres."
+RESTARTING = LOG_PREFIX + "Stopping/starting postgres to pick up settings change"
+CREATED_SOCKET_DIR = LOG_PREFIX + "Created socket folder " + SOCKET_DIR
+CREATED_LOG_DIR = LOG_PREFIX + "Created log folder " + LOG_DIR
+UPDATED_JOB_FILE = LOG_PREFIX + "Updated log directory in launchd plist file"
 
-
-# The job file's arguments as the sandbox writes them, for the data folder /var/pgsql.
+# The job file's settings as the sandbox writes them, for the data folder /var/pgsql.
 DEFAULT_SETTINGS = [
-    "listen_addresses=",
-    "log_connections=on",
-    "log_directory=/Library/Logs/PostgreSQL",
-    "log_filename=PostgreSQL.log",
-    "log_lock_waits=on",
-    "log_statement=ddl",
-    "log_line_prefix=%t ",
-    "logging_collector=on",
-    "unix_socket_directory=/var/pgsql_socket",
-    "unix_socket_group=_postgres",
+    "listen_addresses=", "log_connections=on", "log_directory=/Library/Logs/PostgreSQL",
+    "log_filename=PostgreSQL.log", "log_lock_waits=on", "log_statement=ddl", "log_line_prefix=%t ",
+    "logging_collector=on", "unix_socket_directory=/var/pgsql_socket", "unix_socket_group=_postgres",
     "unix_socket_permissions=0770",
 ]
 
 
 def default_arguments(data_dir=DATA_DIR, settings=DEFAULT_SETTINGS):
-    arguments = ["/usr/bin/postgres", "-D", data_dir]
-    for setting in settings:
-        arguments += ["-c", setting]
-    return arguments
+    return ["/usr/bin/postgres", "-D", data_dir] + [a for s in settings for a in ("-c", s)]
 
 
-# How long a test waits for something it can observe (a process ending, a connection becoming
-# idle) before it fails; generous, since a poll ends as soon as the condition holds.
+# How long a test polls for something it can observe before it fails; a poll ends as soon as the
+# condition holds.
 WAIT_SECONDS = 20.0
 POLL_SECONDS = 0.05
-
-
-# ------------------------------------------------------------------------------------------------
-# Root, CI and the sandbox.
 
 
 def in_ci():
@@ -98,8 +81,7 @@ def require_root():
 
 
 def run_in_sandbox(options, command, binds=()):
-    """Runs command in a fresh sandbox built with options; returns its exit status. A sandbox that
-    this machine cannot build skips the test."""
+    """Runs command in a fresh sandbox built with options; a machine that cannot build one skips."""
     bind_options = [option for path in binds for option in ("--bind", path)]
     status = subprocess.run([SANDBOX, *options, *bind_options, "--", *command]).returncode
     if status == SKIP:
@@ -107,50 +89,37 @@ def run_in_sandbox(options, command, binds=()):
     return status
 
 
-# ------------------------------------------------------------------------------------------------
-# The host.
-
-
 @dataclasses.dataclass
 class Answer:
-    """What one run of velnor gave: exit status, the response parsed from JSON (None when absent),
-    the plug-in's log messages from standard error (from the prefix on), and standard error whole."""
+    """One run of velnor: exit status, the JSON response (None when absent), the plug-in's log
+    messages (from the prefix on) and standard error whole."""
 
     status: int
     response: object
     log: list
     stderr: str
 
-    def describe(self):
-        return f"exit status {self.status}, response {self.response!r}, stderr:\n{self.stderr}"
-
 
 class Host:
     def __init__(self, velnor, plugin):
-        self.velnor = velnor
-        self.plugin = plugin
+        self.velnor, self.plugin = velnor, plugin
 
     def __call__(self, *arguments):
-        completed = subprocess.run(
-            [self.velnor, "--plugin", self.plugin, "--json", *arguments],
-            capture_output=True,
-            text=True,
-            timeout=120,
-        )
-        out = completed.stdout.strip()
+        done = subprocess.run([self.velnor, "--plugin", self.plugin, "--json", *arguments],
+                              capture_output=True, text=True, timeout=120)
+        out = done.stdout.strip()
         try:
             response = json.loads(out) if out else None
         except json.JSONDecodeError as error:
             raise AssertionError(f"velnor {' '.join(arguments)} printed no JSON ({error}): {out!r}")
-        log = [line[line.index(LOG_PREFIX) :] for line in completed.stderr.splitlines() if LOG_PREFIX in line]
-        return Answer(completed.returncode, response, log, completed.stderr)
+        log = [line[line.index(LOG_PREFIX):] for line in done.stderr.splitlines() if LOG_PREFIX in line]
+        return Answer(done.returncode, response, log, done.stderr)
 
 
 @dataclasses.dataclass(frozen=True)
 class Waits:
-    """In an expected log: a waiting message repeated 0 to `most` times. How often a start or stop
-    waits depends on how fast the server comes up or notices its SIGTERM; four probes allow at most
-    three waits before the awaited answer."""
+    """In an expected log: a waiting message repeated 0 to `most` times (four probes allow at most
+    three waits before the awaited answer)."""
 
     message: str
     most: int = 3
@@ -163,8 +132,7 @@ def log_matches(log, expected):
         if isinstance(item, Waits):
             run = 0
             while position < len(log) and log[position] == item.message and run < item.most:
-                position += 1
-                run += 1
+                position, run = position + 1, run + 1
         elif position < len(log) and log[position] == item:
             position += 1
         else:
@@ -172,35 +140,20 @@ def log_matches(log, expected):
     return position == len(log)
 
 
-# ------------------------------------------------------------------------------------------------
-# Files and processes.
-
-
-@dataclasses.dataclass(frozen=True)
-class Attributes:
-    kind: str
-    mode: int
-    owner: str
-    group: str
-
-    def __repr__(self):
-        return f"{self.kind} {self.mode:04o} {self.owner}:{self.group}"
-
-
 def attributes(path):
-    """Kind, permissions, owner and group of path (not following a last symbolic link)."""
+    """Kind, permissions, owner and group of path itself, as "folder 0750 _postgres:_postgres"."""
     info = os.lstat(path)
     kind = "folder" if stat.S_ISDIR(info.st_mode) else "file" if stat.S_ISREG(info.st_mode) else "other"
-    return Attributes(kind, stat.S_IMODE(info.st_mode), pwd.getpwuid(info.st_uid).pw_name,
-                      grp.getgrgid(info.st_gid).gr_name)
+    return (f"{kind} {stat.S_IMODE(info.st_mode):04o} {pwd.getpwuid(info.st_uid).pw_name}:"
+            f"{grp.getgrgid(info.st_gid).gr_name}")
 
 
 def folder(mode, owner=ACCOUNT):
-    return Attributes("folder", mode, owner, owner)
+    return f"folder {mode:04o} {owner}:{owner}"
 
 
 def regular_file(mode, owner=ACCOUNT):
-    return Attributes("file", mode, owner, owner)
+    return f"file {mode:04o} {owner}:{owner}"
 
 
 def wait_until(condition, what, seconds=WAIT_SECONDS):
@@ -228,11 +181,8 @@ def command_line(pid):
 
 def process_ids(pid):
     """Real uid, real gid and supplementary groups of pid."""
-    fields = {}
     with open(f"/proc/{pid}/status") as status:
-        for line in status:
-            key, _, value = line.partition(":")
-            fields[key] = value.split()
+        fields = {key: value.split() for key, _, value in (line.partition(":") for line in status)}
     return int(fields["Uid"][0]), int(fields["Gid"][0]), sorted(int(g) for g in fields["Groups"])
 
 
@@ -249,84 +199,59 @@ def postmaster(data_dir=DATA_DIR):
 def server_titles():
     """pid → process title of every running process of the server program."""
     titles = {}
-    for entry in os.listdir("/proc"):
-        if not entry.isdigit():
-            continue
+    for pid in (int(entry) for entry in os.listdir("/proc") if entry.isdigit()):
         try:
-            if os.readlink(f"/proc/{entry}/exe") == SERVER and process_alive(int(entry)):
-                titles[int(entry)] = command_line(int(entry))[0]
+            if os.readlink(f"/proc/{pid}/exe") == SERVER and process_alive(pid):
+                titles[pid] = command_line(pid)[0]
         except (OSError, IndexError):
             continue
     return titles
 
 
-# ------------------------------------------------------------------------------------------------
-# The database server.
-
-
 def as_account(command, **kwargs):
     """Runs command inside the sandbox as the service account, the way an administrator would."""
-    return subprocess.run(
-        ["setpriv", f"--reuid={ACCOUNT_ID}", f"--regid={ACCOUNT_ID}", "--init-groups", *command],
-        capture_output=True,
-        text=True,
-        timeout=120,
-        **kwargs,
-    )
+    return subprocess.run(["setpriv", f"--reuid={ACCOUNT_ID}", f"--regid={ACCOUNT_ID}",
+                           "--init-groups", *command], capture_output=True, text=True, timeout=120,
+                          **kwargs)
 
 
 def psql(sql, socket_dir=SOCKET_DIR):
-    """The rows that sql gives, as psql prints them unaligned; raises when it fails. Returns once
-    the session's server process has ended: one left idle for a moment would be taken for an
-    idle client by a stop."""
-    completed = subprocess.run(
-        ["psql", "-X", "-A", "-t", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres",
-         "-c", "SELECT pg_backend_pid()", "-c", sql],
-        capture_output=True,
-        text=True,
-        timeout=60,
-    )
-    if completed.returncode != 0:
-        raise AssertionError(f"psql -c {sql!r} failed: {completed.stderr.strip()}")
-    backend, _, rows = completed.stdout.partition("\n")
+    """The rows that sql gives, unaligned; raises when it fails. Returns once the session's server
+    process has ended: one left idle for a moment would be taken for an idle client by a stop."""
+    done = subprocess.run(["psql", "-X", "-A", "-t", "-h", socket_dir, "-U", ACCOUNT, "-d",
+                           "postgres", "-c", "SELECT pg_backend_pid()", "-c", sql],
+                          capture_output=True, text=True, timeout=60)
+    if done.returncode != 0:
+        raise AssertionError(f"psql -c {sql!r} failed: {done.stderr.strip()}")
+    backend, _, rows = done.stdout.partition("\n")
     wait_until(lambda: not process_alive(int(backend)), f"the session of psql -c {sql!r} has ended")
     return rows.strip()
 
 
 def answers(socket_dir=SOCKET_DIR):
     """True when a server accepts a connection on socket_dir."""
-    return subprocess.run(
-        ["psql", "-X", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres", "-c", "SELECT 1"],
-        stdout=subprocess.DEVNULL,
-        stderr=subprocess.DEVNULL,
-        timeout=60,
-    ).returncode == 0
+    return subprocess.run(["psql", "-X", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres", "-c",
+                           "SELECT 1"], capture_output=True, timeout=60).returncode == 0
 
 
 class Client:
     """A psql session kept open on a pipe, so that its server process sits idle until it is sent
-    more. Its application name finds its server process in pg_stat_activity."""
+    more; its application name finds that process in pg_stat_activity."""
 
     def __init__(self, name, socket_dir=SOCKET_DIR):
-        self.name = name
-        self.socket_dir = socket_dir
+        self.name, self.socket_dir, self.backend = name, socket_dir, None
         self.process = subprocess.Popen(
             ["psql", "-X", "-q", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres"],
-            stdin=subprocess.PIPE,
-            stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL,
-            env={**os.environ, "PGAPPNAME": name},
-            text=True,
-        )
-        self.backend = None
+            stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            env={**os.environ, "PGAPPNAME": name}, text=True)
 
     def send(self, sql):
         self.process.stdin.write(sql + "\n")
         self.process.stdin.flush()
 
     def wait_for_state(self, state):
-        """Waits until the session's server process is in state ('idle', 'idle in transaction') and
-        keeps its pid."""
+        """Waits until the session's server process is in state ('idle', 'idle in transaction');
+        returns its pid."""
         query = f"SELECT pid, state FROM pg_stat_activity WHERE application_name = '{self.name}'"
 
         def reached():
@@ -334,8 +259,7 @@ class Client:
             if row:
                 pid, current = row.split("|")
                 self.backend = int(pid)
-                return current == state
-            return False
+            return bool(row) and current == state
 
         wait_until(reached, f"the session {self.name} is {state}")
         return self.backend
@@ -352,27 +276,18 @@ class Client:
         self.close()
 
 
-# ------------------------------------------------------------------------------------------------
-# The job file.
-
-
-def read_job_file():
-    with open(JOB_FILE, "rb") as job:
-        return plistlib.load(job)
-
-
 def job_file_bytes():
     with open(JOB_FILE, "rb") as job:
         return job.read()
 
 
+def read_job_file():
+    return plistlib.loads(job_file_bytes())
+
+
 def write_job_file(job):
     with open(JOB_FILE, "wb") as out:
         plistlib.dump(job, out)
-
-
-# ------------------------------------------------------------------------------------------------
-# Scenarios: each runs in a fresh sandbox built with the options it declares.
 
 
 def sandbox(*options):
@@ -387,57 +302,43 @@ def sandbox(*options):
 
 class ScenarioCase(unittest.TestCase):
     host = None  # a Host, set by run_inside
-
     maxDiff = None
-
-    # --------------------------------------------------------------------------------------------
-    # Checks shared by the scenarios.
 
     def velnor(self, *arguments, status=0):
         answer = self.host(*arguments)
-        self.assertEqual(answer.status, status, f"velnor {' '.join(arguments)}: {answer.describe()}")
+        self.assertEqual(answer.status, status, f"velnor {' '.join(arguments)}: {answer}")
         return answer
 
     def assert_kinds(self, response, kinds, what):
         """response holds exactly the keys of kinds, each value of exactly that type."""
-        self.assertEqual(sorted(response), sorted(kinds), f"keys of {what}")
-        for key, kind in kinds.items():
-            self.assertIs(type(response[key]), kind, f"{what}: {key} = {response[key]!r}")
+        self.assertEqual({key: type(value) for key, value in response.items()}, kinds, what)
 
     def assert_state(self, state):
-        answer = self.velnor("status")
-        self.assertEqual(answer.response, {"state": state}, "plain state report")
-        return answer
+        self.assertEqual(self.velnor("status").response, {"state": state}, "plain state report")
 
     def assert_log(self, answer, expected, what):
-        self.assertTrue(log_matches(answer.log, expected),
-                        f"log of {what}: {answer.log}, expected {expected}")
+        self.assertTrue(log_matches(answer.log, expected), f"log of {what}: {answer.log}, expected {expected}")
 
     def assert_started(self, answer, before=()):
-        """A start that succeeded: nothing answered, the expected messages, then no more waits
-        than four probes allow."""
+        """A start that succeeded: no response, the expected messages, then at most three waits."""
         self.assertIsNone(answer.response, "a successful start answers nothing")
         self.assert_log(answer, [*before, Waits(WAITING_TO_RESPOND)], "the start")
 
     def assert_stopped(self, answer, before=()):
-        """A stop that succeeded: nothing answered, the expected messages, then no more waits
-        than four probes allow."""
+        """A stop that succeeded: no response, the expected messages, then at most three waits."""
         self.assertIsNone(answer.response, "a successful stop answers nothing")
         self.assert_log(answer, [*before, Waits(WAITING_TO_STOP)], "the stop")
 
     def assert_job_process(self, pid):
         """pid is the job's server, run by launchd the way the job file now says."""
         self.assertEqual(os.readlink(f"/proc/{pid}/exe"), SERVER, "executable of the server")
-        self.assertEqual(process_ids(pid), (ACCOUNT_ID, ACCOUNT_ID, [ACCOUNT_ID]),
-                         "uid, gid and groups of the server")
+        self.assertEqual(process_ids(pid), (ACCOUNT_ID, ACCOUNT_ID, [ACCOUNT_ID]), "uid, gid, groups")
         self.assertEqual(os.getsid(pid), pid, "the server leads its own session")
         self.assertEqual(os.readlink(f"/proc/{pid}/fd/0"), "/dev/null", "standard input of the server")
-        # The job file's arguments; the launcher passed the socket folder on under the name
-        # that the server knows.
+        # The launcher passed the socket folder on under the name that the server knows.
         expected = [argument.replace("unix_socket_directory=", "unix_socket_directories=")
                     for argument in read_job_file()["ProgramArguments"]]
-        expected[0] = SERVER
-        self.assertEqual(command_line(pid), expected, "arguments of the server")
+        self.assertEqual(command_line(pid), [SERVER, *expected[1:]], "arguments of the server")
 
     def running_server(self):
         pid = postmaster()
@@ -452,10 +353,8 @@ def scenario_names(case):
     return [name[len("test_"):] for name in unittest.TestLoader().getTestCaseNames(case)]
 
 
-def run_inside(case, name, velnor, plugin):
-    case.host = Host(velnor, plugin)
-    suite = unittest.TestSuite([case("test_" + name)])
-    result = unittest.TextTestRunner(verbosity=2, stream=sys.stdout).run(suite)
+def run_tests(case, name):
+    result = unittest.TextTestRunner(verbosity=2, stream=sys.stdout).run(case("test_" + name))
     return 0 if result.wasSuccessful() else 1
 
 
@@ -476,11 +375,9 @@ def scenario_main(case, script, doc):
     if not (arguments.name and arguments.velnor and arguments.plugin):
         parser.error("a scenario name, --velnor and --plugin are needed")
     if arguments.inside:
-        return run_inside(case, arguments.name, arguments.velnor, arguments.plugin)
+        case.host = Host(arguments.velnor, arguments.plugin)
+        return run_tests(case, arguments.name)
     require_root()
-    options = getattr(case, "test_" + arguments.name).sandbox_options
-    return run_in_sandbox(
-        options,
-        [PYTHON, os.path.abspath(script), "--inside", "--velnor", arguments.velnor,
-         "--plugin", arguments.plugin, arguments.name],
-        binds=arguments.bind)
+    return run_in_sandbox(getattr(case, "test_" + arguments.name).sandbox_options,
+                          [PYTHON, os.path.abspath(script), "--inside", "--velnor", arguments.velnor,
+                           "--plugin", arguments.plugin, arguments.name], binds=arguments.bind)

@@ -91,47 +91,36 @@ FACTS = textwrap.dedent("""\
 
 def fingerprint(path):
     """What a real path is now: missing, or its kind and, for a file, its content's hash."""
-    if not os.path.lexists(path):
-        return None
     if os.path.isfile(path):
         with open(path, "rb") as content:
             return "file " + hashlib.sha256(content.read()).hexdigest()
-    return "folder" if os.path.isdir(path) else "other"
+    return "folder" if os.path.isdir(path) else "other" if os.path.lexists(path) else None
 
 
 def machine_state():
-    """What of the real machine a sandbox could leave changed."""
+    """What of the real machine a sandbox could leave changed: files, mounts, POSIX shared memory,
+    and the System V segments and semaphores of the service account."""
     with open("/proc/self/mountinfo") as mounts:
         mount_points = {line.split()[4] for line in mounts}
-    return {
-        "paths": {path: fingerprint(path) for path in TOUCHED_PATHS},
-        "mounts": mount_points,
-        "shared_memory_files": sorted(glob.glob("/dev/shm/PostgreSQL.*")),
-        "ipc_of_account": ipc_of_account(),
-    }
-
-
-def ipc_of_account():
-    """System V shared memory segments and semaphores of the service account in this IPC
-    namespace."""
     owned = []
     for table in ("/proc/sysvipc/shm", "/proc/sysvipc/sem"):
         with open(table) as rows:
             column = rows.readline().split().index("uid")
             owned += [row for row in rows if int(row.split()[column]) == ACCOUNT_ID]
-    return owned
+    return {"paths": {path: fingerprint(path) for path in TOUCHED_PATHS}, "mounts": mount_points,
+            "shared_memory_files": sorted(glob.glob("/dev/shm/PostgreSQL.*")), "ipc_of_account": owned}
 
 
 def processes_in(namespaces):
     """pids of the processes that are in any of the namespaces (given as readlink texts)."""
-    found = []
+    found = set()
     for link in glob.glob("/proc/[0-9]*/ns/*"):
         try:
             if os.readlink(link) in namespaces:
-                found.append(int(link.split("/")[2]))
+                found.add(int(link.split("/")[2]))
         except OSError:
             continue
-    return sorted(set(found))
+    return sorted(found)
 
 
 class Sandbox(unittest.TestCase):
@@ -142,7 +131,7 @@ class Sandbox(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.scratch)
 
     def start_busy_sandbox(self, ending):
-        """Starts a sandbox that runs a server and more, and returns it with its namespaces once
+        """Starts a sandbox that runs a server and more; returns it with its namespaces once
         everything runs."""
         script = os.path.join(self.scratch, "busy.sh")
         with open(script, "w") as out:
@@ -151,50 +140,36 @@ class Sandbox(unittest.TestCase):
             [SANDBOX, "--initdb", "--socket-dir", "--bind", self.scratch, "--", "bash", script, ending],
             stdout=subprocess.PIPE, text=True)
         self.addCleanup(lambda: sandbox.poll() is None and sandbox.kill())
-        line = sandbox.stdout.readline()
-        namespaces = line.split()
+        namespaces = sandbox.stdout.readline().split()
         own = [os.readlink(f"/proc/self/ns/{kind}") for kind in ("pid", "mnt", "ipc")]
-        self.assertEqual(len(namespaces), 3, f"the sandbox reported {line!r}")
-        for inside, outside in zip(namespaces, own):
-            self.assertNotEqual(inside, outside, "the sandbox has namespaces of its own")
+        self.assertEqual(len(namespaces), 3, f"the sandbox reported {namespaces}")
+        self.assertFalse(set(namespaces) & set(own), "the sandbox has namespaces of its own")
         return sandbox, namespaces
 
-    def assert_nothing_left(self, before, namespaces, how):
-        self.assertEqual(processes_in(namespaces), [], f"processes of the sandbox left after {how}")
-        after = machine_state()
-        self.assertEqual(after["paths"], before["paths"], f"real files changed after {how}")
-        self.assertEqual(after["mounts"] - before["mounts"], set(), f"mounts left after {how}")
-        self.assertEqual(after["shared_memory_files"], before["shared_memory_files"],
-                         f"POSIX shared memory left after {how}")
-        self.assertEqual(after["ipc_of_account"], [], f"System V IPC left after {how}")
-
-    def test_leaves_nothing_behind_when_the_command_ends(self):
-        for status in (0, 3):
-            with self.subTest(status=status):
+    def test_leaves_nothing_behind(self):
+        """Whether its command exits or it is interrupted, the sandbox leaves nothing; SIGKILL leaves
+        it no time to clean up, and its namespaces die all the same, only just after it."""
+        for ending, signal_number, status in (("0", None, 0), ("3", None, 3),
+                                              ("wait", signal.SIGINT, 130),
+                                              ("wait", signal.SIGTERM, 143),
+                                              ("wait", signal.SIGHUP, 129),
+                                              ("wait", signal.SIGKILL, -signal.SIGKILL)):
+            how = signal_number.name if signal_number else f"a command that exits {status}"
+            with self.subTest(how):
                 before = machine_state()
-                sandbox, namespaces = self.start_busy_sandbox(str(status))
-                self.assertEqual(sandbox.wait(timeout=60), status, "the sandbox exits as its command")
-                self.assert_nothing_left(before, namespaces, f"a command that exits {status}")
-
-    def test_leaves_nothing_behind_when_interrupted(self):
-        for signal_number, status in ((signal.SIGINT, 130), (signal.SIGTERM, 143),
-                                      (signal.SIGHUP, 129)):
-            with self.subTest(signal=signal_number.name):
-                before = machine_state()
-                sandbox, namespaces = self.start_busy_sandbox("wait")
-                sandbox.send_signal(signal_number)
-                self.assertEqual(sandbox.wait(timeout=60), status, f"status after {signal_number.name}")
-                self.assert_nothing_left(before, namespaces, signal_number.name)
-
-    def test_leaves_nothing_behind_when_killed(self):
-        """SIGKILL leaves the sandbox no time to clean up: its namespaces die with it all the same,
-        though only just after it."""
-        before = machine_state()
-        sandbox, namespaces = self.start_busy_sandbox("wait")
-        sandbox.kill()
-        sandbox.wait(timeout=60)
-        harness.wait_until(lambda: not processes_in(namespaces), "the killed sandbox's processes end")
-        self.assert_nothing_left(before, namespaces, "SIGKILL")
+                sandbox, namespaces = self.start_busy_sandbox(ending)
+                if signal_number:
+                    sandbox.send_signal(signal_number)
+                self.assertEqual(sandbox.wait(timeout=60), status, f"status after {how}")
+                if signal_number == signal.SIGKILL:
+                    harness.wait_until(lambda: not processes_in(namespaces), "the sandbox's end")
+                self.assertEqual(processes_in(namespaces), [], f"processes left after {how}")
+                after = machine_state()
+                self.assertEqual(after["paths"], before["paths"], f"real files changed after {how}")
+                self.assertEqual(after["mounts"] - before["mounts"], set(), f"mounts left after {how}")
+                self.assertEqual(after["shared_memory_files"], before["shared_memory_files"],
+                                 f"POSIX shared memory left after {how}")
+                self.assertEqual(after["ipc_of_account"], [], f"System V IPC left after {how}")
 
     def facts(self, *options, folders=(), env=None):
         completed = subprocess.run(
@@ -244,21 +219,16 @@ class Sandbox(unittest.TestCase):
         self.assertIn("needs root", nobody.stderr)
 
 
-def check_names():
-    return [name[len("test_"):] for name in unittest.TestLoader().getTestCaseNames(Sandbox)]
-
-
 def main():
+    names = harness.scenario_names(Sandbox)
     if sys.argv[1:] == ["--list"]:
-        print(";".join(check_names()))
+        print(";".join(names))
         return 0
-    if len(sys.argv) != 2 or sys.argv[1] not in check_names():
-        print(f"usage: sandbox_test.py --list | {' | '.join(check_names())}", file=sys.stderr)
+    if len(sys.argv) != 2 or sys.argv[1] not in names:
+        print(f"usage: sandbox_test.py --list | {' | '.join(names)}", file=sys.stderr)
         return 64
     harness.require_root()
-    suite = unittest.TestSuite([Sandbox("test_" + sys.argv[1])])
-    result = unittest.TextTestRunner(verbosity=2, stream=sys.stdout).run(suite)
-    return 0 if result.wasSuccessful() else 1
+    return harness.run_tests(Sandbox, sys.argv[1])
 
 
 if __name__ == "__main__":

@@ -44,8 +44,8 @@ class Scenarios(harness.ScenarioCase):
         self.assertEqual(answer.response["log"], "/Library/Logs/PostgreSQL.log",
                          "a job file not yet migrated names the old folder")
         self.assertEqual(answer.log, [], "the log-path report logs nothing")
-        self.assertFalse(os.path.exists(LOG_DIR), "the log-path report creates no log folder")
-        self.assertFalse(os.path.exists(SOCKET_DIR), "the log-path report creates no socket folder")
+        self.assertFalse(os.path.exists(LOG_DIR) or os.path.exists(SOCKET_DIR),
+                         "the log-path report creates no folder")
         self.assertEqual(job_file_bytes(), before, "the log-path report migrates nothing")
 
         job = read_job_file()
@@ -232,12 +232,11 @@ class Scenarios(harness.ScenarioCase):
         answer = self.velnor("settings", "work_mem=12MB")
         self.assert_kinds(answer.response, {"configuration": dict, "writeStatus": int,
                                             "readStatus": int}, "settings write")
-        self.assertEqual((answer.response["writeStatus"], answer.response["readStatus"]), (0, 0))
         expected = {setting.split("=")[0]: setting.split("=")[1] for setting in harness.DEFAULT_SETTINGS}
         expected["work_mem"] = "12MB"
         self.assertEqual(answer.response["configuration"], expected,
                          "the merged settings, without the data folder taken by position")
-        self.assertEqual(answer.response["writeStatus"], 0)
+        self.assertEqual((answer.response["writeStatus"], answer.response["readStatus"]), (0, 0))
         self.assert_log(answer, [RESTARTING, Waits(WAITING_TO_STOP), Waits(WAITING_TO_RESPOND)],
                         "the settings change")
         self.assertEqual(harness.psql("SHOW work_mem"), "12MB", "the restarted server applies it")
@@ -257,7 +256,6 @@ class Scenarios(harness.ScenarioCase):
         read = self.velnor("settings").response
         self.assertEqual(read, {"configuration": {**expected, "dataDir": DATA_DIR}, "readStatus": 0},
                          "the settings read back, with the data folder")
-        self.assertIs(type(read["readStatus"]), int)
 
         self.velnor("stop")
         self.wait_for_server_to_end()

@@ -29,7 +29,14 @@ void writeJobWithPython(const std::string& path, const char* format) {
               0);
 }
 
-class JobFileFormat : public ::testing::TestWithParam<const char*> {};
+class JobFileFormat : public ::testing::TestWithParam<const char*> {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "giving a job file to another account needs root";
+        }
+    }
+};
 
 TEST_P(JobFileFormat, GetReadsAndSetReplacesOnlyTheArgumentsKeepingModeAndOwner) {
     TemporaryFolder folder;
@@ -84,7 +91,20 @@ TEST(LaunchDaemonArguments, SetCreatesAMissingJobFileReadableByEveryone) {
         << "a job file must be readable by everyone whatever the writer's umask";
 }
 
+TEST(LaunchDaemonArguments, WritingInPlaceLeavesNoTailOfALongerOldFile) {
+    TemporaryFolder folder;
+    const std::string path = folder / "job.plist";
+    testing::writeText(path, std::string(10000, 'x'));
+    const PlistValue job(
+        PlistDictionary{{"Zero", PlistValue::integer(0)}, {"No", PlistValue::boolean(false)}});
+    ASSERT_TRUE(writePropertyListInPlace(path, job));
+    EXPECT_EQ(readPropertyListFile(path), job);
+}
+
 TEST(LaunchDaemonArguments, SetLeavesTheOldFileWholeWhenItCannotWrite) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "writing as another account needs root";
+    }
     TemporaryFolder folder;
     ASSERT_EQ(::chmod(folder.path().c_str(), 0755), 0);
     const std::string jobs = folder / "LaunchDaemons";

@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 
 #include <set>
-#include <sstream>
 
 #include "HostLibTestSupport.h"
 #include "LaunchDaemon.h"
@@ -20,7 +19,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using testing::TemporaryFolder;
 
 constexpr const char* kLabel = "org.example.sleeper";
@@ -36,24 +34,12 @@ PlistDictionary sleeperAsNobody() {
     return job;
 }
 
-std::string procFile(pid_t pid, const char* name) {
-    return testing::fileText("/proc/" + std::to_string(pid) + "/" + name);
-}
-
-// The value of one "Name:" line of /proc/PID/status.
-std::string statusLine(pid_t pid, const std::string& name) {
-    std::istringstream lines(procFile(pid, "status"));
-    for (std::string line; std::getline(lines, line);) {
-        if (line.rfind(name + ":", 0) == 0) {
-            return line.substr(name.size() + 2);
-        }
-    }
-    return {};
-}
-
 class LaunchdStandIn : public ::testing::Test {
   protected:
     void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "running a job as another account needs root";
+        }
         // Orphaned daemons come back to this process instead of the machine's init, so that the
         // tests can watch them end and leave no zombie behind.
         ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
@@ -107,45 +93,8 @@ class LaunchdStandIn : public ::testing::Test {
     std::set<pid_t> started_;
 };
 
-TEST_F(LaunchdStandIn, StartRunsTheJobDetachedAsItsAccountAndStopEndsIt) {
-    installJob(systemJobs_, sleeperAsNobody());
-
-    ASSERT_TRUE(jobs_.start(kLabel)) << ::testing::PrintToString(messages_);
-    auto process = recordedProcess();
-    ASSERT_TRUE(process.has_value()) << "no record under " << records_;
-    const pid_t pid = process->pid;
-    EXPECT_TRUE(jobs_.isRunning(kLabel));
-    EXPECT_EQ(procFile(pid, "cmdline"), std::string("/bin/sleep\0"
-                                                    "1000\0",
-                                                    16));
-    const auto nobody = testing::nobody();
-    const std::string uid = std::to_string(nobody.uid);
-    const std::string gid = std::to_string(nobody.gid);
-    EXPECT_EQ(statusLine(pid, "Uid"), uid + "\t" + uid + "\t" + uid + "\t" + uid);
-    EXPECT_EQ(statusLine(pid, "Gid"), gid + "\t" + gid + "\t" + gid + "\t" + gid);
-    EXPECT_THAT(statusLine(pid, "Groups"), ::testing::Not(HasSubstr("0 ")))
-        << "the job kept the host's groups";
-    EXPECT_EQ(::getsid(pid), pid) << "the job does not lead a session of its own";
-
-    EXPECT_TRUE(testing::runAs(testing::Account{0, 0}, [&] {
-        LaunchdJobs laterHost({{systemJobs_, localJobs_}, records_}, [](const std::string&) {});
-        return laterHost.isRunning(kLabel);
-    })) << "another host process does not see the job as running";
-
-    EXPECT_TRUE(jobs_.start(kLabel)) << "starting a running job";
-    EXPECT_EQ(recordedProcess(), process) << "a running job was started a second time";
-
-    EXPECT_TRUE(jobs_.stop(kLabel));
-    const siginfo_t end = waitForEnd(pid);
-    EXPECT_EQ(end.si_code, CLD_KILLED);
-    EXPECT_EQ(end.si_status, SIGTERM);
-    EXPECT_FALSE(jobs_.isRunning(kLabel)) << "a zombie counts as running";
-    reap(pid);
-    EXPECT_FALSE(jobs_.isRunning(kLabel));
-    EXPECT_TRUE(jobs_.stop(kLabel)) << "stopping a stopped job";
-    EXPECT_THAT(messages_, IsEmpty());
-}
-
+// Starting the job detached, as its account, and stopping it are shown with the real server; a
+// job that will not stop, a program that cannot run and a reused pid only here.
 TEST_F(LaunchdStandIn, AJobStillWindingDownIsNotTakenForARunningOne) {
     // The job ignores SIGTERM, so after a stop it stays until the test ends it; it says when
     // it has set that up through a fifo.
@@ -168,6 +117,7 @@ TEST_F(LaunchdStandIn, AJobStillWindingDownIsNotTakenForARunningOne) {
 
     ::kill(first->pid, SIGKILL);
     waitForEnd(first->pid);
+    EXPECT_FALSE(impatient.isRunning(kLabel)) << "a zombie counts as running";
     reap(first->pid);
     ASSERT_TRUE(impatient.start(kLabel));
     const auto second = recordedProcess();

@@ -10,8 +10,6 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -148,49 +146,6 @@ TEST(SysctlTest, ProcessThatHasEndedCountsAsNoProcess) {
     EXPECT_EQ(processArguments(shell.pid).error, ESRCH) << "a reaped process";
     EXPECT_EQ(processArguments(0).error, ESRCH);
     EXPECT_EQ(processArguments(-1).error, ESRCH);
-}
-
-// The start and end of this process's argument area, extended over the environment area when
-// that follows at once: the space that a server process writes its title into. Both come
-// from /proc/self/stat (fields 48 to 51), after the name in parentheses.
-std::pair<char*, char*> titleArea() {
-    std::ifstream stat("/proc/self/stat");
-    const std::string text((std::istreambuf_iterator<char>(stat)), {});
-    std::istringstream fields(text.substr(text.rfind(')') + 1));
-    std::vector<std::string> values(3);  // values[i] holds field i, counted from 1
-    for (std::string value; fields >> value;) {
-        values.push_back(value);
-    }
-    if (values.size() <= 51) {
-        return {nullptr, nullptr};
-    }
-    const auto at = [&](int field) { return reinterpret_cast<char*>(std::stoull(values[field])); };
-    return {at(48), at(50) == at(49) ? at(51) : at(49)};
-}
-
-TEST(SysctlTest, ProcessThatRewroteItsTitleShowsTheTitleAsItsFirstArgument) {
-    const std::string title = "postgres: _postgres postgres [local] idle";
-    const auto [start, end] = titleArea();
-    ASSERT_NE(start, nullptr) << "no argument area in /proc/self/stat";
-    ASSERT_GT(end - start, static_cast<long>(title.size())) << "argument area too small";
-
-    // Rewrite this process's title in place and zero the rest, as the server's processes do,
-    // and put the original back at once: the environment lives in the same area.
-    const std::string original(start, end);
-    std::memset(start, 0, original.size());
-    std::memcpy(start, title.data(), title.size());
-    const Answer answer = processArguments(getpid());
-    std::memcpy(start, original.data(), original.size());
-
-    ASSERT_EQ(answer.error, 0) << std::strerror(answer.error);
-    ASSERT_EQ(countOf(answer.bytes), 1);
-    // The path follows the count; a reader skips the zeros after it to the first argument.
-    const std::string executable = std::filesystem::canonical("/proc/self/exe").string();
-    EXPECT_EQ(std::string(answer.bytes.c_str() + sizeof(std::int32_t)), executable);
-    const std::size_t first =
-        answer.bytes.find_first_not_of('\0', sizeof(std::int32_t) + executable.size());
-    ASSERT_NE(first, std::string::npos);
-    EXPECT_EQ(std::string(answer.bytes.c_str() + first), title);
 }
 
 }  // namespace
