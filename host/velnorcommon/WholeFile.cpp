@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 
+#include "PathNames.h"
 #include "UniqueFd.h"
 
 namespace velnor {
@@ -46,24 +47,12 @@ std::string replacementTarget(const std::string& path) {
     return resolved ? std::string(resolved.get()) : path;
 }
 
-std::string folderOf(const std::string& path) {
-    auto slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-std::string nameOf(const std::string& path) {
-    auto slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 // A temporary file that is removed again unless it has been renamed into place.
 class TemporaryFile {
   public:
     explicit TemporaryFile(const std::string& target)
-        : path_(folderOf(target) + "/." + nameOf(target) + ".XXXXXX") {
+        : path_(support::joinedPath(support::folderOf(target),
+                                    "." + support::lastNameOf(target) + ".XXXXXX")) {
         fd_.reset(::mkostemp(path_.data(), O_CLOEXEC));
         created_ = fd_.valid();
     }
@@ -185,7 +174,7 @@ bool replaceWholeFileAtomically(const std::string& path, std::string_view conten
         return fail(error, "cannot rename " + temporary.path() + " over " + target, errno);
     }
     temporary.markRenamed();
-    flushFolder(folderOf(target));
+    flushFolder(support::folderOf(target));
     return true;
 }
 
