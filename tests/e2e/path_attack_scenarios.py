@@ -4,10 +4,8 @@ the sandbox, planting links, hard links and job files where the housekeeping and
 and checks that root's work never reaches past them."""
 
 import os
-import plistlib
 import subprocess
 import sys
-import time
 
 sys.dont_write_bytecode = True
 
@@ -24,49 +22,70 @@ DATA_LINK = "/Library/Data/pg"
 SHARED_FILE = "/var/local/shared-notes"
 SHARED_TEXT = "root's notes\n"
 
-# How many set-ups face the racer, and how many idle ticks face the marker racer: against a
+# How many set-ups face the racer, and how many idle ticks face the marker's racer: against a
 # build that follows the links, the racers won most of them.
 SETUP_ROUNDS = 40
-MARKER_ROUNDS = 8
+MARKER_ROUNDS = 3
 
-# A racer of the service account: until the stop file appears, it repeats one move as fast as it
-# can, and prints how often the move found its moment.
-RACER = """
+# The set-up's racer, as the service account: until the stop file appears, it turns each folder
+# that root has just made at the data folder's place into a link to another file, and prints how
+# often it did.
+SWAPPER = """
 import os, stat, sys
-kind, path, other, stop = sys.argv[1:]
-moves = 0
+path, other, stop = sys.argv[1:]
+swaps = 0
 while not os.path.exists(stop):
     try:
-        if kind == "swap":
-            # A folder that root has just made becomes a link to another file.
-            if stat.S_ISDIR(os.lstat(path).st_mode):
-                os.rename(path, f"{path}.{moves}")
-                os.symlink(other, path)
-                moves += 1
-        else:
-            # A hard link that comes and goes at the marker's place.
-            os.link(other, path)
-            os.unlink(path)
-            moves += 1
+        if stat.S_ISDIR(os.lstat(path).st_mode):
+            os.rename(path, f"{path}.{swaps}")
+            os.symlink(other, path)
+            swaps += 1
     except OSError:
         pass
-print(moves)
+print(swaps)
+"""
+
+# The marker's racer, as the service account: a tick reads the job file once for the data
+# folder, tests for the marker, then reads the job file again for the migration before it
+# creates the marker. Told by inotify of that second read, the racer puts a hard link to
+# another file in the marker's place, then says whether it came before the marker.
+MARKER_LINKER = """
+import ctypes, os, sys
+job_file, marker, other = sys.argv[1:]
+libc = ctypes.CDLL(None, use_errno=True)
+IN_OPEN = 0x20
+events = libc.inotify_init1(0)
+if events < 0 or libc.inotify_add_watch(events, job_file.encode(), IN_OPEN) < 0:
+    sys.exit("no inotify watch on the job file")
+print("ready", flush=True)
+opened = 0
+while opened < 2:
+    opened += len(os.read(events, 4096)) // 16  # events on a watched file carry no name
+try:
+    os.link(other, marker)
+    print("linked")
+except FileExistsError:
+    print("late")
 """
 
 
-class Racer:
-    """A racer run in the background as the service account."""
+def as_account_in_background(script, *arguments):
+    return subprocess.Popen(
+        ["setpriv", f"--reuid={harness.ACCOUNT_ID}", f"--regid={harness.ACCOUNT_ID}",
+         "--init-groups", sys.executable, "-c", script, *arguments],
+        stdout=subprocess.PIPE, text=True)
+
+
+class Swapper:
+    """The set-up's racer, in the background."""
 
     STOP = "/var/empty-racer-stop"
 
-    def __init__(self, kind, path, other):
-        self.process = subprocess.Popen(
-            ["setpriv", f"--reuid={harness.ACCOUNT_ID}", f"--regid={harness.ACCOUNT_ID}",
-             "--init-groups", sys.executable, "-c", RACER, kind, path, other, self.STOP],
-            stdout=subprocess.PIPE, text=True)
+    def __init__(self, path, other):
+        self.process = as_account_in_background(SWAPPER, path, other, self.STOP)
 
     def stop(self):
-        """Ends the racer and answers how often it made its move."""
+        """Ends the racer and answers how often it swapped."""
         with open(self.STOP, "w"):
             pass
         out, _ = self.process.communicate(timeout=60)
@@ -106,23 +125,24 @@ class PathAttacks(harness.ScenarioCase):
         self.as_service_account(sys.executable, "-c",
                                 f"import plistlib; plistlib.dump({job!r}, open({PLANTED_JOB!r}, 'wb'))")
         self.as_service_account("rm", "-r", LOG_DIR)
-        answer = self.velnor("idle")
-        self.assertIn(f'could not start job "{LABEL}": "/Library" is owned by an account other than root',
-                      answer.stderr, "the refusal of the planted job")
+        answer = self.host("idle")
         self.assertFalse(os.path.exists(RECORD), "the planted job was started")
         self.assertFalse(os.path.exists(RAN_AS), "the planted job ran")
+        self.assertEqual(answer.status, 0, answer.describe())
+        self.assertIn(f'could not start job "{LABEL}": "/Library" is owned by an account other than root',
+                      answer.stderr, "the refusal of the planted job")
 
         # The log folder's parent swapped for a link to /etc.
         self.as_service_account("rm", "-r", "/Library/Logs")
         self.as_service_account("ln", "-s", "/etc", "/Library/Logs")
         etc = unchanged("/etc")
-        answer = self.velnor("idle")
+        answer = self.host("idle")
+        self.assertFalse(os.path.lexists("/etc/PostgreSQL"), "a log folder was made in /etc")
+        self.assertEqual(unchanged("/etc"), etc, "/etc")
         self.assertIn(f"velnor_postgres: Error trying to create log folder {LOG_DIR}: "
                       f'could not create folder "{LOG_DIR}": cannot follow the symbolic link '
                       f'"/Library/Logs": "/Library" is owned by an account other than root',
                       answer.log, "the housekeeping says why it stops at the link")
-        self.assertFalse(os.path.lexists("/etc/PostgreSQL"), "a log folder was made in /etc")
-        self.assertEqual(unchanged("/etc"), etc, "/etc")
 
     @sandbox()
     def test_setup_never_follows_a_planted_link(self):
@@ -132,16 +152,17 @@ class PathAttacks(harness.ScenarioCase):
         # A link planted where the data folder is to be.
         self.as_service_account("ln", "-s", "/etc", DATA_LINK)
         etc = unchanged("/etc")
-        answer = self.velnor("setup", "--data-location", DATA_LINK, status=1)
+        answer = self.host("setup", "--data-location", DATA_LINK)
+        self.assertEqual(unchanged("/etc"), etc, "/etc after a set-up through a link")
+        self.assertEqual(answer.status, 1, answer.describe())
         self.assertEqual(answer.response, {
             "error": f'could not create folder "{DATA_LINK}": cannot follow the symbolic link '
                      f'"{DATA_LINK}": "/Library/Data" is owned by an account other than root'})
-        self.assertEqual(unchanged("/etc"), etc, "/etc after a set-up through a link")
 
         # A racer that swaps each freshly made data folder for a link to /etc/shadow.
         self.as_service_account("rm", DATA_LINK)
         shadow = unchanged("/etc/shadow")
-        racer = Racer("swap", DATA_LINK, "/etc/shadow")
+        racer = Swapper(DATA_LINK, "/etc/shadow")
         for _ in range(SETUP_ROUNDS):
             self.host("setup", "--data-location", DATA_LINK)
             subprocess.run(["rm", "-rf", DATA_LINK])
@@ -149,20 +170,28 @@ class PathAttacks(harness.ScenarioCase):
         self.assertGreater(swaps, 0, "the racer never found a data folder to swap")
         self.assertEqual(unchanged("/etc/shadow"), shadow, f"/etc/shadow after {swaps} swaps")
 
+        # A link that root placed in a folder of its own is followed as ever.
+        os.makedirs("/srv/pg")
+        os.symlink("/srv/pg", DATA_DIR)
+        self.velnor("setup", "--data-location", DATA_DIR)
+        self.assertEqual(attributes("/srv/pg"), harness.folder(0o700), "the data folder behind root's link")
+
     @sandbox("--initdb")
     def test_marker_never_written_through_a_hard_link(self):
         with open(SHARED_FILE, "w") as file:
             file.write(SHARED_TEXT)
         os.chmod(SHARED_FILE, 0o666)
         shared = unchanged(SHARED_FILE)
-        racer = Racer("link", MARKER, SHARED_FILE)
+        links = 0
         for _ in range(MARKER_ROUNDS):
             # The log folder and the marker gone, so that the tick migrates and marks again.
             self.as_service_account("rm", "-rf", LOG_DIR, MARKER)
+            linker = as_account_in_background(MARKER_LINKER, harness.JOB_FILE, MARKER, SHARED_FILE)
+            self.assertEqual(linker.stdout.readline(), "ready\n", "the marker's racer is watching")
             self.velnor("idle")
-        links = racer.stop()
-        self.assertGreater(links, 0, "the racer never linked the marker")
-        self.assertEqual(unchanged(SHARED_FILE), shared, f"{SHARED_FILE} after {links} links")
+            links += linker.communicate(timeout=60)[0] == "linked\n"
+            self.assertEqual(unchanged(SHARED_FILE), shared, f"{SHARED_FILE} after a linked marker")
+        self.assertGreater(links, 0, "the racer never linked the marker before the tick created it")
 
 
 if __name__ == "__main__":
