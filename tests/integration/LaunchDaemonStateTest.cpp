@@ -207,7 +207,8 @@ TEST_F(LaunchdStandIn, ProgramThatCannotBeExecutedIsRefusedAndLeavesNoRecord) {
         }
 
         EXPECT_THAT(messages_, ElementsAre(HasSubstr(job.expectedMessage))) << job.program;
-        EXPECT_THAT(messages_, ElementsAre(HasSubstr(std::string("could not start job \"") + kLabel)));
+        EXPECT_THAT(messages_,
+                    ElementsAre(HasSubstr(std::string("could not start job \"") + kLabel)));
         EXPECT_FALSE(std::filesystem::exists(jobs_.recordPath(kLabel))) << job.program;
         EXPECT_FALSE(jobs_.isRunning(kLabel)) << job.program;
     }
