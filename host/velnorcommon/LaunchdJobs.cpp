@@ -233,8 +233,15 @@ std::optional<StartedProcess> LaunchdJobs::runningProcess(const std::string& lab
 
 bool LaunchdJobs::writeRecord(const std::string& label, const StartedProcess& process,
                               std::string& error) const {
-    return createFolders(folders_.recordFolder, kRecordFolderMode, &error) &&
-           replaceWholeFileAtomically(recordPath(label), formatJobRecord(process), kRecordFileMode,
+    // Root's own, so that no other account can put anything in place of a record.
+    const support::Attributes folderAttributes{
+        kRecordFolderMode, ::geteuid(), ::getegid(),
+        std::to_string(::geteuid()) + ":" + std::to_string(::getegid())};
+    if (auto folder = support::createFolders(folders_.recordFolder, folderAttributes); !folder) {
+        error = folder.message();
+        return false;
+    }
+    return replaceWholeFileAtomically(recordPath(label), formatJobRecord(process), kRecordFileMode,
                                       &error);
 }
 

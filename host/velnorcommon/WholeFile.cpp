@@ -178,28 +178,4 @@ bool replaceWholeFileAtomically(const std::string& path, std::string_view conten
     return true;
 }
 
-bool createFolders(const std::string& path, mode_t mode, std::string* error) {
-    if (path.empty()) {
-        return fail(error, "cannot create a folder with no name", ENOENT);
-    }
-    // Each prefix that ends just before a '/' is a parent; the whole path comes last.
-    for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
-        const std::string prefix = path.substr(0, end);
-        if (::mkdir(prefix.c_str(), mode) != 0 && errno != EEXIST) {
-            return fail(error, "cannot create the folder " + prefix, errno);
-        }
-        if (end == std::string::npos) {
-            break;
-        }
-    }
-    struct stat status {};
-    if (::stat(path.c_str(), &status) != 0) {
-        return fail(error, "cannot examine " + path, errno);
-    }
-    if (!S_ISDIR(status.st_mode)) {
-        return fail(error, "cannot create the folder " + path, ENOTDIR);
-    }
-    return true;
-}
-
 }  // namespace velnor
