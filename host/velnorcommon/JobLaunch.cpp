@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/close_range.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Accounts.h"
 #include "ProcessStat.h"
 #include "UniqueFd.h"
 
@@ -28,61 +28,7 @@ constexpr mode_t kOutputFileMode = 0644;
 
 // ----- Working out the plan, in the host -----
 
-struct UserAccount {
-    uid_t uid;
-    gid_t gid;
-    std::string home;
-    std::string shell;
-};
-
-// Calls lookUp with a buffer that grows until the account database has room in it.
-template <typename LookUp>
-int withAccountBuffer(LookUp lookUp) {
-    std::vector<char> buffer(16384);
-    for (;;) {
-        const int result = lookUp(buffer);
-        if (result != ERANGE || buffer.size() >= (1u << 24)) {
-            return result;
-        }
-        buffer.resize(buffer.size() * 2);
-    }
-}
-
-std::optional<UserAccount> findUser(const std::string& name, std::string& error) {
-    std::optional<UserAccount> account;
-    const int result = withAccountBuffer([&](std::vector<char>& buffer) {
-        passwd entry{};
-        passwd* found = nullptr;
-        const int lookup = ::getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
-        if (lookup == 0 && found != nullptr) {
-            account = UserAccount{found->pw_uid, found->pw_gid, found->pw_dir, found->pw_shell};
-        }
-        return lookup;
-    });
-    if (!account) {
-        error = result == 0 ? "unknown user " + name
-                            : "cannot look up the user " + name + ": " + std::strerror(result);
-    }
-    return account;
-}
-
-std::optional<gid_t> findGroup(const std::string& name, std::string& error) {
-    std::optional<gid_t> gid;
-    const int result = withAccountBuffer([&](std::vector<char>& buffer) {
-        group entry{};
-        group* found = nullptr;
-        const int lookup = ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
-        if (lookup == 0 && found != nullptr) {
-            gid = found->gr_gid;
-        }
-        return lookup;
-    });
-    if (!gid) {
-        error = result == 0 ? "unknown group " + name
-                            : "cannot look up the group " + name + ": " + std::strerror(result);
-    }
-    return gid;
-}
+using support::UserAccount;
 
 // The groups that the user belongs to, with gid among them.
 std::vector<gid_t> groupsOfUser(const std::string& user, gid_t gid) {
@@ -107,16 +53,19 @@ std::optional<JobCredentials> credentialsOf(const LaunchdJob& job, std::optional
     }
     JobCredentials credentials{::geteuid(), ::getegid(), {}};
     if (job.userName) {
-        user = findUser(*job.userName, error);
-        if (!user) {
+        auto found = support::lookUpUser(*job.userName);
+        if (!found) {
+            error = found.message();
             return std::nullopt;
         }
+        user = std::move(*found);
         credentials.uid = user->uid;
         credentials.gid = user->gid;
     }
     if (job.groupName) {
-        auto gid = findGroup(*job.groupName, error);
+        auto gid = support::lookUpGroup(*job.groupName);
         if (!gid) {
+            error = gid.message();
             return std::nullopt;
         }
         credentials.gid = *gid;

@@ -1,6 +1,12 @@
 #include "LaunchdJob.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "DescriptorIo.h"
 #include "PlistNode.h"
+#include "Result.h"
 
 namespace velnor {
 namespace {
@@ -72,9 +78,25 @@ class JobKeys {
 
 }  // namespace
 
-std::optional<LaunchdJob> readLaunchdJob(const std::string& path, std::string& error) {
-    PlistNode root = readPlistNodeFile(path, &error);
+std::optional<LaunchdJob> readLaunchdJob(int file, const std::string& path, std::string& error) {
+    struct stat status;
+    if (fstat(file, &status) != 0) {
+        error = support::couldNot("examine", path, errno).message;
+        return std::nullopt;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        error = support::couldNot("read", path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL).message;
+        return std::nullopt;
+    }
+    std::string bytes;
+    if (!support::readAll(file, bytes)) {
+        error = support::couldNot("read", path, errno).message;
+        return std::nullopt;
+    }
+    std::string why;
+    PlistNode root = parsePlistNode(bytes, &why);
     if (!root) {
+        error = path + ": " + why;
         return std::nullopt;
     }
     if (plist_get_node_type(root.get()) != PLIST_DICT) {

@@ -1,5 +1,6 @@
 #include "LaunchdJobs.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -15,7 +16,10 @@ extern "C" {
 
 #include "HostLog.h"
 #include "LaunchdJob.h"
+#include "PathNames.h"
 #include "ProcessStat.h"
+#include "Result.h"
+#include "SafePath.h"
 #include "UniqueFd.h"
 #include "WholeFile.h"
 
@@ -47,6 +51,32 @@ bool takeNumber(std::string_view& text, char separator, Number& number) {
     }
     text.remove_prefix(static_cast<std::size_t>(past - text.data()) + 1);
     return true;
+}
+
+struct JobFile {
+    std::string path;
+    support::UniqueFd descriptor;  // the file as it was checked, O_PATH
+    // Why it must not be run, when it must not: the file or a folder above it is not root's
+    // alone, or a link on the way was not safe to follow.
+    std::string refusal;
+};
+
+// The first job file of label in folders; nothing when no folder holds one.
+std::optional<JobFile> findJobFile(const std::vector<std::string>& folders,
+                                   const std::string& label) {
+    for (const auto& folder : folders) {
+        JobFile jobFile{support::joinedPath(folder, label + ".plist"), {}, {}};
+        auto opened = support::openSafely(jobFile.path, &jobFile.refusal);
+        if (opened) {
+            jobFile.descriptor = std::move(*opened);
+            return jobFile;
+        }
+        if (opened.error() != ENOENT && opened.error() != ENOTDIR) {
+            jobFile.refusal = opened.message();
+            return jobFile;
+        }
+    }
+    return std::nullopt;
 }
 
 }  // namespace
@@ -120,12 +150,22 @@ bool LaunchdJobs::start(const std::string& label) {
             return false;
         }
     }
-    auto jobFile = jobFilePath(label);
+    auto jobFile = findJobFile(folders_.jobFolders, label);
     if (!jobFile) {
         return refuse("start", label, "there is no job file " + label + ".plist");
     }
+    // launchd runs nothing from a file that another account could have written or replaced.
+    if (!jobFile->refusal.empty()) {
+        return refuse("start", label, jobFile->refusal);
+    }
+    // Read through the descriptor that was checked: the path may lead elsewhere by now.
+    auto readable =
+        support::reopen(jobFile->descriptor.get(), O_RDONLY | O_NONBLOCK | O_NOCTTY, jobFile->path);
+    if (!readable) {
+        return refuse("start", label, readable.message());
+    }
     std::string error;
-    auto job = readLaunchdJob(*jobFile, error);
+    auto job = readLaunchdJob(readable->get(), jobFile->path, error);
     if (!job) {
         return refuse("start", label, error);
     }
@@ -154,7 +194,7 @@ bool LaunchdJobs::stop(const std::string& label) {
     if (!isUsableLabel(label)) {
         return refuse("stop", label, "the label is not a file name");
     }
-    if (!jobFilePath(label)) {
+    if (!findJobFile(folders_.jobFolders, label)) {
         return refuse("stop", label, "there is no job file " + label + ".plist");
     }
     auto process = runningProcess(label);
@@ -179,17 +219,6 @@ bool LaunchdJobs::isRunning(const std::string& label) const {
     return isUsableLabel(label) && runningProcess(label).has_value();
 }
 
-std::optional<std::string> LaunchdJobs::jobFilePath(const std::string& label) const {
-    for (const auto& folder : folders_.jobFolders) {
-        std::string path = folder + "/" + label + ".plist";
-        struct stat status {};
-        if (::stat(path.c_str(), &status) == 0) {
-            return path;
-        }
-    }
-    return std::nullopt;
-}
-
 std::optional<StartedProcess> LaunchdJobs::runningProcess(const std::string& label) const {
     std::string text;
     if (!readWholeFile(recordPath(label), text)) {
@@ -204,8 +233,15 @@ std::optional<StartedProcess> LaunchdJobs::runningProcess(const std::string& lab
 
 bool LaunchdJobs::writeRecord(const std::string& label, const StartedProcess& process,
                               std::string& error) const {
-    return createFolders(folders_.recordFolder, kRecordFolderMode, &error) &&
-           replaceWholeFileAtomically(recordPath(label), formatJobRecord(process), kRecordFileMode,
+    // Root's own, so that no other account can put anything in place of a record.
+    const support::Attributes folderAttributes{
+        kRecordFolderMode, ::geteuid(), ::getegid(),
+        std::to_string(::geteuid()) + ":" + std::to_string(::getegid())};
+    if (auto folder = support::createFolders(folders_.recordFolder, folderAttributes); !folder) {
+        error = folder.message();
+        return false;
+    }
+    return replaceWholeFileAtomically(recordPath(label), formatJobRecord(process), kRecordFileMode,
                                       &error);
 }
 
@@ -233,7 +269,7 @@ bool LaunchdJobs::signalToStop(const StartedProcess& process, std::string& error
 
 bool LaunchdJobs::refuse(const char* action, const std::string& label,
                          const std::string& why) const {
-    log_(std::string("cannot ") + action + " job " + label + ": " + why);
+    log_(support::couldNot(std::string(action) + " job", label, why).message);
     return false;
 }
 

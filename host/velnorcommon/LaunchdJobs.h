@@ -2,10 +2,11 @@
 // process in a record file, so that any later host process can tell whether it still runs and
 // stop it.
 //
-// A job is found by its label as LABEL.plist in the job folders, searched in order. Its record
-// is the file LABEL in the record folder, holding "PID STARTTIME\n": the pid and the start time
-// that /proc/PID/stat gave the process, so that a later process that reuses the pid is never
-// taken for the job.
+// A job is found by its label as LABEL.plist in the job folders, searched in order; as launchd
+// does, it is run only when the file and every folder above it are owned by root and not
+// writable by group or others. Its record is the file LABEL in the record folder, holding
+// "PID STARTTIME\n": the pid and the start time that /proc/PID/stat gave the process, so that a
+// later process that reuses the pid is never taken for the job.
 #pragma once
 
 #include <functional>
@@ -63,7 +64,6 @@ class LaunchdJobs {
     // Waits up to the grace time for the process to end. False, with the reason logged, when
     // it is still there.
     bool awaitEnd(const std::string& label, const StartedProcess& process) const;
-    std::optional<std::string> jobFilePath(const std::string& label) const;
     std::optional<StartedProcess> runningProcess(const std::string& label) const;
     bool writeRecord(const std::string& label, const StartedProcess& process,
                      std::string& error) const;

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 
+#include "PathNames.h"
 #include "UniqueFd.h"
 
 namespace velnor {
@@ -46,24 +47,12 @@ std::string replacementTarget(const std::string& path) {
     return resolved ? std::string(resolved.get()) : path;
 }
 
-std::string folderOf(const std::string& path) {
-    auto slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-std::string nameOf(const std::string& path) {
-    auto slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 // A temporary file that is removed again unless it has been renamed into place.
 class TemporaryFile {
   public:
     explicit TemporaryFile(const std::string& target)
-        : path_(folderOf(target) + "/." + nameOf(target) + ".XXXXXX") {
+        : path_(support::joinedPath(support::folderOf(target),
+                                    "." + support::lastNameOf(target) + ".XXXXXX")) {
         fd_.reset(::mkostemp(path_.data(), O_CLOEXEC));
         created_ = fd_.valid();
     }
@@ -185,31 +174,7 @@ bool replaceWholeFileAtomically(const std::string& path, std::string_view conten
         return fail(error, "cannot rename " + temporary.path() + " over " + target, errno);
     }
     temporary.markRenamed();
-    flushFolder(folderOf(target));
-    return true;
-}
-
-bool createFolders(const std::string& path, mode_t mode, std::string* error) {
-    if (path.empty()) {
-        return fail(error, "cannot create a folder with no name", ENOENT);
-    }
-    // Each prefix that ends just before a '/' is a parent; the whole path comes last.
-    for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
-        const std::string prefix = path.substr(0, end);
-        if (::mkdir(prefix.c_str(), mode) != 0 && errno != EEXIST) {
-            return fail(error, "cannot create the folder " + prefix, errno);
-        }
-        if (end == std::string::npos) {
-            break;
-        }
-    }
-    struct stat status {};
-    if (::stat(path.c_str(), &status) != 0) {
-        return fail(error, "cannot examine " + path, errno);
-    }
-    if (!S_ISDIR(status.st_mode)) {
-        return fail(error, "cannot create the folder " + path, ENOTDIR);
-    }
+    flushFolder(support::folderOf(target));
     return true;
 }
 

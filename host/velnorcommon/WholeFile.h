@@ -30,8 +30,4 @@ bool writeWholeFileInPlace(const std::string& path, std::string_view contents, m
 bool replaceWholeFileAtomically(const std::string& path, std::string_view contents,
                                 mode_t newFileMode, std::string* error = nullptr);
 
-// Creates the folder at path and every missing parent, each with mode less the umask. True
-// also when a folder is already there.
-bool createFolders(const std::string& path, mode_t mode, std::string* error = nullptr);
-
 }  // namespace velnor

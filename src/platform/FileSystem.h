@@ -27,7 +27,8 @@ struct FileSystemStatus {
 };
 
 /** True when an entry of any kind exists at path; a symbolic link counts as what it points to,
- * so a dangling one counts as nothing. isDirectory, when given, is set only when the entry
+ * so a dangling one counts as nothing, and so does a path through a link in a folder that an
+ * account other than root can write. isDirectory, when given, is set only when the entry
  * exists, and then tells whether it is a folder. */
 bool fileExists(const std::string& path, bool* isDirectory = nullptr);
 
@@ -40,7 +41,8 @@ FileSystemStatus createDirectory(const std::string& path,
 /** Sets permissions, owner and group of path. */
 FileSystemStatus setAttributes(const std::string& path, const FileAttributes& attributes);
 
-/** Creates the file with contents and attributes, replacing a file already there. */
+/** Creates the file with contents and attributes; a file already there is replaced by the new
+ * one renamed over it, never written through. */
 bool createFile(const std::string& path, const std::string& contents,
                 const FileAttributes& attributes);
 

@@ -16,6 +16,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 extern char** environ;
@@ -25,7 +26,9 @@ namespace velnor::testing {
 // A folder under /tmp that is removed with everything in it when the test ends.
 class TemporaryFolder {
   public:
-    TemporaryFolder() {
+    // pattern: a mkdtemp pattern; the default lies in /tmp, which is open to every account.
+    explicit TemporaryFolder(std::string pattern = "/tmp/velnor-hostlib-XXXXXX")
+        : path_(std::move(pattern)) {
         if (::mkdtemp(path_.data()) == nullptr) {
             throw std::runtime_error("cannot create a temporary folder");
         }
@@ -41,7 +44,7 @@ class TemporaryFolder {
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
   private:
-    std::string path_ = "/tmp/velnor-hostlib-XXXXXX";
+    std::string path_;
 };
 
 // The exit status of a Python script run with plistlib, datetime and sys imported and the

@@ -83,7 +83,8 @@ class LaunchdStandIn : public ::testing::Test {
         started_.erase(pid);
     }
 
-    TemporaryFolder folder_;
+    // launchd trusts a job file only when every folder above it is root's alone: not /tmp.
+    TemporaryFolder folder_{"/run/velnor-hostlib-XXXXXX"};
     const std::string systemJobs_ = folder_ / "System";
     const std::string localJobs_ = folder_ / "Library";
     const std::string records_ = folder_ / "run/velnor/launchd";
@@ -156,7 +157,8 @@ TEST_F(LaunchdStandIn, ProgramThatCannotBeExecutedIsRefusedAndLeavesNoRecord) {
         }
 
         EXPECT_THAT(messages_, ElementsAre(HasSubstr(job.expectedMessage))) << job.program;
-        EXPECT_THAT(messages_, ElementsAre(HasSubstr(std::string("cannot start job ") + kLabel)));
+        EXPECT_THAT(messages_,
+                    ElementsAre(HasSubstr(std::string("could not start job \"") + kLabel)));
         EXPECT_FALSE(std::filesystem::exists(jobs_.recordPath(kLabel))) << job.program;
         EXPECT_FALSE(jobs_.isRunning(kLabel)) << job.program;
     }
