@@ -24,8 +24,10 @@ TEST(HostCommandLine, CallKeepsItsArgumentRawUntilTheOperationIsKnown) {
     EXPECT_EQ(command.operation, "anything");
     EXPECT_EQ(std::get<RawArgument>(command.argument).text, "-");
 
-    Command bare = parsed({"--plugin=/tmp/q.so", "call", "getStateWithRequest"});
+    EXPECT_EQ(command.lockWait, std::nullopt) << "without --wait, the lock is awaited for ever";
+    Command bare = parsed({"--plugin=/tmp/q.so", "--wait", "3", "call", "getStateWithRequest"});
     EXPECT_EQ(bare.pluginPath, "/tmp/q.so");
+    EXPECT_EQ(bare.lockWait, std::chrono::seconds(3));
     EXPECT_EQ(std::get<RawArgument>(bare.argument).text, std::nullopt)
         << "no argument must stay absent, not become an empty string";
 }
@@ -57,7 +59,8 @@ TEST(HostCommandLine, RefusesWhatTheUsageDoesNotAllow) {
         {"status", "--details", "--details"}, {"start", "now"}, {"idle", "3"},
         {"settings", "port"}, {"settings", "=5432"}, {"settings", "port=1", "--json"},
         {"setup", "--upgrade", "--data-location", "/srv/db"}, {"setup", "--data-location"},
-        {"setup", "--data-location="}, {"setup", "--fresh"}, {"status", "--json"}};
+        {"setup", "--data-location="}, {"setup", "--fresh"}, {"status", "--json"},
+        {"--wait", "status"}, {"--wait", "-1", "status"}, {"--wait=1.5", "status"}, {"--wait="}};
     // clang-format on
     for (const Arguments& arguments : refused) {
         ParsedCommandLine result = parseCommandLine(arguments);
