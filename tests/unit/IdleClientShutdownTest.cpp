@@ -106,6 +106,19 @@ TEST_F(IdleClientShutdown, LeavesEveryOtherProcessAlone) {
                             "sysctl procargs 14", "sysctl procargs 15"));
 }
 
+TEST_F(IdleClientShutdown, LeavesAPidThatPassedToAnotherAccountAfterTheTableWasRead) {
+    FakeProcess reused = serverProcess(50, "postgres: app db [local] idle");
+    reused.ownerOnceHeld = 0;
+    platform().processes = std::vector<FakeProcess>{reused};
+    EXPECT_TRUE(handler.shutDownIdleClients());
+    EXPECT_THAT(platform().signalsSent, IsEmpty());
+    EXPECT_THAT(platform().log, IsEmpty());
+    const auto& calls = platform().calls;
+    const auto held = std::find(calls.begin(), calls.end(), "openProcess 50");
+    const auto read = std::find(calls.begin(), calls.end(), "sysctl procargs 50");
+    EXPECT_TRUE(held < read && read != calls.end()) << "the process is held before it is read";
+}
+
 TEST_F(IdleClientShutdown, AcceptsAnExecutablePathThatOnlyBeginsWithTheServerPath) {
     platform().processes = std::vector<FakeProcess>{
         serverProcess(20, "postgres: app db [local] idle", kService, "/usr/bin/postgres-15")};
