@@ -7,24 +7,25 @@ namespace velnor::host {
 namespace {
 
 constexpr std::string_view kUsage =
-    "usage: velnor [--plugin PATH] [--json] call OPERATION [ARGUMENT]\n"
-    "       velnor [--plugin PATH] [--json] status [--details] | start | stop | restart\n"
-    "                                      | settings [KEY=VALUE ...]\n"
-    "                                      | setup [--data-location DIR | --upgrade]\n"
-    "                                      | log-path | idle\n"
+    "usage: velnor [--plugin PATH] [--json] [--wait SECONDS] call OPERATION [ARGUMENT]\n"
+    "       velnor [--plugin PATH] [--json] [--wait SECONDS]\n"
+    "              status [--details] | start | stop | restart | settings [KEY=VALUE ...]\n"
+    "              | setup [--data-location DIR | --upgrade] | log-path | idle\n"
     "       velnor --help\n";
 
 constexpr std::string_view kHelp =
     "velnor loads a service plug-in and runs one of its operations.\n"
     "\n"
-    "usage: velnor [--plugin PATH] [--json] call OPERATION [ARGUMENT]\n"
-    "       velnor [--plugin PATH] [--json] COMMAND [OPTIONS]\n"
+    "usage: velnor [--plugin PATH] [--json] [--wait SECONDS] call OPERATION [ARGUMENT]\n"
+    "       velnor [--plugin PATH] [--json] [--wait SECONDS] COMMAND [OPTIONS]\n"
     "       velnor --help\n"
     "\n"
     "Options (before the command):\n"
     "  --plugin PATH   the plug-in module to load; else $VELNOR_PLUGIN, else the installed\n"
     "                  module, else the one in the build tree\n"
     "  --json          print responses as JSON (an absent response prints null)\n"
+    "  --wait SECONDS  give up when another velnor holds the host lock that long (exit 75);\n"
+    "                  without it, wait as long as it takes\n"
     "  --help          print this text\n"
     "\n"
     "Commands:\n"
@@ -57,17 +58,21 @@ constexpr std::string_view kHelp =
     "      version\n"
     "  73  the host lock cannot be created or taken\n"
     "  74  the response cannot be written to standard output\n"
+    "  75  another velnor held the host lock for all of --wait\n"
+    "  77  velnor was not run as root\n"
     "\n"
-    "Every operation runs under an exclusive lock on /var/run/velnor/host.lock, so two velnor\n"
-    "processes never run plug-in operations at the same time. The plug-in's log messages also\n"
-    "appear on standard error.\n"
+    "Only root may run velnor. Every operation runs under an exclusive lock on\n"
+    "/var/run/velnor/host.lock, so two velnor processes never run plug-in operations at the same\n"
+    "time. The plug-in's log messages also appear on standard error.\n"
     "\n"
     "Environment:\n"
     "  VELNOR_PLUGIN     the plug-in module when --plugin is not given\n"
     "  VELNOR_LOCK_FILE  another lock file instead of /var/run/velnor/host.lock\n"
-    "  PGHOST            the database server's socket folder; /var/pgsql_socket when unset\n";
+    "  PGHOST            the database server's socket folder; /var/pgsql_socket when unset\n"
+    "  PGCONNECT_TIMEOUT seconds the liveness probe waits for the server; 5 when unset\n";
 
 constexpr std::string_view kPluginOption = "--plugin";
+constexpr std::string_view kWaitOption = "--wait";
 constexpr std::string_view kDataLocationOption = "--data-location";
 
 // Walks the arguments once, front to back.
@@ -106,6 +111,20 @@ std::optional<std::string> optionValue(std::string_view option, std::string_view
 bool isOption(std::string_view argument, std::string_view name) {
     return argument == name || (argument.starts_with(name) && argument.size() > name.size() &&
                                 argument[name.size()] == '=');
+}
+
+// A whole, non-negative number of seconds, digits only.
+std::optional<std::chrono::seconds> parseSeconds(const std::optional<std::string>& text) {
+    std::uint32_t seconds = 0;
+    if (!text) {
+        return std::nullopt;
+    }
+    const char* end = text->data() + text->size();
+    auto [stop, error] = std::from_chars(text->data(), end, seconds);
+    if (error != std::errc() || stop != end) {
+        return std::nullopt;
+    }
+    return std::chrono::seconds(seconds);
 }
 
 ParsedCommandLine failure(std::string error) {
@@ -245,6 +264,11 @@ ParsedCommandLine parseCommandLine(std::span<const std::string_view> arguments) 
         }
         if (option == "--json") {
             command.json = true;
+        } else if (isOption(option, kWaitOption)) {
+            command.lockWait = parseSeconds(optionValue(option, kWaitOption, cursor));
+            if (!command.lockWait) {
+                return failure("--wait needs a whole number of seconds");
+            }
         } else if (isOption(option, kPluginOption)) {
             command.pluginPath = optionValue(option, kPluginOption, cursor);
             if (!command.pluginPath) {

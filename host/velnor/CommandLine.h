@@ -2,6 +2,7 @@
 // system, so that every way of asking for an operation can be checked on its own.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -29,6 +30,8 @@ struct Command {
     bool help = false;
     std::optional<std::string> pluginPath;
     bool json = false;
+    // How long to wait for a host lock that another host holds; nothing: as long as it takes.
+    std::optional<std::chrono::seconds> lockWait;
     // Friendly verbs print the response in the short human form; `call` as a property list.
     bool human = false;
     std::string operation;

@@ -13,6 +13,8 @@ enum ExitStatus : int {
     kExitBadRequest = EX_DATAERR,       // the request file is not a property-list dictionary
     kExitUnavailable = EX_UNAVAILABLE,  // the plug-in cannot be loaded or used
     kExitNoLock = EX_CANTCREAT,         // the host lock cannot be created or taken
+    kExitLockBusy = EX_TEMPFAIL,        // another host held the lock for all of --wait
+    kExitNotRoot = EX_NOPERM,           // run by an account other than root
     kExitOutputFailed = EX_IOERR,       // the response could not be written out
 };
 

@@ -1,50 +1,158 @@
 #include "HostLock.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 
 namespace velnor::host {
 namespace {
 
+using support::couldNot;
+using support::Result;
+using support::Status;
+using support::UniqueFd;
+
 constexpr mode_t kLockFolderMode = 0755;
-constexpr mode_t kLockFileMode = 0644;
+constexpr mode_t kLockFileMode = 0600;
+// How often a blocked flock is woken to look at the clock while it waits.
+constexpr suseconds_t kWakeUpMicroseconds = 100000;
 
-std::string failure(const char* what, const std::string& path, int error) {
-    return std::string("cannot ") + what + " " + path + ": " + std::strerror(error);
+// Why a folder is not fit to hold root's lock: whoever may write to it can replace the lock
+// file. Empty when it is fit.
+std::string untrustedFolderBecause(const struct stat& status) {
+    if (status.st_uid != 0) {
+        return "it belongs to uid " + std::to_string(status.st_uid) + ", not root";
+    }
+    return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "others may write to it" : "";
 }
 
-// Creates the folder when missing; the mode is set explicitly because the umask may have
-// narrowed it.
-bool ensureFolder(const std::string& folder, std::string* error) {
-    if (mkdir(folder.c_str(), kLockFolderMode) == 0) {
-        chmod(folder.c_str(), kLockFolderMode);
-        return true;
+// Why a lock file is not root's alone; empty when it is. A second name could be a file that
+// root's chmod must not touch.
+std::string untrustedFileBecause(const struct stat& status) {
+    if (!S_ISREG(status.st_mode)) {
+        return "it is not a regular file";
     }
-    if (errno == EEXIST) {
-        return true;
+    if (status.st_uid != 0) {
+        return "it belongs to uid " + std::to_string(status.st_uid) + ", not root";
     }
-    *error = failure("create the lock folder", folder, errno);
-    return false;
+    return status.st_nlink != 1 ? "it has other names (hard links)" : "";
 }
 
-// Opens the lock file, creating it when missing; -1 with errno set on failure.
-int openLockFile(const std::string& path) {
-    int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kLockFileMode);
-    if (descriptor >= 0) {
-        fchmod(descriptor, kLockFileMode);
-        return descriptor;
+// Opens the folder, creating it when missing; the mode is set explicitly because the umask
+// may have narrowed it.
+Result<UniqueFd> openLockFolder(const std::string& folder) {
+    const bool created = mkdir(folder.c_str(), kLockFolderMode) == 0;
+    if (!created && errno != EEXIST) {
+        return couldNot("create the host lock folder", folder, errno);
     }
-    if (errno != EEXIST) {
-        return -1;
+    UniqueFd descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat status;
+    if (!descriptor.valid() || fstat(descriptor.get(), &status) != 0) {
+        return couldNot("open the host lock folder", folder, errno);
     }
-    // Read access is all flock needs, and all a lock file made by someone else may grant.
-    return open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (std::string reason = untrustedFolderBecause(status); !reason.empty()) {
+        return couldNot("open the host lock folder", folder, reason, EPERM);
+    }
+    if (created && fchmod(descriptor.get(), kLockFolderMode) != 0) {
+        return couldNot("set the mode of the host lock folder", folder, errno);
+    }
+    return descriptor;
+}
+
+// Opens the lock file in its folder, creating it when missing, never through a link. A file
+// that an older host left readable by all gets its mode: read access is all flock needs.
+Result<UniqueFd> openLockFile(int folder, const std::string& path) {
+    const std::string name = std::filesystem::path(path).filename().string();
+    UniqueFd descriptor(openat(folder, name.c_str(),
+                               O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                               kLockFileMode));
+    if (!descriptor.valid()) {
+        return errno == ELOOP ? couldNot("open the host lock", path, "it is a symbolic link", ELOOP)
+                              : couldNot("open the host lock", path, errno);
+    }
+    struct stat status;
+    if (fstat(descriptor.get(), &status) != 0) {
+        return couldNot("open the host lock", path, errno);
+    }
+    if (std::string reason = untrustedFileBecause(status); !reason.empty()) {
+        return couldNot("open the host lock", path, reason, EPERM);
+    }
+    if ((status.st_mode & 07777) != kLockFileMode && fchmod(descriptor.get(), kLockFileMode) != 0) {
+        return couldNot("set the mode of the host lock", path, errno);
+    }
+    return descriptor;
+}
+
+void wakeUp(int) {}
+
+// Wakes a blocked flock every kWakeUpMicroseconds with SIGALRM, for as long as it lives; a
+// repeating timer, so that a tick that comes just before the flock blocks is followed by
+// another. Leaves the signal's action and mask as it found them.
+class WakeUpTimer {
+  public:
+    WakeUpTimer() {
+        struct sigaction action = {};
+        action.sa_handler = wakeUp;  // without SA_RESTART, so that flock returns EINTR
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGALRM, &action, &previousAction_);
+        sigset_t alarm;
+        sigemptyset(&alarm);
+        sigaddset(&alarm, SIGALRM);
+        sigprocmask(SIG_UNBLOCK, &alarm, &previousMask_);
+        const itimerval ticks = {{0, kWakeUpMicroseconds}, {0, kWakeUpMicroseconds}};
+        setitimer(ITIMER_REAL, &ticks, nullptr);
+    }
+    ~WakeUpTimer() {
+        const itimerval stopped = {};
+        setitimer(ITIMER_REAL, &stopped, nullptr);
+        sigprocmask(SIG_SETMASK, &previousMask_, nullptr);
+        sigaction(SIGALRM, &previousAction_, nullptr);
+    }
+    WakeUpTimer(const WakeUpTimer&) = delete;
+    WakeUpTimer& operator=(const WakeUpTimer&) = delete;
+
+  private:
+    struct sigaction previousAction_ = {};
+    sigset_t previousMask_ = {};
+};
+
+Status takeLock(int descriptor, const std::string& path, const LockWait& wait) {
+    if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
+        return {};
+    }
+    if (errno != EWOULDBLOCK && errno != EINTR) {
+        return couldNot("take the host lock", path, errno);
+    }
+    const auto began = std::chrono::steady_clock::now();
+    bool announced = false;
+    WakeUpTimer timer;
+    for (;;) {
+        const auto waited = std::chrono::steady_clock::now() - began;
+        if (!announced && waited >= wait.announceAfter) {
+            announced = true;
+            if (wait.announce) {
+                wait.announce();
+            }
+        }
+        if (wait.limit && waited >= *wait.limit) {
+            return couldNot(
+                "take the host lock", path,
+                "another velnor held it for " + std::to_string(wait.limit->count()) + " s",
+                ETIMEDOUT);
+        }
+        if (flock(descriptor, LOCK_EX) == 0) {
+            return {};
+        }
+        if (errno != EINTR) {
+            return couldNot("take the host lock", path, errno);
+        }
+    }
 }
 
 }  // namespace
@@ -53,32 +161,20 @@ std::string hostLockPath(const char* environment) {
     return environment != nullptr && *environment != '\0' ? environment : kDefaultHostLockPath;
 }
 
-std::optional<HostLock> HostLock::acquire(const std::string& path, std::string* error) {
-    std::string folder = std::filesystem::path(path).parent_path().string();
-    if (!folder.empty() && !ensureFolder(folder, error)) {
-        return std::nullopt;
+Result<HostLock> HostLock::acquire(const std::string& path, const LockWait& wait) {
+    std::string folderPath = std::filesystem::path(path).parent_path().string();
+    Result<UniqueFd> folder = openLockFolder(folderPath.empty() ? "." : folderPath);
+    if (!folder) {
+        return folder.failure();
     }
-    int descriptor = openLockFile(path);
-    if (descriptor < 0) {
-        *error = failure("open the lock file", path, errno);
-        return std::nullopt;
+    Result<UniqueFd> file = openLockFile(folder->get(), path);
+    if (!file) {
+        return file.failure();
     }
-    int result = 0;
-    do {
-        result = flock(descriptor, LOCK_EX);
-    } while (result != 0 && errno == EINTR);
-    if (result != 0) {
-        *error = failure("lock", path, errno);
-        close(descriptor);
-        return std::nullopt;
+    if (Status locked = takeLock(file->get(), path, wait); !locked) {
+        return locked.failure();
     }
-    return HostLock(descriptor);
-}
-
-HostLock::~HostLock() {
-    if (descriptor_ >= 0) {
-        close(descriptor_);
-    }
+    return HostLock(std::move(*file));
 }
 
 }  // namespace velnor::host

@@ -1,10 +1,18 @@
 // The lock that keeps two hosts from running plug-in operations at the same time: the plug-in
 // relies on being called one operation at a time, and nothing else guards the job file, the
 // folders or the service.
+//
+// Only root may hold it: the file is root's and 0600, and its folder root's and writable by no
+// one else, so no other account can take the lock and stall every call.
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
+
+#include "Result.h"
+#include "UniqueFd.h"
 
 namespace velnor::host {
 
@@ -14,27 +22,29 @@ inline constexpr const char* kDefaultHostLockPath = "/var/run/velnor/host.lock";
 // kDefaultHostLockPath.
 std::string hostLockPath(const char* environment);
 
+// How long to wait for a lock that another host holds, and what to do once it takes a while.
+struct LockWait {
+    // Nothing: for as long as it takes.
+    std::optional<std::chrono::seconds> limit;
+    // Called once when the wait lasts longer than announceAfter.
+    std::chrono::milliseconds announceAfter{1000};
+    std::function<void()> announce;
+};
+
 // An exclusive flock held for as long as the value lives.
 class HostLock {
   public:
-    // Creates the lock file's folder (mode 0755, its parent must exist) and the file (mode
-    // 0644) when they are missing, then waits for as long as it takes to hold the lock.
-    // Nothing when the folder or file cannot be created or opened or the lock cannot be
-    // taken; error then names the path and the system's reason. The descriptor is closed on
-    // exec, so a process that the plug-in starts never holds the lock.
-    static std::optional<HostLock> acquire(const std::string& path, std::string* error);
-
-    HostLock(HostLock&& other) noexcept : descriptor_(other.descriptor_) { other.descriptor_ = -1; }
-    HostLock& operator=(HostLock&&) = delete;
-    HostLock(const HostLock&) = delete;
-    HostLock& operator=(const HostLock&) = delete;
-    // Releases the lock.
-    ~HostLock();
+    // Creates the lock file's folder (root's, 0755; its parent must exist) and the file (root's,
+    // 0600) when they are missing, then waits as wait says to hold the lock. Refuses a folder
+    // that is not root's or that others may write to, and a file that is a symbolic link, not a
+    // regular file or not root's. A wait that runs out fails with ETIMEDOUT. The descriptor is
+    // closed on exec, so a process that the plug-in starts never holds the lock.
+    static support::Result<HostLock> acquire(const std::string& path, const LockWait& wait);
 
   private:
-    explicit HostLock(int descriptor) : descriptor_(descriptor) {}
+    explicit HostLock(support::UniqueFd descriptor) : descriptor_(std::move(descriptor)) {}
 
-    int descriptor_;
+    support::UniqueFd descriptor_;
 };
 
 }  // namespace velnor::host

@@ -4,6 +4,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -23,6 +24,9 @@ namespace {
 // Where the platform's libpq looks for the server's socket when nothing says otherwise; the
 // Linux libpq has another default, so the host makes it explicit for the plug-in's probe.
 constexpr const char* kDefaultPostgresSocketFolder = "/var/pgsql_socket";
+// Seconds the probe waits for the server to answer: a socket that takes connections and never
+// answers would otherwise hold the call, and the host lock, for ever.
+constexpr const char* kDefaultPostgresConnectTimeout = "5";
 
 void complain(const std::string& message) {
     std::fprintf(stderr, "velnor: %s\n", message.c_str());
@@ -88,14 +92,21 @@ std::optional<OperationArgument> argumentFor(const Command& command, const HostO
     return command.argument;
 }
 
-// Runs the operation under the host lock; nothing when the lock cannot be had.
-std::optional<Outcome> runLocked(const PluginModule& module, const HostOperation& operation,
-                                 const OperationArgument& argument) {
-    std::string error;
-    std::optional<HostLock> lock =
-        HostLock::acquire(hostLockPath(std::getenv("VELNOR_LOCK_FILE")), &error);
+// Runs the operation under the host lock; nothing, with the exit status in status, when the
+// lock cannot be had.
+std::optional<Outcome> runLocked(const Command& command, const PluginModule& module,
+                                 const HostOperation& operation, const OperationArgument& argument,
+                                 int* status) {
+    const std::string path = hostLockPath(std::getenv("VELNOR_LOCK_FILE"));
+    LockWait wait;
+    wait.limit = command.lockWait;
+    wait.announce = [&path] {
+        complain("waiting for the host lock \"" + path + "\" held by another velnor");
+    };
+    support::Result<HostLock> lock = HostLock::acquire(path, wait);
     if (!lock) {
-        complain(error);
+        complain(lock.message());
+        *status = lock.error() == ETIMEDOUT ? kExitLockBusy : kExitNoLock;
         return std::nullopt;
     }
     return runOperation(module.descriptor(), operation, argument);
@@ -114,7 +125,14 @@ bool print(const std::string& text) {
 }
 
 int run(const Command& command) {
+    // The operations create folders for the service account, rewrite the job file and signal
+    // the server: nothing of it is tried, and no lock taken, for anyone else.
+    if (geteuid() != 0) {
+        complain("must be run as root");
+        return kExitNotRoot;
+    }
     setenv("PGHOST", kDefaultPostgresSocketFolder, /*overwrite=*/0);
+    setenv("PGCONNECT_TIMEOUT", kDefaultPostgresConnectTimeout, /*overwrite=*/0);
     // Before the module is even loaded, so that everything the plug-in logs also reaches
     // whoever runs the host.
     openlog("velnor", LOG_PERROR | LOG_PID, LOG_DAEMON);
@@ -134,9 +152,9 @@ int run(const Command& command) {
     if (!argument) {
         return status;
     }
-    std::optional<Outcome> outcome = runLocked(*module, *operation, *argument);
+    std::optional<Outcome> outcome = runLocked(command, *module, *operation, *argument, &status);
     if (!outcome) {
-        return kExitNoLock;
+        return status;
     }
     if (!outcome->answered) {
         complain(command.operation + " ended without a response: " + outcome->failure);

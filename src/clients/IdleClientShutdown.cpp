@@ -4,6 +4,12 @@
 // kernel recorded when it started, and its first argument, which a server process overwrites
 // with its title. A title that begins "postgres:" and ends "idle" is a client connection waiting
 // for its next command; one idle inside a transaction goes on after the word and is left alone.
+//
+// The table is read before any process is looked at, so a pid in it may belong to another
+// process by then. Each candidate is therefore held by a handle before it is examined, and
+// signalled through that handle: what is read after the handle was opened describes the
+// process it holds, or one that took the pid after it ended, which the handle's signal cannot
+// reach.
 #include <signal.h>
 
 #include <algorithm>
@@ -47,6 +53,13 @@ bool isIdleClientCommandLine(const std::vector<std::string>& arguments) {
            title.ends_with(kIdleTitleSuffix);
 }
 
+// The owner the table gave, checked again now that the process is held: the pid may have
+// passed to a process of another account since the table was read.
+bool stillBelongsToServiceAccount(std::int32_t pid) {
+    const support::Result<uid_t> owner = platform::processOwner(pid);
+    return owner && *owner == kPostgresUid;
+}
+
 void logCannotInteractWithSysctl() {
     logMessage(LOG_ERR, "Cannot interact with sysctl");
 }
@@ -67,14 +80,20 @@ bool PostgresRequestHandler::shutDownIdleClients() {
             continue;
         }
         const std::int32_t pid = record.kp_proc.p_pid;
+        // A process that has ended since the table was read cannot be held: nothing to end.
+        const support::Result<platform::ProcessHandle> process = platform::openProcess(pid);
+        if (!process) {
+            continue;
+        }
         const auto arguments = commandLineArgumentsForPid(pid);
-        if (!isIdleClientCommandLine(arguments)) {
+        if (!isIdleClientCommandLine(arguments) || !stillBelongsToServiceAccount(pid)) {
             continue;
         }
         logMessage(LOG_WARNING, "killing idle postgres process with signature \"%s\", pid=%d\n",
                    arguments[kTitleElement].c_str(), pid);
-        // Not waited for: the clients end on their own time while the stop goes on.
-        platform::kill(pid, SIGTERM);
+        // Not waited for: the clients end on their own time while the stop goes on. A client
+        // that ended meanwhile is simply not signalled.
+        (void)platform::signalProcess(*process, SIGTERM);
     }
     return true;
 }

@@ -1,12 +1,44 @@
 #include "platform/Kernel.h"
 
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "ProcessTableReader.h"
+#include "WholeFile.h"
 
 namespace velnor::platform {
 
-int kill(pid_t pid, int signal) {
-    return ::kill(pid, signal);
+support::Result<ProcessHandle> openProcess(pid_t pid) {
+    const std::string object = "process " + std::to_string(pid);
+    const long descriptor = ::syscall(SYS_pidfd_open, pid, 0);
+    if (descriptor < 0) {
+        return support::couldNot("open", object, errno);
+    }
+    return ProcessHandle{pid, support::UniqueFd(static_cast<int>(descriptor))};
+}
+
+support::Result<uid_t> processOwner(pid_t pid) {
+    const std::string path = "/proc/" + std::to_string(pid) + "/status";
+    std::string status;
+    if (!readWholeFile(path, status)) {
+        return support::couldNot("read", path, errno);
+    }
+    const std::optional<uid_t> owner = parseEffectiveUid(status);
+    if (!owner) {
+        return support::couldNot("read", path, "it names no effective user id", EINVAL);
+    }
+    return *owner;
+}
+
+support::Status signalProcess(const ProcessHandle& process, int signal) {
+    if (::syscall(SYS_pidfd_send_signal, process.descriptor.get(), signal, nullptr, 0) != 0) {
+        return support::couldNot("signal", "process " + std::to_string(process.pid), errno);
+    }
+    return {};
 }
 
 int usleep(useconds_t microseconds) {

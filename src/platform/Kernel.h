@@ -5,6 +5,9 @@
 
 #include <cstddef>
 
+#include "Result.h"
+#include "UniqueFd.h"
+
 namespace velnor::platform {
 
 // sysctl names, with the values that the BSD kernel gives them.
@@ -19,8 +22,19 @@ inline constexpr int kKernProcargs2 = 49;
  * fit in *oldlenp; nothing can be set (newp fails with EPERM). */
 int sysctl(const int* name, unsigned int namelen, void* oldp, std::size_t* oldlenp,
            const void* newp, std::size_t newlen);
-/** @see kill(2) */
-int kill(pid_t pid, int signal);
+// A process held by a descriptor of its own (a pidfd): a signal sent through it reaches that
+// process or none, never another that took its pid once it ended.
+struct ProcessHandle {
+    pid_t pid = 0;
+    support::UniqueFd descriptor;
+};
+
+/** @see pidfd_open(2): fails with ESRCH for a process that has ended. */
+support::Result<ProcessHandle> openProcess(pid_t pid);
+/** The effective user id of the process with this pid now, from /proc/PID/status. */
+support::Result<uid_t> processOwner(pid_t pid);
+/** @see pidfd_send_signal(2): fails with ESRCH once the process has ended. */
+support::Status signalProcess(const ProcessHandle& process, int signal);
 /** @see usleep(3) */
 int usleep(useconds_t microseconds);
 

@@ -98,7 +98,8 @@ TEST_F(HostLockTest, LockHasItsModesWhateverTheUmaskAndNoProcessStartedUnderItKe
     EXPECT_TRUE(S_ISDIR(folder.st_mode));
     EXPECT_EQ(folder.st_mode & 07777, 0755u);
     EXPECT_TRUE(S_ISREG(file.st_mode));
-    EXPECT_EQ(file.st_mode & 07777, 0644u);
+    EXPECT_EQ(file.st_mode & 07777, 0600u);
+    EXPECT_EQ(file.st_uid, 0u);
 
     int descriptor = lockExclusively(lockPath(), LOCK_NB);
     EXPECT_GE(descriptor, 0) << "the lock outlived velnor, held by the process it started";

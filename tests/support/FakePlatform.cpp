@@ -189,10 +189,26 @@ int sysctl(const int* name, unsigned int namelen, void* oldp, std::size_t* oldle
     return testing::failWith(ENOTSUP);
 }
 
-int kill(pid_t pid, int signal) {
-    fake().calls.push_back("kill " + std::to_string(pid) + " " + std::to_string(signal));
-    fake().signalsSent.emplace_back(pid, signal);
-    return 0;
+support::Result<ProcessHandle> openProcess(pid_t pid) {
+    fake().calls.push_back("openProcess " + std::to_string(pid));
+    if (!testing::findProcess(pid)) {
+        return support::couldNot("open", "process " + std::to_string(pid), ESRCH);
+    }
+    return ProcessHandle{pid, support::UniqueFd()};
+}
+
+support::Result<uid_t> processOwner(pid_t pid) {
+    const auto* process = testing::findProcess(pid);
+    if (!process) {
+        return support::couldNot("read", "/proc/" + std::to_string(pid) + "/status", ENOENT);
+    }
+    return process->ownerOnceHeld.value_or(process->uid);
+}
+
+support::Status signalProcess(const ProcessHandle& process, int signal) {
+    fake().calls.push_back("signal " + std::to_string(process.pid) + " " + std::to_string(signal));
+    fake().signalsSent.emplace_back(process.pid, signal);
+    return {};
 }
 
 int usleep(useconds_t microseconds) {

@@ -22,6 +22,10 @@ TEST(HostCommandLine, CallKeepsItsArgumentRawAndFriendlyVerbsPrepareTheirs) {
     EXPECT_EQ(std::get<RawArgument>(command.argument).text, "-");
     EXPECT_EQ(std::get<RawArgument>(parsed({"call", "op"}).argument).text, std::nullopt);
 
+    Command waiting = parsed({"--wait", "3", "call", "getStateWithRequest"});
+    EXPECT_EQ(waiting.lockWait, std::chrono::seconds(3));
+    EXPECT_EQ(command.lockWait, std::nullopt) << "without --wait, the lock is awaited for ever";
+
     const PlistDictionary write{
         {"configuration", PlistDictionary{{"port", "5434"}, {"search_path", "a=b"}, {"x", ""}}}};
     EXPECT_EQ(std::get<PlistDictionary>(
@@ -40,7 +44,8 @@ TEST(HostCommandLine, RefusesWhatTheUsageDoesNotAllow) {
         {"status", "--details", "--details"}, {"start", "now"}, {"idle", "3"},
         {"settings", "port"}, {"settings", "=5432"}, {"settings", "port=1", "--json"},
         {"setup", "--upgrade", "--data-location", "/srv/db"}, {"setup", "--data-location"},
-        {"setup", "--data-location="}, {"setup", "--fresh"}, {"status", "--json"}};
+        {"setup", "--data-location="}, {"setup", "--fresh"}, {"status", "--json"},
+        {"--wait", "status"}, {"--wait", "-1", "status"}, {"--wait=1.5", "status"}, {"--wait="}};
     // clang-format on
     for (const Arguments& arguments : refused) {
         ParsedCommandLine result = parseCommandLine(arguments);

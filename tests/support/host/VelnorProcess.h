@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -56,6 +57,9 @@ class VelnorProcess {
 class HostFixture : public ::testing::Test {
   protected:
     void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "velnor runs only as root";
+        }
         char pattern[] = "/tmp/velnor-host-test.XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr) << "cannot create a scratch folder";
         folder_ = pattern;
