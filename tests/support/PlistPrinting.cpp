@@ -43,6 +43,18 @@ void PrintTo(const PlistValue& value, std::ostream* out) {
         case PlistValue::Kind::Dictionary:
             PrintTo(*value.asDictionary(), out);
             break;
+        case PlistValue::Kind::Real:
+            *out << "<real>" << textOfReal(*value.asReal());
+            break;
+        case PlistValue::Kind::Date:
+            *out << "<date>" << textOfReal(*value.asDate());
+            break;
+        case PlistValue::Kind::Data:
+            *out << "<data>" << std::quoted(*value.asData());
+            break;
+        case PlistValue::Kind::Uid:
+            *out << "<uid>" << *value.asUid();
+            break;
     }
 }
 
