@@ -154,8 +154,8 @@ class BinaryPlistScan {
                 return refusal("its object " + std::to_string(index) + " is not valid");
             }
             if (const std::size_t zero = zeroInText(object); zero != std::string_view::npos) {
-                return refusal("a string in it holds a zero byte (at byte " +
-                               std::to_string(zero) + ")");
+                return refusal("a string in it holds a zero byte (at byte " + std::to_string(zero) +
+                               ")");
             }
             const std::uint64_t references = referenceCount(object);
             if (references > (dataEnd_ - std::min(object.body, dataEnd_)) / referenceSize_) {
@@ -225,7 +225,8 @@ class BinaryPlistScan {
 // The children of one array or dictionary, in order, without reading a key.
 class ChildWalk {
   public:
-    explicit ChildWalk(plist_t node) : node_(node), array_(plist_get_node_type(node) == PLIST_ARRAY) {
+    explicit ChildWalk(plist_t node)
+        : node_(node), array_(plist_get_node_type(node) == PLIST_ARRAY) {
         void* iterator = nullptr;
         if (array_) {
             plist_array_new_iter(node, &iterator);
@@ -318,8 +319,7 @@ support::Status checkPlistNesting(plist_t root) {
             continue;
         }
         if (path.size() >= kMaxPlistNesting) {
-            return refusal("it nests deeper than " + std::to_string(kMaxPlistNesting) +
-                           " levels");
+            return refusal("it nests deeper than " + std::to_string(kMaxPlistNesting) + " levels");
         }
         path.emplace_back(child);
     }

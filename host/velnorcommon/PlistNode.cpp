@@ -2,10 +2,10 @@
 
 #include <bit>
 #include <cerrno>
-#include <cstdint>
-#include <cstdlib>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 
