@@ -23,11 +23,12 @@ MIGRATION_KILLS = int(os.environ.get("VELNOR_MIGRATION_KILLS", 800))
 class KilledWrites(harness.ScenarioCase):
     @sandbox("--legacy-log-dir", "--initdb", "--socket-dir")
     def test_killed_writes(self):
-        print(f"\n{'writes killed':<28}{'kills':>8}{'corrupt job files':>20}{'temporaries left':>18}")
+        print(f"\n{'writes killed':<26}{'kills':>7}{'written before kill':>21}"
+              f"{'corrupt job files':>19}{'temporaries left':>18}")
         for what, count, settings_writes in (("settings writes", SETTINGS_KILLS, True),
                                              ("log-directory migrations", MIGRATION_KILLS, False)):
-            corrupt, temporaries = killed_writes(self.host, count, settings_writes)
-            print(f"{what:<28}{count:>8}{corrupt:>20}{temporaries:>18}", flush=True)
+            corrupt, written, temporaries = killed_writes(self.host, count, settings_writes)
+            print(f"{what:<26}{count:>7}{written:>21}{corrupt:>19}{temporaries:>18}", flush=True)
 
 
 if __name__ == "__main__":

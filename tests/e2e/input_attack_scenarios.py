@@ -25,6 +25,9 @@ from harness import JOB_FILE, LOG_DIR, MARKER, UPDATED_JOB_FILE, sandbox  # noqa
 BAD_REQUEST = 65
 TEMPORARIES = os.path.join(os.path.dirname(JOB_FILE), "." + os.path.basename(JOB_FILE) + ".*")
 LEGACY_SETTING = "log_directory=/Library/Logs"
+# Kills land within this many seconds of the start; the write comes about 25 ms in (on this
+# machine), so they fall before, during and after it.
+KILL_WINDOW = 0.05
 
 
 def settings_request(settings):
@@ -92,25 +95,29 @@ def prepare_migration(job):
 
 def killed_writes(host, count, settings_writes):
     """Kills count settings writes (or migrations) at random moments; answers how many left the
-    job file not whole, and how many temporary files stay once one more write has run."""
+    job file not whole, how many had written it all the same (kills that came before and after
+    the write both happen), and how many temporary files stay once one more write has run."""
     velnor = [host.velnor, "--plugin", host.plugin]
     job = legacy_job()
-    corrupt = 0
+    corrupt = written = 0
     for attempt in range(count):
         if settings_writes:
-            kill_at_random([*velnor, "settings", f"work_mem={attempt + 1}MB"], 0.03)
+            expected = f"work_mem={attempt + 1}MB"
+            kill_at_random([*velnor, "settings", expected], KILL_WINDOW)
         else:
+            expected = "log_directory=/Library/Logs/PostgreSQL"
             prepare_migration(job)
-            kill_at_random([*velnor, "idle"], 0.03)
-        corrupt += not job_file_is_whole()
+            kill_at_random([*velnor, "idle"], KILL_WINDOW)
         if not job_file_is_whole():
+            corrupt += 1
             harness.write_job_file(job)
+        written += expected in harness.read_job_file()["ProgramArguments"]
     if settings_writes:
         host("settings", "work_mem=4MB")
     else:
         prepare_migration(job)
         host("idle")
-    return corrupt, len(glob.glob(TEMPORARIES))
+    return corrupt, written, len(glob.glob(TEMPORARIES))
 
 
 class InputAttacks(harness.ScenarioCase):
@@ -154,7 +161,7 @@ class InputAttacks(harness.ScenarioCase):
         """Settings writes and migrations killed at random moments leave the job file whole, and
         no temporary file stays once the next write has run."""
         for settings_writes in (True, False):
-            corrupt, temporaries = killed_writes(self.host, 15, settings_writes)
+            corrupt, _, temporaries = killed_writes(self.host, 15, settings_writes)
             what = "settings writes" if settings_writes else "migrations"
             self.assertEqual(corrupt, 0, f"{what}: job files left not whole")
             self.assertEqual(temporaries, 0, f"{what}: temporary files left")
