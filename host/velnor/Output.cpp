@@ -1,9 +1,12 @@
 #include "Output.h"
 
+#include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <optional>
 #include <string_view>
 
+#include "PlistNode.h"
 #include "PropertyListFile.h"
 
 namespace velnor::host {
@@ -11,6 +14,8 @@ namespace {
 
 constexpr int kIndentStep = 2;
 constexpr std::string_view kReplacementCharacter = "\\ufffd";
+// Property lists count dates from 2001-01-01T00:00:00Z; Unix time from 1970.
+constexpr double kUnixSecondsAt2001 = 978307200;
 
 // The length of the well-formed UTF-8 sequence at the start of text, or 0 when it does not
 // start with one (a stray continuation byte, a truncated or overlong sequence, a surrogate,
@@ -103,6 +108,40 @@ void appendJsonString(std::string& out, std::string_view text) {
     out += '"';
 }
 
+// A date in ISO 8601, in UTC, with the fraction of a second when there is one:
+// 2024-05-06T07:08:09Z, 2024-05-06T07:08:09.25Z. A date beyond what the calendar functions
+// reach shows as its seconds since 2001.
+std::string textOfDate(double secondsSince2001) {
+    const double unixSeconds = secondsSince2001 + kUnixSecondsAt2001;
+    const double whole = std::floor(unixSeconds);
+    struct tm calendar {};
+    const auto time = static_cast<std::time_t>(whole);
+    char text[64];
+    if (!std::isfinite(whole) || std::fabs(whole) > 1e15 || gmtime_r(&time, &calendar) == nullptr ||
+        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &calendar) == 0) {
+        return textOfReal(secondsSince2001);
+    }
+    std::string date = text;
+    if (const double fraction = unixSeconds - whole; fraction > 0) {
+        // "0.25" without its leading zero
+        date += textOfReal(fraction).substr(1);
+    }
+    return date + "Z";
+}
+
+// A real as JSON: a number that always shows it is no integer ("1.0"); JSON has no numbers
+// for NaN and the infinities, so those are the strings that property lists write for them.
+std::string jsonOfReal(double number) {
+    std::string text = textOfReal(number);
+    if (!std::isfinite(number)) {
+        return '"' + text + '"';
+    }
+    if (text.find_first_of(".e") == std::string::npos) {
+        text += ".0";
+    }
+    return text;
+}
+
 void appendNewLine(std::string& out, int indent) {
     out += '\n';
     out.append(static_cast<std::size_t>(indent), ' ');
@@ -166,6 +205,18 @@ void appendJson(std::string& out, const PlistValue& value, int indent) {
         case PlistValue::Kind::Dictionary:
             appendJsonObject(out, *value.asDictionary(), indent);
             return;
+        case PlistValue::Kind::Real:
+            out += jsonOfReal(*value.asReal());
+            return;
+        case PlistValue::Kind::Date:
+            appendJsonString(out, textOfDate(*value.asDate()));
+            return;
+        case PlistValue::Kind::Data:
+            appendJsonString(out, base64OfBytes(*value.asData()));
+            return;
+        case PlistValue::Kind::Uid:
+            out += "{\"CF$UID\": " + std::to_string(*value.asUid()) + "}";
+            return;
     }
 }
 
@@ -188,6 +239,14 @@ std::optional<std::string> humanScalar(const PlistValue& value) {
                 return std::string("{}");
             }
             return std::nullopt;
+        case PlistValue::Kind::Real:
+            return textOfReal(*value.asReal());
+        case PlistValue::Kind::Date:
+            return textOfDate(*value.asDate());
+        case PlistValue::Kind::Data:
+            return base64OfBytes(*value.asData());
+        case PlistValue::Kind::Uid:
+            return std::to_string(*value.asUid());
         case PlistValue::Kind::Absent:
             break;
     }

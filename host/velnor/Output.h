@@ -13,13 +13,16 @@ enum class OutputForm { PropertyList, Json, Human };
 // The value as JSON, indented by two spaces per level, without a final line feed. Strings are
 // escaped ('"', '\\' and every control character) and their UTF-8 kept as it is; a byte that is
 // not part of valid UTF-8 becomes U+FFFD so that the document stays valid. Integers are
-// numbers and booleans true/false; dictionaries become objects with their keys in dictionary
-// order. An absent value is null.
+// numbers and booleans true/false; reals are numbers that always hold a '.' or an exponent
+// (NaN and the infinities, which JSON lacks, the strings "nan", "+infinity", "-infinity");
+// dates are ISO 8601 strings in UTC; data is a base64 string; a uid is {"CF$UID": N}.
+// Dictionaries become objects with their keys in dictionary order. An absent value is null.
 std::string toJson(const PlistValue& value);
 
 // The value as "key: value" lines, each ending in a line feed. A nested dictionary is its key
 // alone on a line followed by its entries indented two more spaces; array elements are "- "
-// lines. Strings print as they are, booleans as true/false. A value that is not a dictionary
+// lines. Strings print as they are, booleans as true/false, reals, dates and data as in JSON
+// without quotes, a uid as its number. A value that is not a dictionary
 // prints as its own line (or lines); an absent value prints nothing.
 std::string toHumanForm(const PlistValue& value);
 

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "PlistText.h"
 #include "PropertyListFile.h"
 
 namespace velnor::host {
@@ -65,6 +66,13 @@ std::optional<PlistDictionary> requestFromBytes(std::string_view bytes, const st
         if (!parseError.empty()) {
             *error += ": " + parseError;
         }
+        return std::nullopt;
+    }
+    // The plug-in stores request strings in its job file, which is XML: a string that XML
+    // cannot carry would come back otherwise, or leave the file unreadable.
+    if (std::optional<std::string> uncarriable = findUncarriableText(*value)) {
+        *error = source + " is refused: " + *uncarriable +
+                 ", which a property list cannot carry exactly";
         return std::nullopt;
     }
     if (const PlistDictionary* request = value->asDictionary()) {

@@ -15,7 +15,9 @@ inline constexpr std::string_view kStandardInputArgument = "-";
 
 // The request held by bytes, a property list (XML or binary) whose top level is a dictionary.
 // Nothing otherwise; error then says, naming source, whether the bytes are no property list
-// (with the parser's reason) or which kind of value stands at the top.
+// (with the parser's reason: a zero byte, nesting deeper than 256 levels), which key or string
+// holds a character that an XML property list cannot carry exactly (see PlistText.h), or which
+// kind of value stands at the top.
 std::optional<PlistDictionary> requestFromBytes(std::string_view bytes, const std::string& source,
                                                 std::string* error);
 

@@ -4,9 +4,13 @@
 
 #include <plist/plist.h>
 
+#include <cerrno>
+
 #include "HostLog.h"
 #include "LaunchdJobs.h"
 #include "PlistNode.h"
+#include "PlistText.h"
+#include "Result.h"
 #include "WholeFile.h"
 
 namespace velnor {
@@ -43,6 +47,22 @@ PlistNode jobTreeToRewrite(const std::string& path) {
     return root;
 }
 
+// A failure for the first argument that the XML job file cannot carry exactly.
+std::optional<support::Failure> uncarriableArgument(const std::string& path,
+                                                    const LaunchArguments& arguments) {
+    for (std::size_t index = 0; index < arguments.size(); ++index) {
+        const std::size_t position = uncarriableCharacterAt(arguments[index]);
+        if (position != std::string::npos) {
+            return support::couldNot("change the launch arguments in", path,
+                                     "argument " + std::to_string(index) + " holds " +
+                                         characterNameAt(arguments[index], position) +
+                                         ", which a property list cannot carry exactly",
+                                     EINVAL);
+        }
+    }
+    return std::nullopt;
+}
+
 PlistNode arrayOfStrings(const LaunchArguments& arguments) {
     PlistNode array(plist_new_array());
     for (const auto& argument : arguments) {
@@ -72,6 +92,10 @@ std::optional<LaunchArguments> GetLaunchDaemonServiceConfigArgs(const std::strin
 }
 
 bool SetLaunchDaemonServiceConfigArgs(const std::string& path, const LaunchArguments& arguments) {
+    if (auto refused = uncarriableArgument(path, arguments)) {
+        logHostFailure(refused->message);
+        return false;
+    }
     PlistNode root = jobTreeToRewrite(path);
     if (!root) {
         return false;

@@ -16,7 +16,8 @@ std::optional<LaunchArguments> GetLaunchDaemonServiceConfigArgs(const std::strin
 
 // Replaces ProgramArguments in the job file at path, keeping every other key and value, the
 // file's mode and owner. Written as XML, atomically. A missing file is created holding just
-// ProgramArguments. False when it cannot be written; the old file is then left whole.
+// ProgramArguments. False when it cannot be written, or when an argument holds a character
+// that the XML file cannot carry exactly (PlistText.h); the old file is then left whole.
 bool SetLaunchDaemonServiceConfigArgs(const std::string& path, const LaunchArguments& arguments);
 
 // state 1: has the job with this label run (true at once when it already runs); state 0: sends

@@ -1,36 +1,20 @@
 #include "PlistNode.h"
 
+#include <bit>
 #include <cerrno>
+#include <charconv>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 
+#include "PlistInputChecks.h"
+#include "PlistTreePath.h"
 #include "WholeFile.h"
 
 namespace velnor {
 namespace {
-
-// Where a value sits in its tree, as messages show it: keys quoted, array positions bare.
-class TreePath {
-  public:
-    void enterKey(const char* key) { steps_.push_back('"' + std::string(key) + '"'); }
-    void enterIndex(std::uint32_t index) { steps_.push_back(std::to_string(index)); }
-    void leave() { steps_.pop_back(); }
-
-    std::string describe() const {
-        if (steps_.empty()) {
-            return "at the top level";
-        }
-        std::string text = "under ";
-        for (std::size_t i = 0; i < steps_.size(); ++i) {
-            text += (i == 0 ? "" : " / ") + steps_[i];
-        }
-        return text;
-    }
-
-  private:
-    std::vector<std::string> steps_;
-};
 
 const char* kindNameOfNode(plist_type type) {
     switch (type) {
@@ -64,6 +48,97 @@ struct FreeWithFree {
     void operator()(void* memory) const { std::free(memory); }
 };
 
+// A lone date as a binary property list: the header, the date object (its marker, then the
+// seconds as a big-endian double), the offset table and the trailer. libplist's accessor for
+// dates answers whole seconds in 32 bits only, and its constructor takes them, so a date's exact
+// value travels through this form instead.
+constexpr std::size_t kDateObjectOffset = 8;
+constexpr unsigned char kDateMarker = 0x33;
+
+std::string binaryPlistOfDate(double seconds) {
+    std::string bytes = "bplist00";
+    bytes += static_cast<char>(kDateMarker);
+    const auto bits = std::bit_cast<std::uint64_t>(seconds);
+    for (int shift = 56; shift >= 0; shift -= 8) {
+        bytes += static_cast<char>((bits >> shift) & 0xFF);
+    }
+    const std::size_t table = bytes.size();
+    bytes += static_cast<char>(kDateObjectOffset);
+    std::string trailer(32, '\0');
+    trailer[6] = 1;   // offset size
+    trailer[7] = 1;   // reference size
+    trailer[15] = 1;  // one object, the top one (0)
+    trailer[31] = static_cast<char>(table);
+    return bytes + trailer;
+}
+
+double secondsOfDateNode(plist_t node) {
+    char* bytes = nullptr;
+    std::uint32_t length = 0;
+    plist_to_bin(node, &bytes, &length);
+    std::uint64_t bits = 0;
+    if (bytes != nullptr && length > kDateObjectOffset + 8 &&
+        static_cast<unsigned char>(bytes[kDateObjectOffset]) == kDateMarker) {
+        for (std::size_t i = 1; i <= 8; ++i) {
+            bits = (bits << 8) | static_cast<unsigned char>(bytes[kDateObjectOffset + i]);
+        }
+    }
+    plist_to_bin_free(bytes);
+    return std::bit_cast<double>(bits);
+}
+
+PlistNode nodeOfDate(double seconds) {
+    const std::string bytes = binaryPlistOfDate(seconds);
+    plist_t node = nullptr;
+    plist_from_bin(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &node);
+    return PlistNode(node);
+}
+
+// The reals of a tree in the order its XML shows them.
+void collectReals(plist_t node, std::vector<double>& reals) {
+    switch (plist_get_node_type(node)) {
+        case PLIST_REAL: {
+            double number = 0;
+            plist_get_real_val(node, &number);
+            reals.push_back(number);
+            return;
+        }
+        case PLIST_ARRAY:
+            for (std::uint32_t i = 0; i < plist_array_get_size(node); ++i) {
+                collectReals(plist_array_get_item(node, i), reals);
+            }
+            return;
+        case PLIST_DICT:
+            visitDictionaryEntries(node, [&](const char*, plist_t value) {
+                collectReals(value, reals);
+                return true;
+            });
+            return;
+        default:
+            return;
+    }
+}
+
+// libplist writes a real with 17 significant digits, so 0.1 comes back as 0.10000000000000001,
+// and drops the sign of -0. Each real's text is written again in the shortest form that reads
+// back as the same number. A "<real>" can only be markup: text escapes its '<'.
+std::string withExactReals(std::string xml, const std::vector<double>& reals) {
+    constexpr std::string_view open = "<real>";
+    constexpr std::string_view close = "</real>";
+    std::size_t at = 0;
+    for (double number : reals) {
+        const std::size_t start = xml.find(open, at);
+        const std::size_t end = start == std::string::npos ? start : xml.find(close, start);
+        if (end == std::string::npos) {
+            break;
+        }
+        const std::string text = textOfReal(number);
+        xml.replace(start + open.size(), end - start - open.size(), text);
+        at = start + open.size() + text.size() + close.size();
+    }
+    return xml;
+}
+
 class NodeConverter {
   public:
     explicit NodeConverter(std::string* error) : error_(error) {}
@@ -80,6 +155,23 @@ class NodeConverter {
                 return arrayOf(node);
             case PLIST_DICT:
                 return dictionaryOf(node);
+            case PLIST_REAL: {
+                double number = 0;
+                plist_get_real_val(node, &number);
+                return PlistValue::real(number);
+            }
+            case PLIST_DATE:
+                return PlistValue::date(secondsOfDateNode(node));
+            case PLIST_DATA: {
+                std::uint64_t length = 0;
+                const char* bytes = plist_get_data_ptr(node, &length);
+                return PlistValue::data(std::string(bytes != nullptr ? bytes : "", length));
+            }
+            case PLIST_UID: {
+                std::uint64_t reference = 0;
+                plist_get_uid_val(node, &reference);
+                return PlistValue::uid(reference);
+            }
             default:
                 return refuse(std::string("unsupported value of kind ") +
                               kindNameOfNode(plist_get_node_type(node)));
@@ -148,7 +240,7 @@ class NodeConverter {
     }
 
     std::string* error_;
-    TreePath path_;
+    PlistTreePath path_;
 };
 
 PlistNode nodeOfArray(const PlistArray& array) {
@@ -190,11 +282,24 @@ PlistNode parsePlistNode(std::string_view bytes, std::string* error) {
     const auto length = static_cast<std::uint32_t>(bytes.size());
     plist_t root = nullptr;
     if (plist_is_binary(bytes.data(), length)) {
+        if (auto checked = checkBinaryPlistBytes(bytes); !checked) {
+            return refuse(("not a valid binary property list: " + checked.message()).c_str());
+        }
         plist_from_bin(bytes.data(), length, &root);
         return root != nullptr ? PlistNode(root) : refuse("not a valid binary property list");
     }
+    if (auto checked = checkXmlPlistBytes(bytes); !checked) {
+        return refuse(("not a valid XML property list: " + checked.message()).c_str());
+    }
     plist_from_xml(bytes.data(), length, &root);
-    return root != nullptr ? PlistNode(root) : refuse("not a valid XML property list");
+    if (root == nullptr) {
+        return refuse("not a valid XML property list");
+    }
+    if (auto checked = checkPlistNesting(root); !checked) {
+        freePlistWithoutRecursion(root);
+        return refuse(("not a usable property list: " + checked.message()).c_str());
+    }
+    return PlistNode(root);
 }
 
 PlistNode readPlistNodeFile(const std::string& path, std::string* error, bool* missing) {
@@ -220,6 +325,24 @@ std::string xmlOfPlistNode(plist_t node) {
     plist_to_xml(node, &xml, &length);
     std::string text(xml != nullptr ? xml : "", xml != nullptr ? length : 0);
     plist_to_xml_free(xml);
+    std::vector<double> reals;
+    collectReals(node, reals);
+    return reals.empty() ? text : withExactReals(std::move(text), reals);
+}
+
+std::string base64OfBytes(std::string_view bytes) {
+    PlistNode node(plist_new_data(bytes.data(), bytes.size()));
+    const std::string xml = xmlOfPlistNode(node.get());
+    const std::size_t start = xml.find("<data>");
+    const std::size_t end = xml.find("</data>");
+    std::string text;
+    if (start != std::string::npos && end != std::string::npos) {
+        for (char c : std::string_view(xml).substr(start + 6, end - start - 6)) {
+            if (c != '\n' && c != '\t' && c != ' ') {
+                text += c;
+            }
+        }
+    }
     return text;
 }
 
@@ -241,6 +364,14 @@ PlistNode plistNodeOfValue(const PlistValue& value) {
             return nodeOfArray(*value.asArray());
         case PlistValue::Kind::Dictionary:
             return nodeOfDictionary(*value.asDictionary());
+        case PlistValue::Kind::Real:
+            return PlistNode(plist_new_real(*value.asReal()));
+        case PlistValue::Kind::Date:
+            return nodeOfDate(*value.asDate());
+        case PlistValue::Kind::Data:
+            return PlistNode(plist_new_data(value.asData()->data(), value.asData()->size()));
+        case PlistValue::Kind::Uid:
+            return PlistNode(plist_new_uid(*value.asUid()));
         case PlistValue::Kind::Absent:
             break;
     }

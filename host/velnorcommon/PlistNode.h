@@ -25,8 +25,9 @@ struct PlistNodeFree {
 // The owner of a whole libplist tree (a node that has no parent).
 using PlistNode = std::unique_ptr<void, PlistNodeFree>;
 
-// The tree that the bytes hold, XML or binary; empty when they are not a property list, and
-// error, when given, then says why in one line.
+// The tree that the bytes hold, XML or binary; empty when they are not a property list, or one
+// that libplist cannot be trusted with (see PlistInputChecks.h), and error, when given, then
+// says why in one line.
 PlistNode parsePlistNode(std::string_view bytes, std::string* error = nullptr);
 
 // The tree that the file at path holds; empty when it cannot be read or is not a property list,
@@ -35,12 +36,15 @@ PlistNode parsePlistNode(std::string_view bytes, std::string* error = nullptr);
 PlistNode readPlistNodeFile(const std::string& path, std::string* error = nullptr,
                             bool* missing = nullptr);
 
-// The tree as an XML property list.
+// The tree as an XML property list. Reals are written in the shortest form that reads back as
+// the same number, and -0 keeps its sign; dates have whole seconds, as the XML form does.
 std::string xmlOfPlistNode(plist_t node);
 
-// The tree as a PlistValue. Empty when it holds a value that PlistValue cannot hold (a real, a
-// date, data, a uid, or an integer above the largest signed 64-bit one); error then names the
-// kind and where it is, as in: unsupported value of kind real under "Outer" / 2.
+// The bytes in base64, as a property list's data element writes them.
+std::string base64OfBytes(std::string_view bytes);
+
+// The tree as a PlistValue. Empty when it holds a value that PlistValue cannot hold (an integer
+// above the largest signed 64-bit one); error then says which and where it is.
 std::optional<PlistValue> plistValueOfNode(plist_t node, std::string* error = nullptr);
 
 // A new tree that holds value; empty when value is absent or holds an absent value, which no

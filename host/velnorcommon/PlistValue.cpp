@@ -1,5 +1,9 @@
 #include "PlistValue.h"
 
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
 #include <stdexcept>
 
 namespace velnor {
@@ -46,6 +50,65 @@ PlistValue PlistValue::boolean(bool flag) {
     return value;
 }
 
+PlistValue PlistValue::real(double number) {
+    PlistValue value;
+    value.value_ = Real{number};
+    return value;
+}
+
+PlistValue PlistValue::date(double secondsSince2001) {
+    PlistValue value;
+    value.value_ = Date{secondsSince2001};
+    return value;
+}
+
+PlistValue PlistValue::data(std::string bytes) {
+    PlistValue value;
+    value.value_ = Data{std::move(bytes)};
+    return value;
+}
+
+PlistValue PlistValue::uid(std::uint64_t reference) {
+    PlistValue value;
+    value.value_ = Uid{reference};
+    return value;
+}
+
+bool PlistValue::Real::operator==(const Real& other) const {
+    return std::bit_cast<std::uint64_t>(number) == std::bit_cast<std::uint64_t>(other.number);
+}
+
+bool PlistValue::Date::operator==(const Date& other) const {
+    return std::bit_cast<std::uint64_t>(secondsSince2001) ==
+           std::bit_cast<std::uint64_t>(other.secondsSince2001);
+}
+
+std::optional<double> PlistValue::asReal() const {
+    if (const auto* real = std::get_if<Real>(&value_)) {
+        return real->number;
+    }
+    return std::nullopt;
+}
+
+std::optional<double> PlistValue::asDate() const {
+    if (const auto* date = std::get_if<Date>(&value_)) {
+        return date->secondsSince2001;
+    }
+    return std::nullopt;
+}
+
+const std::string* PlistValue::asData() const {
+    const auto* data = std::get_if<Data>(&value_);
+    return data != nullptr ? &data->bytes : nullptr;
+}
+
+std::optional<std::uint64_t> PlistValue::asUid() const {
+    if (const auto* uid = std::get_if<Uid>(&value_)) {
+        return uid->reference;
+    }
+    return std::nullopt;
+}
+
 std::optional<std::int64_t> PlistValue::asInteger() const {
     if (const auto* integer = std::get_if<Integer>(&value_)) {
         return integer->number;
@@ -74,8 +137,28 @@ const char* kindName(PlistValue::Kind kind) {
             return "array";
         case PlistValue::Kind::Dictionary:
             return "dictionary";
+        case PlistValue::Kind::Real:
+            return "real";
+        case PlistValue::Kind::Date:
+            return "date";
+        case PlistValue::Kind::Data:
+            return "data";
+        case PlistValue::Kind::Uid:
+            return "uid";
     }
     return "unknown";
+}
+
+std::string textOfReal(double number) {
+    if (std::isnan(number)) {
+        return "nan";
+    }
+    if (std::isinf(number)) {
+        return number > 0 ? "+infinity" : "-infinity";
+    }
+    char text[32];
+    const auto written = std::to_chars(text, text + sizeof text, number);
+    return std::string(text, written.ptr);
 }
 
 }  // namespace velnor

@@ -1,8 +1,9 @@
 // Property-list values as the host and its plug-ins exchange them.
 //
-// Integers and booleans are distinct kinds: an integer 0 is never false, in memory, in a
-// property-list file or in JSON. A default-constructed value is absent; a dictionary refuses
-// to hold an absent value.
+// Every kind a property-list file can hold has its own alternative, so that a file read and
+// written whole keeps every value and kind. Integers and booleans are distinct kinds: an integer
+// 0 is never false, in memory, in a property-list file or in JSON; reals are a third kind again.
+// A default-constructed value is absent; a dictionary refuses to hold an absent value.
 #pragma once
 
 #include <cstdint>
@@ -52,7 +53,7 @@ class PlistDictionary {
 
 class PlistValue {
   public:
-    enum class Kind { Absent, String, Integer, Boolean, Array, Dictionary };
+    enum class Kind { Absent, String, Integer, Boolean, Array, Dictionary, Real, Date, Data, Uid };
 
     PlistValue() = default;
     PlistValue(std::string text) : value_(std::move(text)) {}
@@ -64,6 +65,13 @@ class PlistValue {
     // false, or true into 1, by overload resolution.
     static PlistValue integer(std::int64_t number);
     static PlistValue boolean(bool flag);
+    static PlistValue real(double number);
+    // A point in time as property lists count it: seconds since 2001-01-01T00:00:00Z.
+    static PlistValue date(double secondsSince2001);
+    // Bytes, which a property list keeps apart from text.
+    static PlistValue data(std::string bytes);
+    // The object reference of a keyed archive.
+    static PlistValue uid(std::uint64_t reference);
 
     Kind kind() const { return static_cast<Kind>(value_.index()); }
     bool isAbsent() const { return kind() == Kind::Absent; }
@@ -74,6 +82,10 @@ class PlistValue {
     std::optional<bool> asBoolean() const;
     const PlistArray* asArray() const { return std::get_if<PlistArray>(&value_); }
     const PlistDictionary* asDictionary() const { return std::get_if<PlistDictionary>(&value_); }
+    std::optional<double> asReal() const;
+    std::optional<double> asDate() const;
+    const std::string* asData() const;
+    std::optional<std::uint64_t> asUid() const;
 
     bool operator==(const PlistValue& other) const { return value_ == other.value_; }
 
@@ -86,13 +98,37 @@ class PlistValue {
         bool flag;
         bool operator==(const Boolean&) const = default;
     };
+    // Reals and dates compare by their bits, so that -0 and 0 differ and a NaN equals itself:
+    // equal means written back the same.
+    struct Real {
+        double number;
+        bool operator==(const Real& other) const;
+    };
+    struct Date {
+        double secondsSince2001;
+        bool operator==(const Date& other) const;
+    };
+    struct Data {
+        std::string bytes;
+        bool operator==(const Data&) const = default;
+    };
+    struct Uid {
+        std::uint64_t reference;
+        bool operator==(const Uid&) const = default;
+    };
 
     // The order of the alternatives follows Kind.
-    std::variant<std::monostate, std::string, Integer, Boolean, PlistArray, PlistDictionary> value_;
+    std::variant<std::monostate, std::string, Integer, Boolean, PlistArray, PlistDictionary, Real,
+                 Date, Data, Uid>
+        value_;
 };
 
 // The kind's name as messages show it: "string", "integer", "boolean", "array", "dictionary",
-// "absent".
+// "real", "date", "data", "uid", "absent".
 const char* kindName(PlistValue::Kind kind);
+
+// A real as property lists write it: the shortest decimal form that reads back as the same
+// number ("0.1", "-0", "1e+300"), or "nan", "+infinity", "-infinity".
+std::string textOfReal(double number);
 
 }  // namespace velnor

@@ -4,6 +4,7 @@
 
 #include "HostLog.h"
 #include "PlistNode.h"
+#include "PlistText.h"
 #include "WholeFile.h"
 
 namespace velnor {
@@ -85,6 +86,11 @@ bool writePropertyListWith(WholeFileWriter write, const std::string& path,
         logHostFailure("cannot write " + path + ": the value holds an absent value");
         return false;
     }
+    if (auto uncarriable = findUncarriableText(value)) {
+        logHostFailure("could not write \"" + path + "\": " + *uncarriable +
+                       ", which a property list cannot carry exactly");
+        return false;
+    }
     std::string error;
     if (!write(path, *xml, kNewFileMode, &error)) {
         logHostFailure(error);
@@ -94,10 +100,6 @@ bool writePropertyListWith(WholeFileWriter write, const std::string& path,
 }
 
 }  // namespace
-
-bool writePropertyListInPlace(const std::string& path, const PlistValue& value) {
-    return writePropertyListWith(&writeWholeFileInPlace, path, value);
-}
 
 bool writePropertyListAtomically(const std::string& path, const PlistValue& value) {
     return writePropertyListWith(&replaceWholeFileAtomically, path, value);

@@ -25,13 +25,10 @@ std::optional<PlistDictionary> readPropertyListDictionary(const std::string& pat
 // The value as an XML property list.
 std::string toXmlPropertyList(const PlistValue& value);
 
-// Writes the value as an XML property list over the file, in place: no temporary file and no
-// rename, so a reader can see it half written. False when the file cannot be written.
-bool writePropertyListInPlace(const std::string& path, const PlistValue& value);
-
 // Writes the value as an XML property list to a temporary file in the same folder, flushes it
 // and renames it over path, keeping the mode and owner of the file it replaces. On failure the
-// old file is left whole and false is returned.
+// old file is left whole and false is returned. A value holding a string that XML cannot carry
+// exactly (PlistText.h) is refused.
 bool writePropertyListAtomically(const std::string& path, const PlistValue& value);
 
 }  // namespace velnor

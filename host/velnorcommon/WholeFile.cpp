@@ -1,5 +1,6 @@
 #include "WholeFile.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -47,6 +48,9 @@ std::string replacementTarget(const std::string& path) {
     return resolved ? std::string(resolved.get()) : path;
 }
 
+// What mkostemp puts in place of "XXXXXX".
+constexpr std::size_t kTemporarySuffixLength = 6;
+
 // A temporary file that is removed again unless it has been renamed into place.
 class TemporaryFile {
   public:
@@ -87,6 +91,28 @@ bool takeOverAttributes(const TemporaryFile& file, const struct stat* old, mode_
     }
     mode_t mode = old != nullptr ? (old->st_mode & 07777) : newFileMode;
     return ::fchmod(file.fd(), mode) == 0;
+}
+
+// Removes the temporary files that writes of target killed before their rename left behind.
+// Each write has its own name, so two writers never share a file: a write that is not under
+// the host lock and loses its temporary file here fails whole, and never renames another's
+// half-written file into place.
+void removeLeftTemporaries(const std::string& target) {
+    const std::string prefix = "." + support::lastNameOf(target) + ".";
+    support::UniqueFd folder(
+        ::open(support::folderOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    DIR* listing = folder.valid() ? ::fdopendir(::dup(folder.get())) : nullptr;
+    if (listing == nullptr) {
+        return;
+    }
+    while (const struct dirent* entry = ::readdir(listing)) {
+        const std::string_view name = entry->d_name;
+        // A folder of that name stays: unlinkat without AT_REMOVEDIR refuses it.
+        if (name.size() == prefix.size() + kTemporarySuffixLength && name.starts_with(prefix)) {
+            ::unlinkat(folder.get(), entry->d_name, 0);
+        }
+    }
+    ::closedir(listing);
 }
 
 // Makes the rename itself durable. A failure here changes nothing that a reader could see, so
@@ -131,19 +157,6 @@ bool readWholeFile(const std::string& path, std::string& contents, std::string* 
     return true;
 }
 
-bool writeWholeFileInPlace(const std::string& path, std::string_view contents, mode_t newFileMode,
-                           std::string* error) {
-    support::UniqueFd fd(
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, newFileMode));
-    if (!fd.valid()) {
-        return fail(error, "cannot open " + path + " for writing", errno);
-    }
-    if (!writeAll(fd.get(), contents) || fd.close() != 0) {
-        return fail(error, "cannot write " + path, errno);
-    }
-    return true;
-}
-
 bool replaceWholeFileAtomically(const std::string& path, std::string_view contents,
                                 mode_t newFileMode, std::string* error) {
     const std::string target = replacementTarget(path);
@@ -156,6 +169,7 @@ bool replaceWholeFileAtomically(const std::string& path, std::string_view conten
         return fail(error, "cannot replace " + target, S_ISDIR(old.st_mode) ? EISDIR : EINVAL);
     }
 
+    removeLeftTemporaries(target);
     TemporaryFile temporary(target);
     if (!temporary.created()) {
         return fail(error, "cannot create a temporary file beside " + target, errno);

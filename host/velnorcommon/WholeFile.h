@@ -15,18 +15,13 @@ namespace velnor {
 // failing call set it, so that callers can tell a missing file (ENOENT) from an unreadable one.
 bool readWholeFile(const std::string& path, std::string& contents, std::string* error = nullptr);
 
-// Writes contents over the file at path in place: truncated, then written, with no temporary
-// file, so that a reader can see it half written. A missing file is created with newFileMode
-// less the process's umask.
-bool writeWholeFileInPlace(const std::string& path, std::string_view contents, mode_t newFileMode,
-                           std::string* error = nullptr);
-
 // Replaces the file at path with one holding contents: written to a temporary file in the same
 // folder, flushed to disk and renamed over path, so that a reader sees the old file or the new
 // one, never a mix. The new file takes the mode and owner of the one it replaces, or exactly
 // newFileMode when there was none. When path is a symbolic link, the file that it points to is
 // replaced and the link stays. On failure the temporary file is removed and the old file is
-// left as it was.
+// left as it was. Temporary files that an interrupted write left beside path (".NAME.XXXXXX")
+// are removed first.
 bool replaceWholeFileAtomically(const std::string& path, std::string_view contents,
                                 mode_t newFileMode, std::string* error = nullptr);
 

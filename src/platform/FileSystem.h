@@ -50,7 +50,8 @@ bool createFile(const std::string& path, const std::string& contents,
  * a property list, or has no dictionary at its top level. */
 std::optional<PlistDictionary> readPropertyListDictionary(const std::string& path);
 
-/** Writes the dictionary as an XML property list over path in place, not atomically. */
+/** Replaces the file at path with the dictionary as an XML property list, atomically, keeping
+ * its mode and owner. */
 bool writePropertyListDictionary(const std::string& path, const PlistDictionary& dictionary);
 
 }  // namespace velnor::platform

@@ -8,7 +8,7 @@ std::optional<PlistDictionary> readPropertyListDictionary(const std::string& pat
 }
 
 bool writePropertyListDictionary(const std::string& path, const PlistDictionary& dictionary) {
-    return velnor::writePropertyListInPlace(path, PlistValue(dictionary));
+    return velnor::writePropertyListAtomically(path, PlistValue(dictionary));
 }
 
 }  // namespace velnor::platform

@@ -50,7 +50,7 @@ class TemporaryFolder {
 // The exit status of a Python script run with plistlib, datetime and sys imported and the
 // arguments in sys.argv, or -1 when it could not be run or did not exit normally.
 inline int runPython(const std::string& script, const std::vector<std::string>& arguments = {}) {
-    std::vector<std::string> command{"python3", "-c", "import plistlib, datetime, sys\n" + script};
+    std::vector<std::string> command{"python3", "-c", "import plistlib, datetime, math, sys\n" + script};
     command.insert(command.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     for (auto& argument : command) {

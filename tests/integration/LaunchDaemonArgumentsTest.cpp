@@ -121,5 +121,18 @@ TEST(LaunchDaemonArguments, SetLeavesTheOldFileWholeWhenItCannotWrite) {
     EXPECT_THAT(testing::folderEntries(jobs), UnorderedElementsAre("job.plist"));
 }
 
+// The host refuses such requests first; this is the library's own line behind it.
+TEST(LaunchDaemonArguments, SetRefusesArgumentsThatXmlCannotCarryExactly) {
+    TemporaryFolder folder;
+    const std::string path = folder / "job.plist";
+    writeJobWithPython(path, "plistlib.FMT_XML");
+    const std::string old = testing::fileText(path);
+    for (const std::string& argument : {std::string("a\0b", 3), std::string("a\x01"),
+                                        std::string("a\r"), std::string("\xef\xbf\xbe")}) {
+        EXPECT_FALSE(SetLaunchDaemonServiceConfigArgs(path, {"/new", argument}));
+        EXPECT_EQ(testing::fileText(path), old) << "the job file is left whole";
+    }
+}
+
 }  // namespace
 }  // namespace velnor

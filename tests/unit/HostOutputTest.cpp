@@ -1,6 +1,8 @@
 // What the host prints for a response: JSON and the human form.
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "Output.h"
 
 namespace velnor::host {
@@ -30,6 +32,24 @@ TEST(HostJson, EscapesAndReplacesBytesThatAreNotUtf8SoTheDocumentStaysValid) {
     EXPECT_EQ(toJson(PlistArray{PlistValue::integer(INT64_MIN), PlistArray{}, PlistDictionary{}}),
               "[\n  -9223372036854775808,\n  [],\n  {}\n]");
     EXPECT_EQ(formatResponse(PlistValue(), OutputForm::Json), "null\n");
+}
+
+TEST(HostJson, RealsDatesDataAndUidsEachHaveTheirForm) {
+    const std::pair<PlistValue, std::string> cases[] = {
+        {PlistValue::real(1), "1.0"},  // never mistaken for an integer
+        {PlistValue::real(0.1), "0.1"},
+        {PlistValue::real(-0.0), "-0.0"},
+        {PlistValue::real(1e300), "1e+300"},
+        {PlistValue::real(std::numeric_limits<double>::infinity()), R"("+infinity")"},
+        {PlistValue::date(736672089), R"("2024-05-06T07:08:09Z")"},
+        {PlistValue::date(736672089.25), R"("2024-05-06T07:08:09.25Z")"},
+        {PlistValue::date(-3187296000), R"("1900-01-01T00:00:00Z")"},  // before 1970 too
+        {PlistValue::data(std::string("\0\x01\xff", 3)), R"("AAH/")"},
+        {PlistValue::uid(7), R"({"CF$UID": 7})"},
+    };
+    for (const auto& [value, json] : cases) {
+        EXPECT_EQ(toJson(value), json);
+    }
 }
 
 TEST(HostHumanForm, OneLinePerEntryNestedValuesIndented) {
