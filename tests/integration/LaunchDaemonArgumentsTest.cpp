@@ -91,16 +91,6 @@ TEST(LaunchDaemonArguments, SetCreatesAMissingJobFileReadableByEveryone) {
         << "a job file must be readable by everyone whatever the writer's umask";
 }
 
-TEST(LaunchDaemonArguments, WritingInPlaceLeavesNoTailOfALongerOldFile) {
-    TemporaryFolder folder;
-    const std::string path = folder / "job.plist";
-    testing::writeText(path, std::string(10000, 'x'));
-    const PlistValue job(
-        PlistDictionary{{"Zero", PlistValue::integer(0)}, {"No", PlistValue::boolean(false)}});
-    ASSERT_TRUE(writePropertyListInPlace(path, job));
-    EXPECT_EQ(readPropertyListFile(path), job);
-}
-
 TEST(LaunchDaemonArguments, SetLeavesTheOldFileWholeWhenItCannotWrite) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "writing as another account needs root";
