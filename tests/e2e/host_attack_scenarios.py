@@ -129,7 +129,7 @@ class HostAttacks(harness.ScenarioCase):
             os.makedirs(LOCK_FOLDER, mode=0o755, exist_ok=True)
             plant()
             answer, _ = self.run_velnor("start")
-            self.assertEqual(answer.status, 73, f"{plant.__name__}: {answer.describe()}")
+            self.assertEqual(answer.status, 73, f"{plant.__name__}: {answer}")
             self.assertIn(reason, answer.stderr, plant.__name__)
             self.assertIn('velnor: could not ', answer.stderr, plant.__name__)
             self.assertEqual(answer.log, [], f"{plant.__name__}: the plug-in was not called")
@@ -157,7 +157,7 @@ class HostAttacks(harness.ScenarioCase):
         with Holder() as holder:
             self.assertTrue(holder.wait_until_settled(), "root's holder has the lock")
             answer, took = self.run_velnor("--wait", "2", "status")
-            self.assertEqual(answer.status, 75, answer.describe())
+            self.assertEqual(answer.status, 75, answer)
             self.assertEqual(answer.stderr,
                              f'velnor: waiting for the host lock "{LOCK_FILE}" held by another velnor\n'
                              f'velnor: could not take the host lock "{LOCK_FILE}": another velnor '
