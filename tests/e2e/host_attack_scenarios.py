@@ -180,17 +180,17 @@ class HostAttacks(harness.ScenarioCase):
             state, took = self.run_velnor("status", "--details", timeout=30)
             self.assertEqual((state.status, state.response["state"],
                               state.response["postgresIsResponding"], state.response["PGserverVersion"]),
-                             (0, "STOPPED", False, 0), state.describe())
+                             (0, "STOPPED", False, 0), state)
             self.assertLess(took, 15.0, "one probe costs at most the connect timeout")
             quick = {"PGCONNECT_TIMEOUT": "2"}
 
             stop, took = self.run_velnor("stop", environment=quick, timeout=30)
-            self.assertEqual((stop.status, stop.response, stop.log), (0, None, []), stop.describe())
+            self.assertEqual((stop.status, stop.response, stop.log), (0, None, []), stop)
             self.assertLess(took, 10.0)
 
             # The server takes the socket's name over as it starts.
             start, _ = self.run_velnor("start", environment=quick, timeout=60)
-            self.assertEqual(start.status, 0, start.describe())
+            self.assertEqual(start.status, 0, start)
             self.assert_started(start)
             self.running_server()
         finally:
