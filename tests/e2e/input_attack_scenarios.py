@@ -131,7 +131,7 @@ class InputAttacks(harness.ScenarioCase):
                 request.write(content)
                 request.flush()
                 answer = self.host("call", "writeSettingsWithRequest", request.name)
-                self.assertEqual(answer.status, BAD_REQUEST, f"{what}: {answer.describe()}")
+                self.assertEqual(answer.status, BAD_REQUEST, f"{what}: {answer}")
                 self.assertIn(request.name, answer.stderr, f"{what}: the message names the file")
                 self.assertEqual(answer.log, [], f"{what}: the plug-in is not called")
                 self.assertEqual(harness.job_file_bytes(), before, f"{what}: the job file")

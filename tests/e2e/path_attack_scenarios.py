@@ -128,7 +128,7 @@ class PathAttacks(harness.ScenarioCase):
         answer = self.host("idle")
         self.assertFalse(os.path.exists(RECORD), "the planted job was started")
         self.assertFalse(os.path.exists(RAN_AS), "the planted job ran")
-        self.assertEqual(answer.status, 0, answer.describe())
+        self.assertEqual(answer.status, 0, answer)
         self.assertIn(f'could not start job "{LABEL}": "/Library" is owned by an account other than root',
                       answer.stderr, "the refusal of the planted job")
 
@@ -154,7 +154,7 @@ class PathAttacks(harness.ScenarioCase):
         etc = unchanged("/etc")
         answer = self.host("setup", "--data-location", DATA_LINK)
         self.assertEqual(unchanged("/etc"), etc, "/etc after a set-up through a link")
-        self.assertEqual(answer.status, 1, answer.describe())
+        self.assertEqual(answer.status, 1, answer)
         self.assertEqual(answer.response, {
             "error": f'could not create folder "{DATA_LINK}": cannot follow the symbolic link '
                      f'"{DATA_LINK}": "/Library/Data" is owned by an account other than root'})
