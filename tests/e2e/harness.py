@@ -92,28 +92,36 @@ def run_in_sandbox(options, command, binds=()):
 @dataclasses.dataclass
 class Answer:
     """One run of velnor: exit status, the JSON response (None when absent), the plug-in's log
-    messages (from the prefix on) and standard error whole."""
+    messages (from the prefix on), standard error whole, and the seconds the run took."""
 
     status: int
     response: object
     log: list
     stderr: str
+    took: float = 0.0
+
+
+def as_user(uid, command):
+    return ["setpriv", f"--reuid={uid}", f"--regid={uid}", "--clear-groups", *command]
 
 
 class Host:
     def __init__(self, velnor, plugin):
         self.velnor, self.plugin = velnor, plugin
 
-    def __call__(self, *arguments):
-        done = subprocess.run([self.velnor, "--plugin", self.plugin, "--json", *arguments],
-                              capture_output=True, text=True, timeout=120)
+    def __call__(self, *arguments, uid=0, environment=None, timeout=120):
+        """velnor --json with arguments, run as uid, with environment added to root's."""
+        command = [self.velnor, "--plugin", self.plugin, "--json", *arguments]
+        began = time.monotonic()
+        done = subprocess.run(as_user(uid, command) if uid else command, capture_output=True,
+                              text=True, timeout=timeout, env={**os.environ, **(environment or {})})
         out = done.stdout.strip()
         try:
             response = json.loads(out) if out else None
         except json.JSONDecodeError as error:
             raise AssertionError(f"velnor {' '.join(arguments)} printed no JSON ({error}): {out!r}")
         log = [line[line.index(LOG_PREFIX):] for line in done.stderr.splitlines() if LOG_PREFIX in line]
-        return Answer(done.returncode, response, log, done.stderr)
+        return Answer(done.returncode, response, log, done.stderr, time.monotonic() - began)
 
 
 @dataclasses.dataclass(frozen=True)

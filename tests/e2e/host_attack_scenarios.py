@@ -13,11 +13,10 @@ import os
 import signal
 import subprocess
 import sys
-import time
 
 sys.dont_write_bytecode = True
 import harness  # noqa: E402
-from harness import ACCOUNT_ID, SOCKET_DIR, regular_file, sandbox  # noqa: E402
+from harness import ACCOUNT_ID, SOCKET_DIR, as_user, regular_file, sandbox  # noqa: E402
 
 LOCK_FOLDER = "/var/run/velnor"
 LOCK_FILE = LOCK_FOLDER + "/host.lock"
@@ -31,10 +30,6 @@ server.listen(64)
 print("listening", flush=True)
 sys.stdin.read()
 """
-
-
-def as_user(uid, command):
-    return ["setpriv", f"--reuid={uid}", f"--regid={uid}", "--clear-groups", *command]
 
 
 def holds_flock(pid):
@@ -68,30 +63,13 @@ class Holder:
 
 
 class HostAttacks(harness.ScenarioCase):
-    def run_velnor(self, *arguments, uid=0, environment=None, timeout=60):
-        """velnor with its --json answer, run as uid; fails when it does not end within timeout."""
-        command = [self.host.velnor, "--plugin", self.host.plugin, "--json", *arguments]
-        began = time.monotonic()
-        try:
-            completed = subprocess.run(as_user(uid, command) if uid else command, capture_output=True,
-                                       text=True, timeout=timeout,
-                                       env={**os.environ, **(environment or {})})
-        except subprocess.TimeoutExpired:
-            self.fail(f"velnor {' '.join(arguments)} was still running after {timeout} s")
-        log = [line[line.index(harness.LOG_PREFIX):] for line in completed.stderr.splitlines()
-               if harness.LOG_PREFIX in line]
-        out = completed.stdout.strip()
-        response = harness.json.loads(out) if out.startswith(("{", "null")) else out
-        return harness.Answer(completed.returncode, response, log, completed.stderr), \
-            time.monotonic() - began
-
     @sandbox()
     def test_another_account_cannot_hold_the_host_lock(self):
         """nobody's flock on the lock file cannot block root: the file is root's, 0600."""
         self.velnor("status")
         with Holder(NOBODY_ID) as holder:
             holder.wait_until_settled()
-            answer, _ = self.run_velnor("status", timeout=20)
+            answer = self.host("status", timeout=20)
             self.assertEqual((answer.status, answer.response), (0, {"state": "STOPPED"}))
             self.assertIsNotNone(holder.process.poll(), "nobody could not hold the host lock")
         self.assertEqual(harness.attributes(LOCK_FILE), regular_file(0o600, "root"), "the lock file")
@@ -128,7 +106,7 @@ class HostAttacks(harness.ScenarioCase):
         for plant, reason in rows:
             os.makedirs(LOCK_FOLDER, mode=0o755, exist_ok=True)
             plant()
-            answer, _ = self.run_velnor("start")
+            answer = self.host("start")
             self.assertEqual(answer.status, 73, f"{plant.__name__}: {answer}")
             self.assertIn(reason, answer.stderr, plant.__name__)
             self.assertIn('velnor: could not ', answer.stderr, plant.__name__)
@@ -143,11 +121,11 @@ class HostAttacks(harness.ScenarioCase):
     def test_velnor_refuses_other_accounts(self):
         """Only root may run the host; any other account is told so before anything happens."""
         for uid in (ACCOUNT_ID, NOBODY_ID):
-            answer, _ = self.run_velnor("status", uid=uid)
+            answer = self.host("status", uid=uid)
             self.assertEqual((answer.status, answer.stderr), (77, "velnor: must be run as root\n"))
         self.assertFalse(os.path.exists(LOCK_FOLDER), "nothing was created")
-        help_text, _ = self.run_velnor("--help", uid=ACCOUNT_ID)
-        self.assertEqual(help_text.status, 0, "the help needs no root")
+        help_text = subprocess.run(as_user(ACCOUNT_ID, [self.host.velnor, "--help"]), capture_output=True)
+        self.assertEqual(help_text.returncode, 0, "the help needs no root")
 
     @sandbox()
     def test_wait_bounds_the_wait_for_the_host_lock(self):
@@ -156,14 +134,14 @@ class HostAttacks(harness.ScenarioCase):
         self.velnor("status")
         with Holder() as holder:
             self.assertTrue(holder.wait_until_settled(), "root's holder has the lock")
-            answer, took = self.run_velnor("--wait", "2", "status")
+            answer = self.host("--wait", "2", "status", timeout=60)
             self.assertEqual(answer.status, 75, answer)
             self.assertEqual(answer.stderr,
                              f'velnor: waiting for the host lock "{LOCK_FILE}" held by another velnor\n'
                              f'velnor: could not take the host lock "{LOCK_FILE}": another velnor '
                              "held it for 2 s\n")
-            self.assertGreaterEqual(took, 2.0)
-            self.assertLess(took, 10.0)
+            self.assertGreaterEqual(answer.took, 2.0)
+            self.assertLess(answer.took, 10.0)
         self.assertEqual(self.velnor("--wait", "2", "status").response, {"state": "STOPPED"})
 
     @sandbox("--initdb", "--socket-dir", "--log-dir")
@@ -177,19 +155,19 @@ class HostAttacks(harness.ScenarioCase):
         try:
             self.assertEqual(listener.stdout.readline(), "listening\n")
             # Left to velnor's own default first; then low, to keep the rest quick.
-            state, took = self.run_velnor("status", "--details", timeout=30)
+            state = self.host("status", "--details", timeout=30)
             self.assertEqual((state.status, state.response["state"],
                               state.response["postgresIsResponding"], state.response["PGserverVersion"]),
                              (0, "STOPPED", False, 0), state)
-            self.assertLess(took, 15.0, "one probe costs at most the connect timeout")
+            self.assertLess(state.took, 15.0, "one probe costs at most the connect timeout")
             quick = {"PGCONNECT_TIMEOUT": "2"}
 
-            stop, took = self.run_velnor("stop", environment=quick, timeout=30)
+            stop = self.host("stop", environment=quick, timeout=30)
             self.assertEqual((stop.status, stop.response, stop.log), (0, None, []), stop)
-            self.assertLess(took, 10.0)
+            self.assertLess(stop.took, 10.0)
 
             # The server takes the socket's name over as it starts.
-            start, _ = self.run_velnor("start", environment=quick, timeout=60)
+            start = self.host("start", environment=quick, timeout=60)
             self.assertEqual(start.status, 0, start)
             self.assert_started(start)
             self.running_server()

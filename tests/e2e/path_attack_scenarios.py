@@ -25,6 +25,7 @@ SHARED_TEXT = "root's notes\n"
 # How many set-ups face the racer, and how many idle ticks face the marker's racer: against a
 # build that follows the links, the racers won most of them.
 SETUP_ROUNDS = 40
+RACER_STOP = "/var/empty-racer-stop"
 MARKER_ROUNDS = 3
 
 # The set-up's racer, as the service account: until the stop file appears, it turns each folder
@@ -70,27 +71,9 @@ except FileExistsError:
 
 
 def as_account_in_background(script, *arguments):
-    return subprocess.Popen(
-        ["setpriv", f"--reuid={harness.ACCOUNT_ID}", f"--regid={harness.ACCOUNT_ID}",
-         "--init-groups", sys.executable, "-c", script, *arguments],
-        stdout=subprocess.PIPE, text=True)
-
-
-class Swapper:
-    """The set-up's racer, in the background."""
-
-    STOP = "/var/empty-racer-stop"
-
-    def __init__(self, path, other):
-        self.process = as_account_in_background(SWAPPER, path, other, self.STOP)
-
-    def stop(self):
-        """Ends the racer and answers how often it swapped."""
-        with open(self.STOP, "w"):
-            pass
-        out, _ = self.process.communicate(timeout=60)
-        os.unlink(self.STOP)
-        return int(out)
+    return subprocess.Popen(["setpriv", f"--reuid={harness.ACCOUNT_ID}", f"--regid={harness.ACCOUNT_ID}",
+                             "--init-groups", sys.executable, "-c", script, *arguments],
+                            stdout=subprocess.PIPE, text=True)
 
 
 def unchanged(path):
@@ -162,11 +145,12 @@ class PathAttacks(harness.ScenarioCase):
         # A racer that swaps each freshly made data folder for a link to /etc/shadow.
         self.as_service_account("rm", DATA_LINK)
         shadow = unchanged("/etc/shadow")
-        racer = Swapper(DATA_LINK, "/etc/shadow")
+        racer = as_account_in_background(SWAPPER, DATA_LINK, "/etc/shadow", RACER_STOP)
         for _ in range(SETUP_ROUNDS):
             self.host("setup", "--data-location", DATA_LINK)
             subprocess.run(["rm", "-rf", DATA_LINK])
-        swaps = racer.stop()
+        open(RACER_STOP, "w").close()
+        swaps = int(racer.communicate(timeout=60)[0])
         self.assertGreater(swaps, 0, "the racer never found a data folder to swap")
         self.assertEqual(unchanged("/etc/shadow"), shadow, f"/etc/shadow after {swaps} swaps")
 

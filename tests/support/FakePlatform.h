@@ -7,11 +7,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
-#include <syslog.h>
 
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -20,7 +18,6 @@
 #include "LaunchDaemon.h"
 #include "PlistValue.h"
 #include "ProcessTable.h"
-#include "platform/FileSystem.h"
 
 namespace velnor::testing {
 
@@ -30,14 +27,10 @@ struct LogEntry {
     bool operator==(const LogEntry&) const = default;
 };
 
-// One entry of the fake file system. A link counts as what it points to.
+// One entry of the fake file system: a folder, or a file that may parse as a dictionary.
 struct FakeEntry {
-    enum class Kind { File, Folder, Link };
-    Kind kind = Kind::File;
-    std::optional<platform::FileAttributes> attributes;
-    std::string contents;
-    std::optional<PlistDictionary> propertyList;  // a file that parses as a dictionary
-    std::string linkTarget;
+    bool folder = false;
+    std::optional<PlistDictionary> propertyList;
 };
 
 struct FakeProcess {
@@ -58,7 +51,7 @@ class FakePlatform {
     std::vector<std::string> calls;
     std::vector<LogEntry> log;
 
-    // launchd.
+    // launchd: the job's state, whether it obeys, and every state asked of it.
     bool jobRunning = false;
     bool launchdAccepts = true;
     std::vector<int> requestedStates;
@@ -67,49 +60,34 @@ class FakePlatform {
     std::optional<LaunchArguments> jobArguments;
     std::vector<LaunchArguments> storedArguments;
 
-    // File system, by path.
+    // File system, by path, and the calls that fail: path -> error text.
     std::map<std::string, FakeEntry> entries;
-    std::map<std::string, std::string> createDirectoryFailures;  // path -> error text
-    std::map<std::string, std::string> setAttributesFailures;    // path -> error text
+    std::map<std::string, std::string> createDirectoryFailures;
+    std::map<std::string, std::string> setAttributesFailures;
 
     // Process table; nullopt makes the table unreadable.
     std::optional<std::vector<FakeProcess>> processes = std::vector<FakeProcess>{};
     std::int32_t argumentMaximum = 4096;
     bool argumentMaximumFails = false;
     std::vector<std::pair<pid_t, int>> signalsSent;
-
-    std::vector<useconds_t> sleeps;
+    std::vector<kinfo_proc> table;  // the records handed out by the last table read
 
     // Liveness probe: each connection attempt takes the next answer (a server version, or
     // nullopt for a failed connection); when they run out, serverAnswers decides.
     std::deque<std::optional<int>> probeAnswers;
     std::optional<int> serverAnswers;  // nullopt: the server is silent
     bool serverFollowsJob = false;     // answers exactly while launchd runs the job
-    int connectionsOpened = 0;
-    int connectionsFinished = 0;
 
-    // Helpers for setting the stage.
-    void addFolder(const std::string& path);
-    void addFile(const std::string& path);
-    void addLink(const std::string& path, const std::string& target);
-    bool exists(const std::string& path) const;
-    const FakeEntry* entry(const std::string& path) const;
+    void addFolder(const std::string& path) { entries[path].folder = true; }
+    void addFile(const std::string& path) { entries[path] = FakeEntry{}; }
+    bool exists(const std::string& path) const { return entries.contains(path); }
 
-    // Calls whose recorded text begins with prefix.
+    // The recorded calls whose text begins with prefix.
     std::vector<std::string> callsStartingWith(const std::string& prefix) const;
     std::vector<std::string> logMessages() const;
-
-    // Support for the process table: the records handed out by the last call.
-    std::vector<kinfo_proc> table;
 };
 
 FakePlatform& fake();
-
-// The bytes that a process-arguments query delivers for an argument list and environment:
-// count, executable path, padding, arguments, environment, each piece ending in a zero byte.
-std::string processArgumentBytes(std::uint32_t count, const std::string& executable,
-                                 const std::vector<std::string>& arguments,
-                                 const std::vector<std::string>& environment = {});
 
 // Resets the fake before each test.
 class PlatformTest : public ::testing::Test {

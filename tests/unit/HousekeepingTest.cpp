@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <syslog.h>
 
 #include "FakePlatform.h"
 #include "handler/PostgresRequestHandler.h"

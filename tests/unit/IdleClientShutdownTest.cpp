@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstring>
+
 #include "FakePlatform.h"
 #include "clients/ProcessArguments.h"
 #include "handler/PostgresRequestHandler.h"
@@ -12,9 +14,25 @@ namespace {
 using ::testing::ElementsAre;
 using testing::FakeProcess;
 using ::testing::IsEmpty;
-using testing::processArgumentBytes;
 
 constexpr uid_t kService = 216;
+
+// What a process-arguments query delivers: the count, the executable, its terminator and
+// padding, then each argument and environment entry ending in a zero byte.
+std::string processArgumentBytes(std::uint32_t count, const std::string& executable,
+                                 const std::vector<std::string>& pieces,
+                                 const std::vector<std::string>& environment = {}) {
+    std::string bytes(sizeof count, '\0');
+    std::memcpy(bytes.data(), &count, sizeof count);
+    bytes += executable + std::string(4, '\0');
+    for (const auto& piece : pieces) {
+        bytes += piece + '\0';
+    }
+    for (const auto& piece : environment) {
+        bytes += piece + '\0';
+    }
+    return bytes;
+}
 
 std::vector<std::string> cut(const std::string& delivered, std::size_t bufferSize = 96) {
     std::vector<char> buffer(bufferSize, '\0');

@@ -29,9 +29,10 @@ TEST_F(ServiceControl, StartProbesAtMostFourTimesAndStopsAtTheFirstAnswer) {
         platform().probeAnswers = c.answers;
         const auto response = handler.startServiceWithVariant(PlistValue());
         EXPECT_EQ(response.has_value(), c.timesOut) << c.probes;
-        EXPECT_EQ(platform().connectionsOpened, c.probes);
-        EXPECT_EQ(platform().connectionsFinished, c.probes);
-        EXPECT_EQ(platform().sleeps.size(), std::size_t(c.timesOut ? 4 : c.probes - 1));
+        EXPECT_EQ(platform().callsStartingWith("pqConnectdb").size(), std::size_t(c.probes));
+        EXPECT_EQ(platform().callsStartingWith("pqFinish").size(), std::size_t(c.probes));
+        EXPECT_EQ(platform().callsStartingWith("usleep").size(),
+                  std::size_t(c.timesOut ? 4 : c.probes - 1));
     }
 }
 
@@ -64,7 +65,7 @@ TEST_F(ServiceControl, RefusalsComeBackWithoutAMessageAndBadVariantsBeforeAnythi
     EXPECT_EQ(handler.stopServiceWithVariant(PlistValue()),
               (PlistDictionary{{"error", "CANNOT_STOP_SERVICE_ERR"}}));
     EXPECT_THAT(platform().log, IsEmpty());
-    EXPECT_EQ(platform().connectionsOpened, 0);
+    EXPECT_THAT(platform().callsStartingWith("pqConnectdb"), IsEmpty());
 }
 
 TEST_F(ServiceControl, OnlyAVariantThatBeginsWithTheSkipPrefixSkipsTheHousekeeping) {
