@@ -231,12 +231,12 @@ bool fileExists(const std::string& path, bool* isDirectory) {
     return entry != nullptr;
 }
 
-FileSystemStatus createDirectory(const std::string& path,
-                                 const std::optional<FileAttributes>& attributes) {
+support::Status createDirectory(const std::string& path,
+                                const std::optional<FileAttributes>& attributes) {
     fake().calls.push_back("createDirectory " + path);
     auto failure = fake().createDirectoryFailures.find(path);
     if (failure != fake().createDirectoryFailures.end()) {
-        return FileSystemStatus::failure(failure->second);
+        return support::Failure{0, failure->second};
     }
     std::vector<std::string> missing;
     for (std::string folder = path; !folder.empty(); folder = testing::parentOf(folder)) {
@@ -245,8 +245,7 @@ FileSystemStatus createDirectory(const std::string& path,
             break;
         }
         if (entry) {
-            return FileSystemStatus::failure("could not create folder \"" + path +
-                                             "\": File exists");
+            return support::couldNot("create folder", path, EEXIST);
         }
         missing.push_back(folder);
     }
@@ -254,43 +253,46 @@ FileSystemStatus createDirectory(const std::string& path,
         fake().entries[folder] =
             FakeEntry{FakeEntry::Kind::Folder, attributes, "", std::nullopt, ""};
     }
-    return FileSystemStatus::success();
+    return {};
 }
 
-FileSystemStatus setAttributes(const std::string& path, const FileAttributes& attributes) {
+support::Status setAttributes(const std::string& path, const FileAttributes& attributes) {
     fake().calls.push_back("setAttributes " + path);
     auto failure = fake().setAttributesFailures.find(path);
     if (failure != fake().setAttributesFailures.end()) {
-        return FileSystemStatus::failure(failure->second);
+        return support::Failure{0, failure->second};
     }
     auto entry = fake().entries.find(path);
     if (entry == fake().entries.end()) {
-        return FileSystemStatus::failure("could not set attributes of \"" + path +
-                                         "\": No such file or directory");
+        return support::couldNot("set attributes of", path, ENOENT);
     }
     entry->second.attributes = attributes;
-    return FileSystemStatus::success();
+    return {};
 }
 
-bool createFile(const std::string& path, const std::string& contents,
-                const FileAttributes& attributes) {
+support::Status createFile(const std::string& path, const std::string& contents,
+                           const FileAttributes& attributes) {
     fake().calls.push_back("createFile " + path);
     fake().entries[path] = FakeEntry{FakeEntry::Kind::File, attributes, contents, std::nullopt, ""};
-    return true;
+    return {};
 }
 
-std::optional<PlistDictionary> readPropertyListDictionary(const std::string& path) {
+support::Result<PlistDictionary> readPropertyListDictionary(const std::string& path) {
     fake().calls.push_back("readPropertyListDictionary " + path);
     const FakeEntry* entry = testing::resolve(path);
-    return entry ? entry->propertyList : std::nullopt;
+    if (!entry || !entry->propertyList) {
+        return support::couldNot("read", path, ENOENT);
+    }
+    return *entry->propertyList;
 }
 
-bool writePropertyListDictionary(const std::string& path, const PlistDictionary& dictionary) {
+support::Status writePropertyListDictionary(const std::string& path,
+                                            const PlistDictionary& dictionary) {
     fake().calls.push_back("writePropertyListDictionary " + path);
     auto& entry = fake().entries[path];
     entry.kind = FakeEntry::Kind::File;
     entry.propertyList = dictionary;
-    return true;
+    return {};
 }
 
 PGconn* pqConnectdb(const char* conninfo) {
