@@ -35,6 +35,10 @@ class [[nodiscard]] Result {
   public:
     Result(T value) : state_(std::in_place_index<0>, std::move(value)) {}
     Result(Failure failure) : state_(std::in_place_index<1>, std::move(failure)) {}
+    // The value made in place from arguments, with no temporary to move from.
+    template <typename... Arguments>
+    explicit Result(std::in_place_t, Arguments&&... arguments)
+        : state_(std::in_place_index<0>, std::forward<Arguments>(arguments)...) {}
 
     bool ok() const { return state_.index() == 0; }
     explicit operator bool() const { return ok(); }

@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 
+#include <cerrno>
 #include <charconv>
 #include <limits>
 
@@ -127,18 +128,19 @@ std::optional<std::chrono::seconds> parseSeconds(const std::optional<std::string
     return std::chrono::seconds(seconds);
 }
 
-ParsedCommandLine failure(std::string error) {
-    return {std::nullopt, std::move(error)};
+// A usage error: the message names the offending argument and no system error applies.
+support::Failure failure(std::string error) {
+    return {EINVAL, std::move(error)};
 }
 
-ParsedCommandLine noMoreArguments(Command command, ArgumentCursor& cursor) {
+support::Result<Command> noMoreArguments(Command command, ArgumentCursor& cursor) {
     if (!cursor.atEnd()) {
         return failure("unexpected argument \"" + std::string(cursor.peek()) + "\"");
     }
-    return {std::move(command), {}};
+    return command;
 }
 
-ParsedCommandLine parseCall(Command command, ArgumentCursor& cursor) {
+support::Result<Command> parseCall(Command command, ArgumentCursor& cursor) {
     if (cursor.atEnd() || cursor.peek().empty()) {
         return failure("call needs the name of an operation");
     }
@@ -151,7 +153,7 @@ ParsedCommandLine parseCall(Command command, ArgumentCursor& cursor) {
     return noMoreArguments(std::move(command), cursor);
 }
 
-ParsedCommandLine parseStatus(Command command, ArgumentCursor& cursor) {
+support::Result<Command> parseStatus(Command command, ArgumentCursor& cursor) {
     PlistDictionary request;
     if (!cursor.atEnd() && cursor.peek() == "--details") {
         cursor.next();
@@ -162,7 +164,7 @@ ParsedCommandLine parseStatus(Command command, ArgumentCursor& cursor) {
     return noMoreArguments(std::move(command), cursor);
 }
 
-ParsedCommandLine parseSettings(Command command, ArgumentCursor& cursor) {
+support::Result<Command> parseSettings(Command command, ArgumentCursor& cursor) {
     PlistDictionary configuration;
     while (!cursor.atEnd()) {
         std::string_view setting = cursor.next();
@@ -177,14 +179,14 @@ ParsedCommandLine parseSettings(Command command, ArgumentCursor& cursor) {
     if (configuration.empty()) {
         command.operation = "readSettingsWithRequest";
         command.argument = PlistDictionary();
-        return {std::move(command), {}};
+        return command;
     }
     command.operation = "writeSettingsWithRequest";
     command.argument = PlistDictionary{{"configuration", PlistValue(std::move(configuration))}};
-    return {std::move(command), {}};
+    return command;
 }
 
-ParsedCommandLine parseSetup(Command command, ArgumentCursor& cursor) {
+support::Result<Command> parseSetup(Command command, ArgumentCursor& cursor) {
     std::optional<std::string> dataLocation;
     bool upgrade = false;
     while (!cursor.atEnd()) {
@@ -211,10 +213,10 @@ ParsedCommandLine parseSetup(Command command, ArgumentCursor& cursor) {
     }
     command.operation = "initialSetupWithRequest";
     command.argument = std::move(request);
-    return {std::move(command), {}};
+    return command;
 }
 
-ParsedCommandLine parseVerb(std::string_view verb, Command command, ArgumentCursor& cursor) {
+support::Result<Command> parseVerb(std::string_view verb, Command command, ArgumentCursor& cursor) {
     if (verb == "call") {
         return parseCall(std::move(command), cursor);
     }
@@ -252,7 +254,7 @@ ParsedCommandLine parseVerb(std::string_view verb, Command command, ArgumentCurs
 
 }  // namespace
 
-ParsedCommandLine parseCommandLine(std::span<const std::string_view> arguments) {
+support::Result<Command> parseCommandLine(std::span<const std::string_view> arguments) {
     ArgumentCursor cursor(arguments);
     Command command;
     while (!cursor.atEnd() && cursor.peek().starts_with("-")) {
@@ -260,7 +262,7 @@ ParsedCommandLine parseCommandLine(std::span<const std::string_view> arguments) 
         if (option == "--help" || option == "-h") {
             Command help;
             help.help = true;
-            return {std::move(help), {}};
+            return help;
         }
         if (option == "--json") {
             command.json = true;
@@ -298,11 +300,11 @@ std::optional<std::int32_t> parseIdleCount(std::string_view text) {
     return count;
 }
 
-std::optional<OperationArgument> interpretRawArgument(OperationStyle style, const RawArgument& raw,
-                                                      std::string* error) {
+support::Result<OperationArgument> interpretRawArgument(OperationStyle style,
+                                                        const RawArgument& raw) {
     switch (style) {
         case OperationStyle::Request:
-            return std::nullopt;
+            break;
         case OperationStyle::Service:
             return raw.text ? OperationArgument(PlistValue(*raw.text))
                             : OperationArgument(PlistValue());
@@ -312,15 +314,12 @@ std::optional<OperationArgument> interpretRawArgument(OperationStyle style, cons
             }
             std::optional<std::int32_t> count = parseIdleCount(*raw.text);
             if (!count) {
-                if (error) {
-                    *error = "the count \"" + *raw.text + "\" is not a signed 32-bit integer";
-                }
-                return std::nullopt;
+                return failure("the count \"" + *raw.text + "\" is not a signed 32-bit integer");
             }
             return OperationArgument(*count);
         }
     }
-    return std::nullopt;
+    return failure("a request operation's argument is read from a file, not interpreted");
 }
 
 std::string_view usageText() {

@@ -12,6 +12,7 @@
 
 #include "PlistValue.h"
 #include "PluginInterface.h"
+#include "Result.h"
 
 namespace velnor::host {
 
@@ -38,16 +39,10 @@ struct Command {
     OperationArgument argument;
 };
 
-// Either a command or why the command line is not one.
-struct ParsedCommandLine {
-    std::optional<Command> command;
-    std::string error;
-};
-
 // Parses the arguments that follow the program's name. `--help` anywhere before the verb
-// answers a help command; anything the usage does not allow answers an error naming the
+// answers a help command; anything the usage does not allow fails with a message naming the
 // offending argument.
-ParsedCommandLine parseCommandLine(std::span<const std::string_view> arguments);
+support::Result<Command> parseCommandLine(std::span<const std::string_view> arguments);
 
 // The count of `call doIdleAtCount COUNT`: a decimal signed 32-bit integer, sign allowed,
 // nothing else around it. Nothing when the text is not one.
@@ -55,10 +50,10 @@ std::optional<std::int32_t> parseIdleCount(std::string_view text);
 
 // The argument of `call` for an operation of the given style, when it can be had without
 // reading a file: the variant (a string, or absent) for a Service operation and the count
-// (0 when absent) for an Idle one. Nothing for a Request operation, and for an Idle operation
-// whose count is not an int32 (error then says why).
-std::optional<OperationArgument> interpretRawArgument(OperationStyle style, const RawArgument& raw,
-                                                      std::string* error);
+// (0 when absent) for an Idle one. Fails for a Request operation, and for an Idle operation
+// whose count is not an int32.
+support::Result<OperationArgument> interpretRawArgument(OperationStyle style,
+                                                        const RawArgument& raw);
 
 // The usage lines printed with a usage error.
 std::string_view usageText();

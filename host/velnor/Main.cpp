@@ -65,23 +65,22 @@ const char* styleName(OperationStyle style) {
 // one when the plug-in's operation takes that kind.
 std::optional<OperationArgument> argumentFor(const Command& command, const HostOperation& operation,
                                              int* status) {
-    std::string error;
     if (const RawArgument* raw = std::get_if<RawArgument>(&command.argument)) {
         if (operation.style == OperationStyle::Request) {
-            std::optional<PlistDictionary> request = readRequest(raw->text, &error);
+            support::Result<PlistDictionary> request = readRequest(raw->text);
             if (!request) {
-                complain(error);
+                complain(request.message());
                 *status = kExitBadRequest;
                 return std::nullopt;
             }
             return OperationArgument(std::move(*request));
         }
-        std::optional<OperationArgument> argument =
-            interpretRawArgument(operation.style, *raw, &error);
+        support::Result<OperationArgument> argument = interpretRawArgument(operation.style, *raw);
         if (!argument) {
-            *status = usageError(error);
+            *status = usageError(argument.message());
+            return std::nullopt;
         }
-        return argument;
+        return std::move(*argument);
     }
     if (!argumentFitsStyle(operation.style, command.argument)) {
         complain("the plug-in's " + command.operation + " is a " + styleName(operation.style) +
@@ -137,13 +136,13 @@ int run(const Command& command) {
     // whoever runs the host.
     openlog("velnor", LOG_PERROR | LOG_PID, LOG_DAEMON);
 
-    std::string error;
-    std::unique_ptr<PluginModule> module = PluginModule::open(pluginPathFor(command), &error);
+    support::Result<std::unique_ptr<PluginModule>> module =
+        PluginModule::open(pluginPathFor(command));
     if (!module) {
-        complain(error);
+        complain(module.message());
         return kExitUnavailable;
     }
-    const HostOperation* operation = findOperation(module->descriptor(), command.operation);
+    const HostOperation* operation = findOperation((*module)->descriptor(), command.operation);
     if (operation == nullptr) {
         return usageError("the plug-in has no operation \"" + command.operation + "\"");
     }
@@ -152,7 +151,7 @@ int run(const Command& command) {
     if (!argument) {
         return status;
     }
-    std::optional<Outcome> outcome = runLocked(command, *module, *operation, *argument, &status);
+    std::optional<Outcome> outcome = runLocked(command, **module, *operation, *argument, &status);
     if (!outcome) {
         return status;
     }
@@ -161,7 +160,8 @@ int run(const Command& command) {
         return exitStatusFor(*outcome);
     }
     if (!print(formatResponse(outcome->result, outputFormFor(command)))) {
-        complain("cannot write the response to standard output");
+        complain(
+            velnor::support::couldNot("write the response to", "standard output", errno).message);
         return kExitOutputFailed;
     }
     return exitStatusFor(*outcome);
@@ -173,13 +173,13 @@ int run(const Command& command) {
 int main(int argc, char** argv) {
     using namespace velnor::host;
     std::vector<std::string_view> arguments(argv + 1, argv + argc);
-    ParsedCommandLine parsed = parseCommandLine(arguments);
-    if (!parsed.command) {
-        return usageError(parsed.error);
+    velnor::support::Result<Command> parsed = parseCommandLine(arguments);
+    if (!parsed) {
+        return usageError(parsed.message());
     }
-    if (parsed.command->help) {
+    if (parsed->help) {
         std::fputs(helpText().data(), stdout);
         return kExitNormal;
     }
-    return run(*parsed.command);
+    return run(*parsed);
 }

@@ -2,15 +2,22 @@
 
 #include <dlfcn.h>
 
+#include <cerrno>
+
 namespace velnor::host {
 namespace {
 
 using DescriptorFunction = const PluginDescriptor* (*)();
 
-// The problem with one operation of the table, or nothing.
-std::optional<std::string> operationProblem(const HostOperation& operation, std::size_t index) {
+// A failure whose message is the reason alone, for the caller to put after the module's path.
+support::Failure unusable(std::string reason) {
+    return {EINVAL, std::move(reason)};
+}
+
+// Fails when one operation of the table cannot be called.
+support::Status checkOperation(const HostOperation& operation, std::size_t index) {
     if (operation.name == nullptr || *operation.name == '\0') {
-        return "operation " + std::to_string(index) + " has no name";
+        return unusable("operation " + std::to_string(index) + " has no name");
     }
     bool callable = false;
     switch (operation.style) {
@@ -25,10 +32,10 @@ std::optional<std::string> operationProblem(const HostOperation& operation, std:
             break;
     }
     if (!callable) {
-        return std::string("operation ") + operation.name +
-               " has no function for its style, or an unknown style";
+        return unusable(std::string("operation ") + operation.name +
+                        " has no function for its style, or an unknown style");
     }
-    return std::nullopt;
+    return {};
 }
 
 std::string lastLoaderError() {
@@ -50,24 +57,24 @@ std::string choosePluginPath(const std::optional<std::string>& option, const cha
     return exists(installed) ? installed : buildTree;
 }
 
-std::optional<std::string> descriptorProblem(const PluginDescriptor& descriptor) {
+support::Status checkDescriptor(const PluginDescriptor& descriptor) {
     if (descriptor.interfaceVersion != kPluginInterfaceVersion) {
-        return "it speaks plug-in interface version " +
-               std::to_string(descriptor.interfaceVersion) + ", this host speaks version " +
-               std::to_string(kPluginInterfaceVersion);
+        return unusable("it speaks plug-in interface version " +
+                        std::to_string(descriptor.interfaceVersion) +
+                        ", this host speaks version " + std::to_string(kPluginInterfaceVersion));
     }
     if (descriptor.initialize == nullptr || descriptor.createHandler == nullptr) {
-        return std::string("its descriptor lacks initialize or createHandler");
+        return unusable("its descriptor lacks initialize or createHandler");
     }
     if (descriptor.operations == nullptr && descriptor.operationCount != 0) {
-        return std::string("its descriptor counts operations but has no table");
+        return unusable("its descriptor counts operations but has no table");
     }
     for (std::size_t index = 0; index < descriptor.operationCount; ++index) {
-        if (auto problem = operationProblem(descriptor.operations[index], index)) {
-            return problem;
+        if (auto checked = checkOperation(descriptor.operations[index], index); !checked) {
+            return checked;
         }
     }
-    return std::nullopt;
+    return {};
 }
 
 const HostOperation* findOperation(const PluginDescriptor& descriptor, std::string_view name) {
@@ -79,7 +86,7 @@ const HostOperation* findOperation(const PluginDescriptor& descriptor, std::stri
     return nullptr;
 }
 
-std::unique_ptr<PluginModule> PluginModule::open(const std::string& path, std::string* error) {
+support::Result<std::unique_ptr<PluginModule>> PluginModule::open(const std::string& path) {
     // RTLD_NOW: an unresolved symbol is a load failure here, not a crash in mid-operation.
     // RTLD_LOCAL: the plug-in's own symbols stay its own.
     // A name without a slash would send the loader searching the library path; the user
@@ -87,13 +94,11 @@ std::unique_ptr<PluginModule> PluginModule::open(const std::string& path, std::s
     std::string file = path.find('/') == std::string::npos ? "./" + path : path;
     void* handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
-        *error = "cannot load plug-in " + path + ": " + lastLoaderError();
-        return nullptr;
+        return support::couldNot("load plug-in", path, lastLoaderError());
     }
-    auto fail = [&](std::string why) {
-        *error = "cannot use plug-in " + path + ": " + why;
+    auto fail = [&](const std::string& why) {
         dlclose(handle);
-        return nullptr;
+        return support::couldNot("use plug-in", path, why, EINVAL);
     };
     dlerror();
     void* symbol = dlsym(handle, VELNOR_PLUGIN_DESCRIPTOR_SYMBOL);
@@ -104,8 +109,8 @@ std::unique_ptr<PluginModule> PluginModule::open(const std::string& path, std::s
     if (descriptor == nullptr) {
         return fail(VELNOR_PLUGIN_DESCRIPTOR_SYMBOL " answered no descriptor");
     }
-    if (auto problem = descriptorProblem(*descriptor)) {
-        return fail(*problem);
+    if (auto checked = checkDescriptor(*descriptor); !checked) {
+        return fail(checked.message());
     }
     return std::unique_ptr<PluginModule>(new PluginModule(handle, descriptor));
 }

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "PluginInterface.h"
+#include "Result.h"
 
 namespace velnor::host {
 
@@ -18,9 +19,10 @@ std::string choosePluginPath(const std::optional<std::string>& option, const cha
                              const std::string& installed, const std::string& buildTree,
                              const std::function<bool(const std::string&)>& exists);
 
-// Why the host cannot use the descriptor, or nothing when it can: another interface version,
-// a missing hook, or an operation without a name or without the function its style calls.
-std::optional<std::string> descriptorProblem(const PluginDescriptor& descriptor);
+// Fails, with the reason alone as its message, when the host cannot use the descriptor:
+// another interface version, a missing hook, or an operation without a name or without the
+// function its style calls.
+support::Status checkDescriptor(const PluginDescriptor& descriptor);
 
 // The descriptor's operation with this exact name, or nullptr.
 const HostOperation* findOperation(const PluginDescriptor& descriptor, std::string_view name);
@@ -30,10 +32,10 @@ const HostOperation* findOperation(const PluginDescriptor& descriptor, std::stri
 class PluginModule {
   public:
     // Opens the module (every symbol bound now, none shared with later modules; a path
-    // without a slash is a file in the current folder) and checks its descriptor. Nothing
+    // without a slash is a file in the current folder) and checks its descriptor. Fails
     // when the file cannot be loaded, lacks VelnorPluginDescriptor or answers an unusable
-    // descriptor; error then says why.
-    static std::unique_ptr<PluginModule> open(const std::string& path, std::string* error);
+    // descriptor.
+    static support::Result<std::unique_ptr<PluginModule>> open(const std::string& path);
 
     ~PluginModule();
     PluginModule(const PluginModule&) = delete;

@@ -45,18 +45,17 @@ std::vector<gid_t> groupsOfUser(const std::string& user, gid_t gid) {
     }
 }
 
-// The account that the job names, or nothing (and no error) when it names none.
-std::optional<JobCredentials> credentialsOf(const LaunchdJob& job, std::optional<UserAccount>& user,
-                                            std::string& error) {
+// The account that the job names, or nothing when it names none.
+support::Result<std::optional<JobCredentials>> credentialsOf(const LaunchdJob& job,
+                                                             std::optional<UserAccount>& user) {
     if (!job.userName && !job.groupName) {
-        return std::nullopt;
+        return std::optional<JobCredentials>();
     }
     JobCredentials credentials{::geteuid(), ::getegid(), {}};
     if (job.userName) {
         auto found = support::lookUpUser(*job.userName);
         if (!found) {
-            error = found.message();
-            return std::nullopt;
+            return found.failure();
         }
         user = std::move(*found);
         credentials.uid = user->uid;
@@ -65,14 +64,13 @@ std::optional<JobCredentials> credentialsOf(const LaunchdJob& job, std::optional
     if (job.groupName) {
         auto gid = support::lookUpGroup(*job.groupName);
         if (!gid) {
-            error = gid.message();
-            return std::nullopt;
+            return gid.failure();
         }
         credentials.gid = *gid;
     }
     credentials.supplementaryGroups = job.userName ? groupsOfUser(*job.userName, credentials.gid)
                                                    : std::vector<gid_t>{credentials.gid};
-    return credentials;
+    return std::optional<JobCredentials>(std::move(credentials));
 }
 
 class Environment {
@@ -131,8 +129,8 @@ bool isExecutableFile(const std::string& path) {
 
 // The program itself when its name holds a '/'; otherwise the first executable file of that
 // name in the folders of searchPath.
-std::optional<std::string> findProgram(const std::string& program, const std::string& searchPath,
-                                       std::string& error) {
+support::Result<std::string> findProgram(const std::string& program,
+                                         const std::string& searchPath) {
     if (program.find('/') != std::string::npos) {
         return program;
     }
@@ -145,8 +143,8 @@ std::optional<std::string> findProgram(const std::string& program, const std::st
         }
         start = end + 1;
     }
-    error = "cannot find the program " + program + " in " + searchPath;
-    return std::nullopt;
+    return support::couldNot("find the program", program, "it is in no folder of " + searchPath,
+                             ENOENT);
 }
 
 // ----- The new process, between fork and exec: system calls only -----
@@ -358,32 +356,34 @@ ReadResult readReport(int channel, Report& report) {
     return ReadResult::Report;
 }
 
-std::string describeStage(const LaunchPlan& plan, Stage stage) {
+support::Failure stageFailure(const LaunchPlan& plan, Stage stage, int error) {
     switch (stage) {
         case Stage::Fork:
-            return "cannot fork";
+            return support::couldNot("fork for", plan.executable, error);
         case Stage::Session:
-            return "cannot start a session";
+            return support::couldNot("start a session for", plan.executable, error);
         case Stage::Groups:
-            return "cannot set the supplementary groups";
+            return support::couldNot("set the supplementary groups for", plan.executable, error);
         case Stage::Group:
-            return "cannot switch to the group id " + std::to_string(plan.credentials->gid);
+            return support::couldNot("switch to the group id",
+                                     std::to_string(plan.credentials->gid), error);
         case Stage::User:
-            return "cannot switch to the user id " + std::to_string(plan.credentials->uid);
+            return support::couldNot("switch to the user id", std::to_string(plan.credentials->uid),
+                                     error);
         case Stage::WorkingDirectory:
-            return "cannot change to the working folder " + plan.workingDirectory;
+            return support::couldNot("change to the working folder", plan.workingDirectory, error);
         case Stage::StandardInput:
-            return "cannot open /dev/null for standard input";
+            return support::couldNot("open for standard input", "/dev/null", error);
         case Stage::StandardOutput:
-            return "cannot open " + plan.standardOutPath + " for standard output";
+            return support::couldNot("open for standard output", plan.standardOutPath, error);
         case Stage::StandardError:
-            return "cannot open " + plan.standardErrorPath + " for standard error";
+            return support::couldNot("open for standard error", plan.standardErrorPath, error);
         case Stage::Identity:
-            return "cannot read its own start time";
+            return support::couldNot("read the start time of", "/proc/self/stat", error);
         case Stage::Execute:
-            return "cannot execute " + plan.executable;
+            return support::couldNot("execute", plan.executable, error);
     }
-    return "failed";
+    return support::couldNot("start", plan.executable, error);
 }
 
 LaunchOutcome failedBecause(std::string why) {
@@ -393,7 +393,7 @@ LaunchOutcome failedBecause(std::string why) {
 }
 
 std::string failureOf(const LaunchPlan& plan, const Report& report) {
-    return describeStage(plan, report.stage) + ": " + std::strerror(report.error);
+    return stageFailure(plan, report.stage, report.error).message;
 }
 
 // Follows the new process through its set-up to the program, answering its question
@@ -455,22 +455,21 @@ void reap(pid_t child) {
 
 }  // namespace
 
-std::optional<LaunchPlan> planLaunch(const LaunchdJob& job, std::string& error) {
+support::Result<LaunchPlan> planLaunch(const LaunchdJob& job) {
     std::optional<UserAccount> user;
-    LaunchPlan plan;
-    std::string accountError;
-    plan.credentials = credentialsOf(job, user, accountError);
-    if (!accountError.empty()) {
-        error = accountError;
-        return std::nullopt;
+    auto credentials = credentialsOf(job, user);
+    if (!credentials) {
+        return credentials.failure();
     }
     const Environment environment = environmentOf(job, user);
-    auto executable = findProgram(job.program.value_or(job.programArguments.front()),
-                                  environment.get("PATH"), error);
+    auto executable =
+        findProgram(job.program.value_or(job.programArguments.front()), environment.get("PATH"));
     if (!executable) {
-        return std::nullopt;
+        return executable.failure();
     }
-    plan.executable = *executable;
+    LaunchPlan plan;
+    plan.credentials = std::move(*credentials);
+    plan.executable = std::move(*executable);
     plan.arguments = job.programArguments;
     plan.environment = environment.assignments();
     plan.workingDirectory = job.workingDirectory.value_or("/");
@@ -487,12 +486,14 @@ LaunchOutcome launchDetached(const LaunchPlan& plan,
     // lets the host write to a process that has gone without being killed by SIGPIPE.
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-        return failedBecause(std::string("cannot create a socket pair: ") + std::strerror(errno));
+        return failedBecause(
+            support::couldNot("create a socket pair for", plan.executable, errno).message);
     }
     support::UniqueFd hostEnd(aboveStandardDescriptors(ends[0]));
     support::UniqueFd childEnd(aboveStandardDescriptors(ends[1]));
     if (!hostEnd.valid() || !childEnd.valid()) {
-        return failedBecause(std::string("cannot move a socket: ") + std::strerror(errno));
+        return failedBecause(
+            support::couldNot("move a socket for", plan.executable, errno).message);
     }
     const ChildPlan childPlan{plan.executable.c_str(),
                               argv.get(),
@@ -504,7 +505,7 @@ LaunchOutcome launchDetached(const LaunchPlan& plan,
                               childEnd.get()};
     const pid_t intermediate = ::fork();
     if (intermediate < 0) {
-        return failedBecause(std::string("cannot fork: ") + std::strerror(errno));
+        return failedBecause(stageFailure(plan, Stage::Fork, errno).message);
     }
     if (intermediate == 0) {
         runIntermediate(childPlan, hostEnd.get());

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "LaunchdJob.h"
+#include "Result.h"
 
 namespace velnor {
 
@@ -37,9 +38,9 @@ struct LaunchPlan {
 // the job's account when it names a user, then the job's EnvironmentVariables over them: the
 // host's own environment never reaches a daemon. A program named without a '/' is looked up in
 // that PATH. Without WorkingDirectory a job runs in "/", and standard output and error go to
-// /dev/null unless the job names files. Nothing when an account is unknown or the program
-// cannot be found; error then says why.
-std::optional<LaunchPlan> planLaunch(const LaunchdJob& job, std::string& error);
+// /dev/null unless the job names files. Fails when an account is unknown or the program
+// cannot be found.
+support::Result<LaunchPlan> planLaunch(const LaunchdJob& job);
 
 // The identity of a started process: its pid and its start time from /proc/PID/stat, which
 // tell it apart from a later process that reuses the pid.

@@ -26,30 +26,26 @@ bool isDictionary(plist_t node) {
 }
 
 // The job file's tree to be changed: the file's own, or an empty dictionary when there is no
-// file yet. Empty when the file is there but cannot be read or is not a dictionary: writing
+// file yet. Fails when the file is there but cannot be read or is not a dictionary: writing
 // over it would lose whatever it holds.
-PlistNode jobTreeToRewrite(const std::string& path) {
-    std::string error;
-    bool missing = false;
-    PlistNode root = readPlistNodeFile(path, &error, &missing);
-    if (missing) {
+support::Result<PlistNode> jobTreeToRewrite(const std::string& path) {
+    auto root = readPlistNodeFile(path);
+    if (!root && root.error() == ENOENT) {
         return PlistNode(plist_new_dict());
     }
     if (!root) {
-        logHostFailure("cannot change the launch arguments: " + error);
-        return nullptr;
+        return support::couldNot("change the launch arguments in", path, root.message(),
+                                 root.error());
     }
-    if (!isDictionary(root.get())) {
-        logHostFailure("cannot change the launch arguments: " + path +
-                       " does not hold a dictionary");
-        return nullptr;
+    if (!isDictionary(root->get())) {
+        return support::couldNot("change the launch arguments in", path,
+                                 "it does not hold a dictionary", EINVAL);
     }
     return root;
 }
 
-// A failure for the first argument that the XML job file cannot carry exactly.
-std::optional<support::Failure> uncarriableArgument(const std::string& path,
-                                                    const LaunchArguments& arguments) {
+// Fails for the first argument that the XML job file cannot carry exactly.
+support::Status checkCarriable(const std::string& path, const LaunchArguments& arguments) {
     for (std::size_t index = 0; index < arguments.size(); ++index) {
         const std::size_t position = uncarriableCharacterAt(arguments[index]);
         if (position != std::string::npos) {
@@ -60,7 +56,7 @@ std::optional<support::Failure> uncarriableArgument(const std::string& path,
                                      EINVAL);
         }
     }
-    return std::nullopt;
+    return {};
 }
 
 PlistNode arrayOfStrings(const LaunchArguments& arguments) {
@@ -74,40 +70,47 @@ PlistNode arrayOfStrings(const LaunchArguments& arguments) {
 }  // namespace
 
 std::optional<LaunchArguments> GetLaunchDaemonServiceConfigArgs(const std::string& path) {
-    std::string error;
-    bool missing = false;
-    PlistNode root = readPlistNodeFile(path, &error, &missing);
+    auto root = readPlistNodeFile(path);
     if (!root) {
         // A job that is not installed is an answer, not a failure.
-        if (!missing) {
-            logHostFailure("cannot read the launch arguments: " + error);
+        if (root.error() != ENOENT) {
+            logHostFailure(root.message());
         }
         return std::nullopt;
     }
-    if (!isDictionary(root.get())) {
-        logHostFailure("cannot read the launch arguments: " + path + " does not hold a dictionary");
+    if (!isDictionary(root->get())) {
+        logHostFailure(
+            support::couldNot("read the launch arguments in", path, "it does not hold a dictionary")
+                .message);
         return std::nullopt;
     }
-    return stringsOfArrayNode(plist_dict_get_item(root.get(), kProgramArgumentsKey));
+    return stringsOfArrayNode(plist_dict_get_item(root->get(), kProgramArgumentsKey));
 }
 
-bool SetLaunchDaemonServiceConfigArgs(const std::string& path, const LaunchArguments& arguments) {
-    if (auto refused = uncarriableArgument(path, arguments)) {
-        logHostFailure(refused->message);
-        return false;
+namespace {
+
+// Writes the arguments into the job file, keeping every other key and value.
+support::Status replaceLaunchArguments(const std::string& path, const LaunchArguments& arguments) {
+    if (auto carriable = checkCarriable(path, arguments); !carriable) {
+        return carriable;
     }
-    PlistNode root = jobTreeToRewrite(path);
+    auto root = jobTreeToRewrite(path);
     if (!root) {
-        return false;
+        return root.failure();
     }
     // Replacing the value keeps the key where it was among the others.
-    plist_dict_set_item(root.get(), kProgramArgumentsKey, arrayOfStrings(arguments).release());
-    std::string error;
-    if (!replaceWholeFileAtomically(path, xmlOfPlistNode(root.get()), kNewJobFileMode, &error)) {
-        logHostFailure("cannot change the launch arguments: " + error);
-        return false;
+    plist_dict_set_item(root->get(), kProgramArgumentsKey, arrayOfStrings(arguments).release());
+    return replaceWholeFileAtomically(path, xmlOfPlistNode(root->get()), kNewJobFileMode);
+}
+
+}  // namespace
+
+bool SetLaunchDaemonServiceConfigArgs(const std::string& path, const LaunchArguments& arguments) {
+    const support::Status replaced = replaceLaunchArguments(path, arguments);
+    if (!replaced) {
+        logHostFailure(replaced.message());
     }
-    return true;
+    return replaced.ok();
 }
 
 bool SetLaunchDaemonServiceState(const std::string& label, int state) {
@@ -118,8 +121,9 @@ bool SetLaunchDaemonServiceState(const std::string& label, int state) {
         case 0:
             return jobs.stop(label);
         default:
-            logHostFailure("cannot change job " + label + " to the unknown state " +
-                           std::to_string(state));
+            logHostFailure(support::couldNot("change the state of job", label,
+                                             "the state " + std::to_string(state) + " is unknown")
+                               .message);
             return false;
     }
 }

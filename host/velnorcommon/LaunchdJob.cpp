@@ -61,49 +61,43 @@ class JobKeys {
         return entries;
     }
 
-    bool failed() const { return !error_.empty(); }
-    const std::string& error() const { return error_; }
+    // The first key of the wrong kind, when there is one.
+    const std::optional<support::Failure>& failure() const { return failure_; }
 
   private:
     void refuse(const std::string& why) {
-        if (error_.empty()) {
-            error_ = path_ + ": " + why;
+        if (!failure_) {
+            failure_ = support::couldNot("read", path_, why, EINVAL);
         }
     }
 
     plist_t dictionary_;
     const std::string& path_;
-    std::string error_;
+    std::optional<support::Failure> failure_;
 };
 
 }  // namespace
 
-std::optional<LaunchdJob> readLaunchdJob(int file, const std::string& path, std::string& error) {
+support::Result<LaunchdJob> readLaunchdJob(int file, const std::string& path) {
     struct stat status;
     if (fstat(file, &status) != 0) {
-        error = support::couldNot("examine", path, errno).message;
-        return std::nullopt;
+        return support::couldNot("examine", path, errno);
     }
     if (!S_ISREG(status.st_mode)) {
-        error = support::couldNot("read", path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL).message;
-        return std::nullopt;
+        return support::couldNot("read", path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
     }
     std::string bytes;
     if (!support::readAll(file, bytes)) {
-        error = support::couldNot("read", path, errno).message;
-        return std::nullopt;
+        return support::couldNot("read", path, errno);
     }
-    std::string why;
-    PlistNode root = parsePlistNode(bytes, &why);
+    auto root = parsePlistNode(bytes);
     if (!root) {
-        error = path + ": " + why;
-        return std::nullopt;
+        return support::couldNot("read", path, root.message(), root.error());
     }
-    if (plist_get_node_type(root.get()) != PLIST_DICT) {
-        error = path + ": the top level is not a dictionary";
-        return std::nullopt;
+    if (plist_get_node_type(root->get()) != PLIST_DICT) {
+        return support::couldNot("read", path, "the top level is not a dictionary", EINVAL);
     }
-    JobKeys keys(root.get(), path);
+    JobKeys keys(root->get(), path);
     LaunchdJob job;
     job.program = keys.text("Program");
     job.programArguments = keys.strings("ProgramArguments");
@@ -113,9 +107,8 @@ std::optional<LaunchdJob> readLaunchdJob(int file, const std::string& path, std:
     job.standardOutPath = keys.text("StandardOutPath");
     job.standardErrorPath = keys.text("StandardErrorPath");
     job.environmentVariables = keys.textsByName("EnvironmentVariables");
-    if (keys.failed()) {
-        error = keys.error();
-        return std::nullopt;
+    if (keys.failure()) {
+        return *keys.failure();
     }
     return job;
 }

@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "Result.h"
+
 namespace velnor {
 
 struct LaunchdJob {
@@ -21,10 +23,10 @@ struct LaunchdJob {
     std::vector<std::pair<std::string, std::string>> environmentVariables;
 };
 
-// The job that the open job file describes; path names it in messages. Nothing when the file
+// The job that the open job file describes; path names it in messages. Fails when the file
 // cannot be read, is not a dictionary, has no ProgramArguments with at least one string, or
-// holds one of the keys above with a value of the wrong kind; error then says why in one line.
-// Other keys, of any kind, are not looked at.
-std::optional<LaunchdJob> readLaunchdJob(int file, const std::string& path, std::string& error);
+// holds one of the keys above with a value of the wrong kind. Other keys, of any kind, are not
+// looked at.
+support::Result<LaunchdJob> readLaunchdJob(int file, const std::string& path);
 
 }  // namespace velnor

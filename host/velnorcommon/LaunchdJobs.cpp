@@ -12,7 +12,6 @@ extern "C" {
 
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 
 #include "HostLog.h"
 #include "LaunchdJob.h"
@@ -115,9 +114,8 @@ std::string LaunchdJobs::stoppingPath(const std::string& label) const {
 }
 
 bool LaunchdJobs::wasAskedToStop(const std::string& label, const StartedProcess& process) const {
-    std::string text;
-    const auto stopping =
-        readWholeFile(stoppingPath(label), text) ? parseJobRecord(text) : std::nullopt;
+    const auto text = readWholeFile(stoppingPath(label));
+    const auto stopping = text ? parseJobRecord(*text) : std::nullopt;
     return stopping && stopping->pid == process.pid && stopping->startTime == process.startTime;
 }
 
@@ -164,20 +162,23 @@ bool LaunchdJobs::start(const std::string& label) {
     if (!readable) {
         return refuse("start", label, readable.message());
     }
-    std::string error;
-    auto job = readLaunchdJob(readable->get(), jobFile->path, error);
+    auto job = readLaunchdJob(readable->get(), jobFile->path);
     if (!job) {
-        return refuse("start", label, error);
+        return refuse("start", label, job.message());
     }
-    auto plan = planLaunch(*job, error);
+    auto plan = planLaunch(*job);
     if (!plan) {
-        return refuse("start", label, error);
+        return refuse("start", label, plan.message());
     }
-    std::string recordError;
     bool recorded = false;
+    std::optional<support::Failure> recordFailure;
     // The record is written before the program runs, so that no job ever runs unrecorded.
     LaunchOutcome outcome = launchDetached(*plan, [&](const StartedProcess& process) {
-        recorded = writeRecord(label, process, recordError);
+        auto written = writeRecord(label, process);
+        recorded = written.ok();
+        if (!recorded) {
+            recordFailure = written.failure();
+        }
         return recorded;
     });
     if (outcome.executed) {
@@ -187,7 +188,7 @@ bool LaunchdJobs::start(const std::string& label) {
     if (recorded) {
         ::unlink(recordPath(label).c_str());
     }
-    return refuse("start", label, recordError.empty() ? outcome.failure : recordError);
+    return refuse("start", label, recordFailure ? recordFailure->message : outcome.failure);
 }
 
 bool LaunchdJobs::stop(const std::string& label) {
@@ -201,16 +202,15 @@ bool LaunchdJobs::stop(const std::string& label) {
     if (!process) {
         return true;
     }
-    std::string error;
-    if (!signalToStop(*process, error)) {
-        return refuse("stop", label, error);
+    if (auto signalled = signalToStop(*process); !signalled) {
+        return refuse("stop", label, signalled.message());
     }
     // Remembered so that a start can tell a job winding down from one that runs. Should the
     // mark not be written, a start right after this stop finds the job still running.
-    std::string markError;
-    if (!replaceWholeFileAtomically(stoppingPath(label), formatJobRecord(*process), kRecordFileMode,
-                                    &markError)) {
-        log_("cannot remember that job " + label + " is stopping: " + markError);
+    if (auto marked = replaceWholeFileAtomically(stoppingPath(label), formatJobRecord(*process),
+                                                 kRecordFileMode);
+        !marked) {
+        log_(support::couldNot("mark as stopping job", label, marked.message()).message);
     }
     return true;
 }
@@ -220,51 +220,47 @@ bool LaunchdJobs::isRunning(const std::string& label) const {
 }
 
 std::optional<StartedProcess> LaunchdJobs::runningProcess(const std::string& label) const {
-    std::string text;
-    if (!readWholeFile(recordPath(label), text)) {
+    const auto text = readWholeFile(recordPath(label));
+    if (!text) {
         return std::nullopt;
     }
-    auto process = parseJobRecord(text);
+    auto process = parseJobRecord(*text);
     if (!process || !isSameRunningProcess(*process)) {
         return std::nullopt;
     }
     return process;
 }
 
-bool LaunchdJobs::writeRecord(const std::string& label, const StartedProcess& process,
-                              std::string& error) const {
+support::Status LaunchdJobs::writeRecord(const std::string& label,
+                                         const StartedProcess& process) const {
     // Root's own, so that no other account can put anything in place of a record.
     const support::Attributes folderAttributes{
         kRecordFolderMode, ::geteuid(), ::getegid(),
         std::to_string(::geteuid()) + ":" + std::to_string(::getegid())};
     if (auto folder = support::createFolders(folders_.recordFolder, folderAttributes); !folder) {
-        error = folder.message();
-        return false;
+        return folder;
     }
-    return replaceWholeFileAtomically(recordPath(label), formatJobRecord(process), kRecordFileMode,
-                                      &error);
+    return replaceWholeFileAtomically(recordPath(label), formatJobRecord(process), kRecordFileMode);
 }
 
-bool LaunchdJobs::signalToStop(const StartedProcess& process, std::string& error) const {
-    const std::string target = " (pid " + std::to_string(process.pid) + ")";
+support::Status LaunchdJobs::signalToStop(const StartedProcess& process) const {
+    const std::string target = "process " + std::to_string(process.pid);
     // A pid descriptor pins one process. Checking the start time again through it leaves no
     // moment in which the pid could pass to another process before the signal.
     support::UniqueFd pinned(::pidfd_open(process.pid, 0));
     if (!pinned.valid()) {
         if (errno == ESRCH) {
-            return true;
+            return {};
         }
-        error = "cannot reach the process" + target + ": " + std::strerror(errno);
-        return false;
+        return support::couldNot("open", target, errno);
     }
     if (!isSameRunningProcess(process)) {
-        return true;
+        return {};
     }
     if (::pidfd_send_signal(pinned.get(), SIGTERM, nullptr, 0) != 0 && errno != ESRCH) {
-        error = "cannot send SIGTERM to the process" + target + ": " + std::strerror(errno);
-        return false;
+        return support::couldNot("send SIGTERM to", target, errno);
     }
-    return true;
+    return {};
 }
 
 bool LaunchdJobs::refuse(const char* action, const std::string& label,

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "JobLaunch.h"
+#include "Result.h"
 
 namespace velnor {
 
@@ -65,9 +66,8 @@ class LaunchdJobs {
     // it is still there.
     bool awaitEnd(const std::string& label, const StartedProcess& process) const;
     std::optional<StartedProcess> runningProcess(const std::string& label) const;
-    bool writeRecord(const std::string& label, const StartedProcess& process,
-                     std::string& error) const;
-    bool signalToStop(const StartedProcess& process, std::string& error) const;
+    support::Status writeRecord(const std::string& label, const StartedProcess& process) const;
+    support::Status signalToStop(const StartedProcess& process) const;
     bool refuse(const char* action, const std::string& label, const std::string& why) const;
 
     Folders folders_;

@@ -139,11 +139,14 @@ std::string withExactReals(std::string xml, const std::vector<double>& reals) {
     return xml;
 }
 
+// A failure that is a reason alone, for a caller to put after the file it read.
+support::Failure invalid(std::string reason) {
+    return {EINVAL, std::move(reason)};
+}
+
 class NodeConverter {
   public:
-    explicit NodeConverter(std::string* error) : error_(error) {}
-
-    std::optional<PlistValue> convert(plist_t node) {
+    support::Result<PlistValue> convert(plist_t node) {
         switch (plist_get_node_type(node)) {
             case PLIST_BOOLEAN:
                 return booleanOf(node);
@@ -179,11 +182,8 @@ class NodeConverter {
     }
 
   private:
-    std::optional<PlistValue> refuse(const std::string& what) {
-        if (error_ != nullptr) {
-            *error_ = what + " " + path_.describe();
-        }
-        return std::nullopt;
+    support::Failure refuse(const std::string& what) const {
+        return invalid(what + " " + path_.describe());
     }
 
     static PlistValue booleanOf(plist_t node) {
@@ -195,7 +195,7 @@ class NodeConverter {
     // libplist keeps every integer as 64 unsigned bits and remembers apart whether a value with
     // the top bit set was written negative or as a large unsigned number. Only its XML output
     // tells the two apart, so that is asked in the rare case where it matters.
-    std::optional<PlistValue> integerOf(plist_t node) {
+    support::Result<PlistValue> integerOf(plist_t node) {
         std::uint64_t bits = 0;
         plist_get_uint_val(node, &bits);
         if (bits > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) &&
@@ -206,7 +206,7 @@ class NodeConverter {
         return PlistValue::integer(static_cast<std::int64_t>(bits));
     }
 
-    std::optional<PlistValue> arrayOf(plist_t node) {
+    support::Result<PlistValue> arrayOf(plist_t node) {
         PlistArray array;
         const std::uint32_t size = plist_array_get_size(node);
         array.reserve(size);
@@ -215,31 +215,33 @@ class NodeConverter {
             auto element = convert(plist_array_get_item(node, index));
             path_.leave();
             if (!element) {
-                return std::nullopt;
+                return element.failure();
             }
             array.push_back(std::move(*element));
         }
-        return std::optional<PlistValue>(std::in_place, std::move(array));
+        return support::Result<PlistValue>(std::in_place, std::move(array));
     }
 
-    std::optional<PlistValue> dictionaryOf(plist_t node) {
+    support::Result<PlistValue> dictionaryOf(plist_t node) {
         PlistDictionary dictionary;
-        const bool complete = visitDictionaryEntries(node, [&](const char* key, plist_t child) {
+        std::optional<support::Failure> failure;
+        visitDictionaryEntries(node, [&](const char* key, plist_t child) {
             path_.enterKey(key);
             auto value = convert(child);
             path_.leave();
-            if (value) {
-                dictionary.set(key, std::move(*value));
+            if (!value) {
+                failure = value.failure();
+                return false;
             }
-            return value.has_value();
+            dictionary.set(key, std::move(*value));
+            return true;
         });
-        if (!complete) {
-            return std::nullopt;
+        if (failure) {
+            return std::move(*failure);
         }
-        return std::optional<PlistValue>(std::in_place, std::move(dictionary));
+        return support::Result<PlistValue>(std::in_place, std::move(dictionary));
     }
 
-    std::string* error_;
     PlistTreePath path_;
 };
 
@@ -269,52 +271,44 @@ PlistNode nodeOfDictionary(const PlistDictionary& dictionary) {
 
 }  // namespace
 
-PlistNode parsePlistNode(std::string_view bytes, std::string* error) {
-    auto refuse = [error](const char* why) {
-        if (error != nullptr) {
-            *error = why;
-        }
-        return PlistNode();
-    };
+support::Result<PlistNode> parsePlistNode(std::string_view bytes) {
     if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
-        return refuse("too large for a property list");
+        return invalid("too large for a property list");
     }
     const auto length = static_cast<std::uint32_t>(bytes.size());
     plist_t root = nullptr;
     if (plist_is_binary(bytes.data(), length)) {
         if (auto checked = checkBinaryPlistBytes(bytes); !checked) {
-            return refuse(("not a valid binary property list: " + checked.message()).c_str());
+            return invalid("not a valid binary property list: " + checked.message());
         }
         plist_from_bin(bytes.data(), length, &root);
-        return root != nullptr ? PlistNode(root) : refuse("not a valid binary property list");
+        if (root == nullptr) {
+            return invalid("not a valid binary property list");
+        }
+        return PlistNode(root);
     }
     if (auto checked = checkXmlPlistBytes(bytes); !checked) {
-        return refuse(("not a valid XML property list: " + checked.message()).c_str());
+        return invalid("not a valid XML property list: " + checked.message());
     }
     plist_from_xml(bytes.data(), length, &root);
     if (root == nullptr) {
-        return refuse("not a valid XML property list");
+        return invalid("not a valid XML property list");
     }
     if (auto checked = checkPlistNesting(root); !checked) {
         freePlistWithoutRecursion(root);
-        return refuse(("not a usable property list: " + checked.message()).c_str());
+        return invalid("not a usable property list: " + checked.message());
     }
     return PlistNode(root);
 }
 
-PlistNode readPlistNodeFile(const std::string& path, std::string* error, bool* missing) {
-    std::string bytes;
-    const bool read = readWholeFile(path, bytes, error);
-    if (missing != nullptr) {
-        *missing = !read && errno == ENOENT;
+support::Result<PlistNode> readPlistNodeFile(const std::string& path) {
+    auto bytes = readWholeFile(path);
+    if (!bytes) {
+        return bytes.failure();
     }
-    if (!read) {
-        return nullptr;
-    }
-    std::string why;
-    PlistNode node = parsePlistNode(bytes, &why);
-    if (!node && error != nullptr) {
-        *error = path + ": " + why;
+    auto node = parsePlistNode(*bytes);
+    if (!node) {
+        return support::couldNot("read", path, node.message(), node.error());
     }
     return node;
 }
@@ -346,8 +340,8 @@ std::string base64OfBytes(std::string_view bytes) {
     return text;
 }
 
-std::optional<PlistValue> plistValueOfNode(plist_t node, std::string* error) {
-    return NodeConverter(error).convert(node);
+support::Result<PlistValue> plistValueOfNode(plist_t node) {
+    return NodeConverter().convert(node);
 }
 
 PlistNode plistNodeOfValue(const PlistValue& value) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "PlistValue.h"
+#include "Result.h"
 
 namespace velnor {
 
@@ -25,16 +26,14 @@ struct PlistNodeFree {
 // The owner of a whole libplist tree (a node that has no parent).
 using PlistNode = std::unique_ptr<void, PlistNodeFree>;
 
-// The tree that the bytes hold, XML or binary; empty when they are not a property list, or one
-// that libplist cannot be trusted with (see PlistInputChecks.h), and error, when given, then
-// says why in one line.
-PlistNode parsePlistNode(std::string_view bytes, std::string* error = nullptr);
+// The tree that the bytes hold, XML or binary. Fails, with the reason alone as its message
+// ("not a valid XML property list: ..."), when they are not a property list, or one that
+// libplist cannot be trusted with (see PlistInputChecks.h).
+support::Result<PlistNode> parsePlistNode(std::string_view bytes);
 
-// The tree that the file at path holds; empty when it cannot be read or is not a property list,
-// and error, when given, then says why in one line that names the file. missing, when given,
-// tells whether the reason was that there is no file at all.
-PlistNode readPlistNodeFile(const std::string& path, std::string* error = nullptr,
-                            bool* missing = nullptr);
+// The tree that the file at path holds. Fails with `could not read "PATH": REASON` when it
+// cannot be read or is not a property list; error() is ENOENT when there is no file at all.
+support::Result<PlistNode> readPlistNodeFile(const std::string& path);
 
 // The tree as an XML property list. Reals are written in the shortest form that reads back as
 // the same number, and -0 keeps its sign; dates have whole seconds, as the XML form does.
@@ -43,9 +42,9 @@ std::string xmlOfPlistNode(plist_t node);
 // The bytes in base64, as a property list's data element writes them.
 std::string base64OfBytes(std::string_view bytes);
 
-// The tree as a PlistValue. Empty when it holds a value that PlistValue cannot hold (an integer
-// above the largest signed 64-bit one); error then says which and where it is.
-std::optional<PlistValue> plistValueOfNode(plist_t node, std::string* error = nullptr);
+// The tree as a PlistValue. Fails, saying which value and where it is, when the tree holds one
+// that PlistValue cannot hold (an integer above the largest signed 64-bit one).
+support::Result<PlistValue> plistValueOfNode(plist_t node);
 
 // A new tree that holds value; empty when value is absent or holds an absent value, which no
 // property list can express.

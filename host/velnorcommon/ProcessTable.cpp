@@ -77,7 +77,6 @@ int readProcessTable(const std::string& procRoot, std::vector<kinfo_proc>& table
     if (!folder) {
         return errno;
     }
-    std::string status;
     for (;;) {
         errno = 0;
         const dirent* entry = ::readdir(folder.get());
@@ -89,10 +88,11 @@ int readProcessTable(const std::string& procRoot, std::vector<kinfo_proc>& table
             continue;
         }
         // A process that has ended since it was listed has no status any more.
-        if (!readWholeFile(procRoot + "/" + entry->d_name + "/status", status)) {
+        const auto status = readWholeFile(procRoot + "/" + entry->d_name + "/status");
+        if (!status) {
             continue;
         }
-        auto uid = parseEffectiveUid(status);
+        auto uid = parseEffectiveUid(*status);
         if (!uid) {
             continue;
         }

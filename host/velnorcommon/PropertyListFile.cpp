@@ -1,5 +1,6 @@
 #include "PropertyListFile.h"
 
+#include <cerrno>
 #include <stdexcept>
 
 #include "HostLog.h"
@@ -14,12 +15,6 @@ namespace {
 // as job files are.
 constexpr mode_t kNewFileMode = 0644;
 
-void setError(std::string* error, std::string text) {
-    if (error != nullptr) {
-        *error = std::move(text);
-    }
-}
-
 // The value's XML, or nothing when it holds an absent value and so has no XML.
 std::optional<std::string> xmlOfValue(const PlistValue& value) {
     PlistNode node = plistNodeOfValue(value);
@@ -31,38 +26,37 @@ std::optional<std::string> xmlOfValue(const PlistValue& value) {
 
 }  // namespace
 
-std::optional<PlistValue> parsePropertyList(std::string_view bytes, std::string* error) {
-    PlistNode node = parsePlistNode(bytes, error);
+support::Result<PlistValue> parsePropertyList(std::string_view bytes) {
+    auto node = parsePlistNode(bytes);
     if (!node) {
-        return std::nullopt;
+        return node.failure();
     }
-    return plistValueOfNode(node.get(), error);
+    return plistValueOfNode(node->get());
 }
 
-std::optional<PlistValue> readPropertyListFile(const std::string& path, std::string* error) {
-    PlistNode node = readPlistNodeFile(path, error);
+support::Result<PlistValue> readPropertyListFile(const std::string& path) {
+    auto node = readPlistNodeFile(path);
     if (!node) {
-        return std::nullopt;
+        return node.failure();
     }
-    std::string why;
-    auto value = plistValueOfNode(node.get(), &why);
+    auto value = plistValueOfNode(node->get());
     if (!value) {
-        setError(error, path + ": " + why);
+        return support::couldNot("read", path, value.message(), value.error());
     }
     return value;
 }
 
-std::optional<PlistDictionary> readPropertyListDictionary(const std::string& path,
-                                                          std::string* error) {
-    auto value = readPropertyListFile(path, error);
+support::Result<PlistDictionary> readPropertyListDictionary(const std::string& path) {
+    auto value = readPropertyListFile(path);
     if (!value) {
-        return std::nullopt;
+        return value.failure();
     }
-    if (const auto* dictionary = value->asDictionary()) {
+    if (const PlistDictionary* dictionary = value->asDictionary()) {
         return *dictionary;
     }
-    setError(error, path + ": the top level is " + kindName(value->kind()) + ", not dictionary");
-    return std::nullopt;
+    return support::couldNot(
+        "read", path,
+        std::string("the top level is ") + kindName(value->kind()) + ", not dictionary", EINVAL);
 }
 
 std::string toXmlPropertyList(const PlistValue& value) {
@@ -75,34 +69,29 @@ std::string toXmlPropertyList(const PlistValue& value) {
 
 namespace {
 
-using WholeFileWriter = bool (*)(const std::string& path, std::string_view contents,
-                                 mode_t newFileMode, std::string* error);
-
-// Writes the value's XML with one of the whole-file writers, saying in the host's log why not.
-bool writePropertyListWith(WholeFileWriter write, const std::string& path,
-                           const PlistValue& value) {
-    auto xml = xmlOfValue(value);
-    if (!xml) {
-        logHostFailure("cannot write " + path + ": the value holds an absent value");
-        return false;
-    }
+// Why the value cannot be written to path as a property list, when it cannot.
+support::Status checkWritable(const std::string& path, const PlistValue& value) {
     if (auto uncarriable = findUncarriableText(value)) {
-        logHostFailure("could not write \"" + path + "\": " + *uncarriable +
-                       ", which a property list cannot carry exactly");
-        return false;
+        return support::couldNot(
+            "write", path, *uncarriable + ", which a property list cannot carry exactly", EINVAL);
     }
-    std::string error;
-    if (!write(path, *xml, kNewFileMode, &error)) {
-        logHostFailure(error);
-        return false;
-    }
-    return true;
+    return {};
 }
 
 }  // namespace
 
-bool writePropertyListAtomically(const std::string& path, const PlistValue& value) {
-    return writePropertyListWith(&replaceWholeFileAtomically, path, value);
+support::Status writePropertyListAtomically(const std::string& path, const PlistValue& value) {
+    auto xml = xmlOfValue(value);
+    support::Status written =
+        !xml ? support::couldNot("write", path, "the value holds an absent value", EINVAL)
+             : checkWritable(path, value);
+    if (written) {
+        written = replaceWholeFileAtomically(path, *xml, kNewFileMode);
+    }
+    if (!written) {
+        logHostFailure(written.message());
+    }
+    return written;
 }
 
 }  // namespace velnor

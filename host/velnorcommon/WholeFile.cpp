@@ -7,38 +7,14 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 
+#include "DescriptorIo.h"
 #include "PathNames.h"
 #include "UniqueFd.h"
 
 namespace velnor {
 namespace {
-
-// Fills error with what failed and the system's reason for code, and leaves errno at code so
-// that the caller can still examine it.
-bool fail(std::string* error, const std::string& what, int code) {
-    if (error != nullptr) {
-        *error = what + ": " + std::strerror(code);
-    }
-    errno = code;
-    return false;
-}
-
-bool writeAll(int fd, std::string_view contents) {
-    while (!contents.empty()) {
-        ssize_t written = ::write(fd, contents.data(), contents.size());
-        if (written < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        contents.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-}
 
 // The file that a write to path really replaces: the target of a symbolic link, so that the
 // link stays a link. A path that does not resolve (nothing there yet) is its own target.
@@ -126,70 +102,57 @@ void flushFolder(const std::string& folder) {
 
 }  // namespace
 
-bool readWholeFile(const std::string& path, std::string& contents, std::string* error) {
+support::Result<std::string> readWholeFile(const std::string& path) {
     support::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd.valid()) {
-        return fail(error, "cannot open " + path, errno);
+        return support::couldNot("open", path, errno);
     }
     struct stat status {};
     if (::fstat(fd.get(), &status) != 0) {
-        return fail(error, "cannot examine " + path, errno);
+        return support::couldNot("examine", path, errno);
     }
     if (!S_ISREG(status.st_mode)) {
-        return fail(error, "cannot read " + path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+        return support::couldNot("read", path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
     }
-    std::string read;
-    char buffer[65536];
-    for (;;) {
-        ssize_t got = ::read(fd.get(), buffer, sizeof buffer);
-        if (got < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return fail(error, "cannot read " + path, errno);
-        }
-        if (got == 0) {
-            break;
-        }
-        read.append(buffer, static_cast<std::size_t>(got));
+    std::string contents;
+    if (!support::readAll(fd.get(), contents)) {
+        return support::couldNot("read", path, errno);
     }
-    contents = std::move(read);
-    return true;
+    return contents;
 }
 
-bool replaceWholeFileAtomically(const std::string& path, std::string_view contents,
-                                mode_t newFileMode, std::string* error) {
+support::Status replaceWholeFileAtomically(const std::string& path, std::string_view contents,
+                                           mode_t newFileMode) {
     const std::string target = replacementTarget(path);
     struct stat old {};
     const bool replacing = ::stat(target.c_str(), &old) == 0;
     if (!replacing && errno != ENOENT) {
-        return fail(error, "cannot examine " + target, errno);
+        return support::couldNot("examine", target, errno);
     }
     if (replacing && !S_ISREG(old.st_mode)) {
-        return fail(error, "cannot replace " + target, S_ISDIR(old.st_mode) ? EISDIR : EINVAL);
+        return support::couldNot("replace", target, S_ISDIR(old.st_mode) ? EISDIR : EINVAL);
     }
 
     removeLeftTemporaries(target);
     TemporaryFile temporary(target);
     if (!temporary.created()) {
-        return fail(error, "cannot create a temporary file beside " + target, errno);
+        return support::couldNot("create a temporary file beside", target, errno);
     }
-    if (!writeAll(temporary.fd(), contents)) {
-        return fail(error, "cannot write " + temporary.path(), errno);
+    if (!support::writeAll(temporary.fd(), contents)) {
+        return support::couldNot("write", temporary.path(), errno);
     }
     if (!takeOverAttributes(temporary, replacing ? &old : nullptr, newFileMode)) {
-        return fail(error, "cannot give " + temporary.path() + " the owner and mode of " + target,
-                    errno);
+        return support::couldNot("set the owner and mode of", temporary.path(), errno);
     }
     if (::fsync(temporary.fd()) != 0 || temporary.close() != 0) {
-        return fail(error, "cannot flush " + temporary.path(), errno);
+        return support::couldNot("flush", temporary.path(), errno);
     }
     if (::rename(temporary.path().c_str(), target.c_str()) != 0) {
-        return fail(error, "cannot rename " + temporary.path() + " over " + target, errno);
+        return support::couldNot("rename a temporary file over", target, errno);
     }
     temporary.markRenamed();
     flushFolder(support::folderOf(target));
-    return true;
+    return {};
 }
 
 }  // namespace velnor

@@ -1,7 +1,7 @@
 // Whole-file reads and writes: property-list files, job files and job records.
 //
-// Every failure answers false and, when error is given, one line that names the file and gives
-// the system's reason ("cannot open /a/b: No such file or directory").
+// Every failure names the file and gives the system's reason
+// (`could not open "/a/b": No such file or directory`), and carries its errno.
 #pragma once
 
 #include <sys/types.h>
@@ -9,11 +9,13 @@
 #include <string>
 #include <string_view>
 
+#include "Result.h"
+
 namespace velnor {
 
-// Reads the whole of the regular file at path into contents. On failure errno is left as the
-// failing call set it, so that callers can tell a missing file (ENOENT) from an unreadable one.
-bool readWholeFile(const std::string& path, std::string& contents, std::string* error = nullptr);
+// The whole of the regular file at path. A failure's error() is the failing call's errno, so
+// that callers can tell a missing file (ENOENT) from an unreadable one.
+support::Result<std::string> readWholeFile(const std::string& path);
 
 // Replaces the file at path with one holding contents: written to a temporary file in the same
 // folder, flushed to disk and renamed over path, so that a reader sees the old file or the new
@@ -22,7 +24,7 @@ bool readWholeFile(const std::string& path, std::string& contents, std::string* 
 // replaced and the link stays. On failure the temporary file is removed and the old file is
 // left as it was. Temporary files that an interrupted write left beside path (".NAME.XXXXXX")
 // are removed first.
-bool replaceWholeFileAtomically(const std::string& path, std::string_view contents,
-                                mode_t newFileMode, std::string* error = nullptr);
+support::Status replaceWholeFileAtomically(const std::string& path, std::string_view contents,
+                                           mode_t newFileMode);
 
 }  // namespace velnor

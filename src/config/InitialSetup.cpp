@@ -73,20 +73,20 @@ std::string existingDataFolder(PostgresRequestHandler& handler) {
 // description of a failure, if any.
 std::optional<std::string> prepareDataFolder(const std::string& folder) {
     const auto created = platform::createDirectory(folder, std::nullopt);
-    if (!created.succeeded) {
+    if (!created) {
         logMessage(LOG_ERR, "Error trying to create dataLocation folder %s: %s", folder.c_str(),
-                   created.error.c_str());
-        return created.error;
+                   created.message().c_str());
+        return created.message();
     }
     // Logged for a folder that was there already, too.
     logMessage(LOG_NOTICE, "Created dataLocation folder %s", folder.c_str());
     const auto secured = platform::setAttributes(
         folder, {kDataFolderPermissions, kPostgresAccount, kPostgresAccount});
-    if (!secured.succeeded) {
+    if (!secured) {
         // The reason reaches only the response; the message names the folder alone.
         logMessage(LOG_ERR, "Error trying to set attributes of dataLocation folder %s",
                    folder.c_str());
-        return secured.error;
+        return secured.message();
     }
     return std::nullopt;
 }

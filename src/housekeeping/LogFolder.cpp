@@ -37,7 +37,7 @@ void replaceLegacyLogDirectorySetting() {
         element = PlistValue(kLogDirectorySetting);
         jobFile->set(kProgramArgumentsKey, PlistValue(std::move(arguments)));
         // The message reports the attempt; the write's result is not examined.
-        platform::writePropertyListDictionary(kPostgresJobPlistPath, *jobFile);
+        static_cast<void>(platform::writePropertyListDictionary(kPostgresJobPlistPath, *jobFile));
         logMessage(LOG_NOTICE, "Updated log directory in launchd plist file");
         return;
     }
@@ -61,7 +61,7 @@ void PostgresRequestHandler::createLogDir() {
     replaceLegacyLogDirectorySetting();
     // Marked whether or not anything was replaced: a job file without the old setting is
     // migrated too. The result is not examined.
-    platform::createFile(markerPath, "", migrationMarkerAttributes());
+    static_cast<void>(platform::createFile(markerPath, "", migrationMarkerAttributes()));
     // The restart picks the new folder up. The skip variant keeps the nested stop and start from
     // entering this housekeeping again; their results are dropped.
     stopServiceWithVariant(PlistValue(kSkipDependenciesVariant));

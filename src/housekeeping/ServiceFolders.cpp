@@ -24,11 +24,11 @@ bool createMissingFolder(const char* path, const platform::FileAttributes& attri
         return false;
     }
     const auto status = platform::createDirectory(path, attributes);
-    if (status.succeeded) {
+    if (status) {
         logMessage(LOG_NOTICE, "Created %s folder %s", role, path);
     } else {
         logMessage(LOG_ERR, "Error trying to create %s folder %s: %s", role, path,
-                   status.error.c_str());
+                   status.message().c_str());
     }
     return true;
 }

@@ -14,10 +14,6 @@
 namespace velnor::platform {
 namespace {
 
-FileSystemStatus statusOf(const support::Status& status) {
-    return status ? FileSystemStatus::success() : FileSystemStatus::failure(status.message());
-}
-
 support::Result<support::Attributes> resolved(const FileAttributes& attributes) {
     return support::resolveAttributes(attributes.permissions, attributes.owner, attributes.group);
 }
@@ -38,34 +34,37 @@ bool fileExists(const std::string& path, bool* isDirectory) {
     return true;
 }
 
-FileSystemStatus createDirectory(const std::string& path,
-                                 const std::optional<FileAttributes>& attributes) {
+support::Status createDirectory(const std::string& path,
+                                const std::optional<FileAttributes>& attributes) {
     // Accounts first: an unknown one must fail before anything is made.
     std::optional<support::Attributes> numeric;
     if (attributes) {
         auto found = resolved(*attributes);
         if (!found) {
-            return FileSystemStatus::failure(found.message());
+            return found.failure();
         }
         numeric = std::move(*found);
     }
-    return statusOf(support::createFolders(path, numeric));
+    return support::createFolders(path, numeric);
 }
 
-FileSystemStatus setAttributes(const std::string& path, const FileAttributes& attributes) {
+support::Status setAttributes(const std::string& path, const FileAttributes& attributes) {
     auto numeric = resolved(attributes);
     if (!numeric) {
-        return FileSystemStatus::failure(numeric.message());
+        return numeric.failure();
     }
     // A data folder may be a link that root placed, and what must belong to the service
     // account is the folder it names: the link is followed where that is safe.
-    return statusOf(support::setAttributes(path, *numeric));
+    return support::setAttributes(path, *numeric);
 }
 
-bool createFile(const std::string& path, const std::string& contents,
-                const FileAttributes& attributes) {
+support::Status createFile(const std::string& path, const std::string& contents,
+                           const FileAttributes& attributes) {
     auto numeric = resolved(attributes);
-    return numeric && support::replaceFile(path, contents, *numeric);
+    if (!numeric) {
+        return numeric.failure();
+    }
+    return support::replaceFile(path, contents, *numeric);
 }
 
 }  // namespace velnor::platform

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "PlistValue.h"
+#include "Result.h"
 
 namespace velnor::platform {
 
@@ -15,15 +16,6 @@ struct FileAttributes {
     mode_t permissions;
     std::string owner;
     std::string group;
-};
-
-// Success, or failure with one line of text from the file system that says why.
-struct FileSystemStatus {
-    bool succeeded = true;
-    std::string error;
-
-    static FileSystemStatus success() { return {}; }
-    static FileSystemStatus failure(std::string why) { return {false, std::move(why)}; }
 };
 
 /** True when an entry of any kind exists at path; a symbolic link counts as what it points to,
@@ -35,23 +27,24 @@ bool fileExists(const std::string& path, bool* isDirectory = nullptr);
 /** Creates the folder and every missing parent. attributes, when given, apply to the folder
  * and to every parent created along with it, whatever the process's umask. Succeeds when a
  * folder is already there. */
-FileSystemStatus createDirectory(const std::string& path,
-                                 const std::optional<FileAttributes>& attributes);
+support::Status createDirectory(const std::string& path,
+                                const std::optional<FileAttributes>& attributes);
 
 /** Sets permissions, owner and group of path. */
-FileSystemStatus setAttributes(const std::string& path, const FileAttributes& attributes);
+support::Status setAttributes(const std::string& path, const FileAttributes& attributes);
 
 /** Creates the file with contents and attributes; a file already there is replaced by the new
  * one renamed over it, never written through. */
-bool createFile(const std::string& path, const std::string& contents,
-                const FileAttributes& attributes);
+support::Status createFile(const std::string& path, const std::string& contents,
+                           const FileAttributes& attributes);
 
-/** The property-list file at path as a dictionary; nothing when it is missing, unreadable, not
+/** The property-list file at path as a dictionary; fails when it is missing, unreadable, not
  * a property list, or has no dictionary at its top level. */
-std::optional<PlistDictionary> readPropertyListDictionary(const std::string& path);
+support::Result<PlistDictionary> readPropertyListDictionary(const std::string& path);
 
 /** Replaces the file at path with the dictionary as an XML property list, atomically, keeping
  * its mode and owner. */
-bool writePropertyListDictionary(const std::string& path, const PlistDictionary& dictionary);
+support::Status writePropertyListDictionary(const std::string& path,
+                                            const PlistDictionary& dictionary);
 
 }  // namespace velnor::platform

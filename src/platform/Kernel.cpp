@@ -23,11 +23,11 @@ support::Result<ProcessHandle> openProcess(pid_t pid) {
 
 support::Result<uid_t> processOwner(pid_t pid) {
     const std::string path = "/proc/" + std::to_string(pid) + "/status";
-    std::string status;
-    if (!readWholeFile(path, status)) {
-        return support::couldNot("read", path, errno);
+    const support::Result<std::string> status = readWholeFile(path);
+    if (!status) {
+        return status.failure();
     }
-    const std::optional<uid_t> owner = parseEffectiveUid(status);
+    const std::optional<uid_t> owner = parseEffectiveUid(*status);
     if (!owner) {
         return support::couldNot("read", path, "it names no effective user id", EINVAL);
     }

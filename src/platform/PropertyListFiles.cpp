@@ -3,11 +3,12 @@
 
 namespace velnor::platform {
 
-std::optional<PlistDictionary> readPropertyListDictionary(const std::string& path) {
+support::Result<PlistDictionary> readPropertyListDictionary(const std::string& path) {
     return velnor::readPropertyListDictionary(path);
 }
 
-bool writePropertyListDictionary(const std::string& path, const PlistDictionary& dictionary) {
+support::Status writePropertyListDictionary(const std::string& path,
+                                            const PlistDictionary& dictionary) {
     return velnor::writePropertyListAtomically(path, PlistValue(dictionary));
 }
 

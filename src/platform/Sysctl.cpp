@@ -23,6 +23,8 @@
 #include <limits>
 #include <string>
 
+#include "DescriptorIo.h"
+#include "Result.h"
 #include "UniqueFd.h"
 #include "platform/Kernel.h"
 
@@ -31,8 +33,6 @@ namespace {
 
 constexpr unsigned int kArgumentMaximumNameLength = 2;
 constexpr unsigned int kProcessArgumentsNameLength = 3;
-// /proc files are read in pieces of this size; they can be much longer than one.
-constexpr std::size_t kReadChunk = 16 * 1024;
 // A link's target grows from here; /proc/PID/exe is rarely longer.
 constexpr std::size_t kInitialLinkLength = 256;
 
@@ -61,74 +61,78 @@ int processError(int error) {
     }
 }
 
-// Reads the whole file name in folder. Returns 0, or the error number.
-int readWholeFile(int folder, const char* name, std::string* contents) {
+// The whole of the file name in folder (a /proc folder, named folderPath in messages).
+support::Result<std::string> readFileIn(int folder, const std::string& folderPath,
+                                        const char* name) {
+    const std::string path = folderPath + "/" + name;
     support::UniqueFd file(openat(folder, name, O_RDONLY | O_CLOEXEC));
     if (!file.valid()) {
-        return errno;
+        return support::couldNot("open", path, errno);
     }
-    contents->clear();
-    for (;;) {
-        const std::size_t size = contents->size();
-        contents->resize(size + kReadChunk);
-        const ssize_t count = read(file.get(), contents->data() + size, kReadChunk);
-        contents->resize(size + static_cast<std::size_t>(count > 0 ? count : 0));
-        if (count == 0) {
-            return 0;
-        }
-        if (count < 0 && errno != EINTR) {
-            return errno;
-        }
+    std::string contents;
+    if (!support::readAll(file.get(), contents)) {
+        return support::couldNot("read", path, errno);
     }
+    return contents;
 }
 
-// The target of the link name in folder. Returns 0, or the error number.
-int readLink(int folder, const char* name, std::string* target) {
+// The target of the link name in folder (named folderPath in messages).
+support::Result<std::string> readLinkIn(int folder, const std::string& folderPath,
+                                        const char* name) {
+    std::string target;
     for (std::size_t capacity = kInitialLinkLength;; capacity *= 2) {
-        target->resize(capacity);
-        const ssize_t length = readlinkat(folder, name, target->data(), capacity);
+        target.resize(capacity);
+        const ssize_t length = readlinkat(folder, name, target.data(), capacity);
         if (length < 0) {
-            return errno;
+            return support::couldNot("read the link", folderPath + "/" + name, errno);
         }
         // A target that fills the buffer may have been cut short.
         if (static_cast<std::size_t>(length) < capacity) {
-            target->resize(static_cast<std::size_t>(length));
-            return 0;
+            target.resize(static_cast<std::size_t>(length));
+            return target;
         }
     }
 }
 
 // Reads pid's executable path, arguments and environment, all from one /proc folder so that
-// they describe one process even if the pid is reused meanwhile. Returns 0, or the error
-// number for sysctl.
-int readProcessImage(pid_t pid, ProcessImage* image) {
-    if (pid <= 0) {
-        return ESRCH;
-    }
+// they describe one process even if the pid is reused meanwhile. A failure's error() is the
+// error number for sysctl.
+support::Result<ProcessImage> readProcessImage(pid_t pid) {
     const std::string folderPath = "/proc/" + std::to_string(pid);
+    if (pid <= 0) {
+        return support::couldNot("read", folderPath, ESRCH);
+    }
     support::UniqueFd folder(open(folderPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder.valid()) {
-        return processError(errno);
+        return support::couldNot("open", folderPath, processError(errno));
     }
+    // What could not be read, with the error number that sysctl gives for it.
+    auto failed = [](const support::Failure& failure) {
+        return support::Failure{processError(failure.error), failure.message};
+    };
     // The link first: for another account's process it is what refuses a reader without the
     // privilege. A process that has ended but not been reaped has no executable and no
     // arguments any more, and neither has a kernel thread: both count as no process, as
     // neither has arguments to give.
-    if (const int error = readLink(folder.get(), "exe", &image->executable); error != 0) {
-        return processError(error);
+    auto executable = readLinkIn(folder.get(), folderPath, "exe");
+    if (!executable) {
+        return failed(executable.failure());
     }
-    if (const int error = readWholeFile(folder.get(), "cmdline", &image->arguments); error != 0) {
-        return processError(error);
+    auto arguments = readFileIn(folder.get(), folderPath, "cmdline");
+    if (!arguments) {
+        return failed(arguments.failure());
     }
     // No bytes at all: the process ended after the link was read, or it is in the middle of
     // starting a new program and has not laid its arguments out yet.
-    if (image->arguments.empty()) {
-        return ESRCH;
+    if (arguments->empty()) {
+        return support::couldNot("read", folderPath, "it has no arguments", ESRCH);
     }
-    if (const int error = readWholeFile(folder.get(), "environ", &image->environment); error != 0) {
-        return processError(error);
+    auto environment = readFileIn(folder.get(), folderPath, "environ");
+    if (!environment) {
+        return failed(environment.failure());
     }
-    return 0;
+    ProcessImage image{std::move(*executable), std::move(*arguments), std::move(*environment)};
+    return image;
 }
 
 std::int32_t countNonEmptyStrings(const std::string& strings) {
@@ -187,11 +191,11 @@ int argumentMaximum(void* oldp, std::size_t* oldlenp) {
 }
 
 int processArguments(pid_t pid, void* oldp, std::size_t* oldlenp) {
-    ProcessImage image;
-    if (const int error = readProcessImage(pid, &image); error != 0) {
-        return fail(error);
+    const support::Result<ProcessImage> image = readProcessImage(pid);
+    if (!image) {
+        return fail(image.error());
     }
-    const std::string bytes = layOutProcessArguments(image);
+    const std::string bytes = layOutProcessArguments(*image);
     return deliver(bytes.data(), bytes.size(), oldp, oldlenp);
 }
 

@@ -8,9 +8,8 @@
 #include "RequestFile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    std::string error;
     auto request = velnor::host::requestFromBytes(
-        std::string_view(reinterpret_cast<const char*>(data), size), "fuzz", &error);
+        std::string_view(reinterpret_cast<const char*>(data), size), "fuzz");
     if (request) {
         // What was accepted must also write: the plug-in stores it in the job file.
         (void)velnor::toXmlPropertyList(velnor::PlistValue(*request));

@@ -78,9 +78,9 @@ TEST_F(FileSystemTest, NewFolderAndEveryNewParentGetExactAttributesWhateverTheUm
         const std::string top = path("umask-" + std::to_string(item.umask));
         SCOPED_TRACE(top);
 
-        const FileSystemStatus status = createDirectory(top + "/parent/folder", item.attributes);
+        const support::Status status = createDirectory(top + "/parent/folder", item.attributes);
 
-        ASSERT_TRUE(status.succeeded) << status.error;
+        ASSERT_TRUE(status) << status.message();
         for (const std::string& created : {top, top + "/parent", top + "/parent/folder"}) {
             EXPECT_EQ(attributesOf(created), item.expected) << created;
         }
@@ -102,9 +102,9 @@ TEST_F(FileSystemTest, NonFolderInTheWayFailsWithOneLineNamingWhereItStopped) {
     for (const auto& [target, error] : cases) {
         for (const auto& attributes : {std::optional<FileAttributes>({0750, "daemon", "daemon"}),
                                        std::optional<FileAttributes>()}) {
-            const FileSystemStatus status = createDirectory(target, attributes);
-            EXPECT_FALSE(status.succeeded) << target;
-            EXPECT_EQ(status.error, error);
+            const support::Status status = createDirectory(target, attributes);
+            EXPECT_FALSE(status) << target;
+            EXPECT_EQ(status.message(), error);
         }
     }
     EXPECT_EQ(contentsOf(file), "keep me");

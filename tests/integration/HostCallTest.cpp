@@ -18,7 +18,7 @@ TEST_F(HostCallTest, XmlResponseKeepsIntegerZeroApartFromFalseAndTheLogReachesSt
                                    {"no", PlistValue::boolean(false)},
                                    {"text", "Grüße \"quoted\"\n"},
                                    {"PGHOST", "/var/pgsql_socket"}};
-    EXPECT_EQ(parsePropertyList(run.out), PlistValue(expected)) << run.out;
+    EXPECT_EQ(parsePropertyList(run.out).value(), PlistValue(expected)) << run.out;
 
     std::string log = "velnor[" + std::to_string(process.pid()) + "]: velnor_test_plugin: ";
     EXPECT_NE(run.err.find(log + "initialize\n"), std::string::npos)
@@ -73,13 +73,13 @@ TEST_F(HostCallTest, EachWayARunEndsHasItsOwnExitStatus) {
         {{"call", "echoWithRequest", missing},
          65,
          "",
-         missing + ": No such file or directory",
+         missing + "\": No such file or directory",
          false},
-        {{"call", "echoWithRequest", array}, 65, "", array + " holds an array", false},
+        {{"call", "echoWithRequest", array}, 65, "", array + "\": it holds an array", false},
         {{"call", "echoWithRequest", "-"},
          65,
          "",
-         "standard input is not a property list",
+         "could not read the request \"standard input\": not a valid",
          false,
          "{\"json\": true}"},
         {{"--plugin", VELNOR_TEST_PLUGIN_OTHER_VERSION, "call", "echoWithRequest"},

@@ -86,7 +86,7 @@ TEST(LaunchDaemonArguments, SetCreatesAMissingJobFileReadableByEveryone) {
     ASSERT_TRUE(written);
     const PlistDictionary expected{
         {"ProgramArguments", PlistArray{"/usr/bin/postgres", "-D", "x"}}};
-    EXPECT_EQ(readPropertyListDictionary(path), expected);
+    EXPECT_EQ(readPropertyListDictionary(path).value(), expected);
     EXPECT_EQ(testing::statusOf(path).st_mode & 07777, 0644u)
         << "a job file must be readable by everyone whatever the writer's umask";
 }

@@ -136,9 +136,10 @@ TEST_F(LaunchdStandIn, ProgramThatCannotBeExecutedIsRefusedAndLeavesNoRecord) {
         std::string expectedMessage;
         bool forks;
     } cases[] = {
-        {"/nonexistent/program", "cannot execute /nonexistent/program: No such file", true},
-        {notExecutable, "cannot execute " + notExecutable + ": Permission denied", true},
-        {"velnor-no-such-program", "cannot find the program velnor-no-such-program in", false},
+        {"/nonexistent/program", "could not execute \"/nonexistent/program\": No such file", true},
+        {notExecutable, "could not execute \"" + notExecutable + "\": Permission denied", true},
+        {"velnor-no-such-program",
+         "could not find the program \"velnor-no-such-program\": it is in no folder of", false},
     };
     for (const auto& job : cases) {
         messages_.clear();

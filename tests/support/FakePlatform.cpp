@@ -170,36 +170,40 @@ bool fileExists(const std::string& path, bool* isDirectory) {
     return found != entries.end();
 }
 
-FileSystemStatus createDirectory(const std::string& path, const std::optional<FileAttributes>&) {
+support::Status createDirectory(const std::string& path, const std::optional<FileAttributes>&) {
     const auto& failures = called("createDirectory " + path).createDirectoryFailures;
     if (failures.contains(path)) {
-        return FileSystemStatus::failure(failures.at(path));
+        return support::Failure{0, failures.at(path)};
     }
     fake().addFolder(path);
-    return FileSystemStatus::success();
+    return {};
 }
 
-FileSystemStatus setAttributes(const std::string& path, const FileAttributes&) {
+support::Status setAttributes(const std::string& path, const FileAttributes&) {
     const auto& failures = called("setAttributes " + path).setAttributesFailures;
     if (failures.contains(path)) {
-        return FileSystemStatus::failure(failures.at(path));
+        return support::Failure{0, failures.at(path)};
     }
-    return FileSystemStatus::success();
+    return {};
 }
 
-bool createFile(const std::string& path, const std::string&, const FileAttributes&) {
+support::Status createFile(const std::string& path, const std::string&, const FileAttributes&) {
     called("createFile " + path).addFile(path);
-    return true;
+    return {};
 }
 
-std::optional<PlistDictionary> readPropertyListDictionary(const std::string& path) {
+support::Result<PlistDictionary> readPropertyListDictionary(const std::string& path) {
     const auto& entries = called("readPropertyListDictionary " + path).entries;
-    return entries.contains(path) ? entries.at(path).propertyList : std::nullopt;
+    if (entries.contains(path) && entries.at(path).propertyList) {
+        return *entries.at(path).propertyList;
+    }
+    return support::couldNot("read", path, ENOENT);
 }
 
-bool writePropertyListDictionary(const std::string& path, const PlistDictionary& dictionary) {
+support::Status writePropertyListDictionary(const std::string& path,
+                                            const PlistDictionary& dictionary) {
     called("writePropertyListDictionary " + path).entries[path] = {false, dictionary};
-    return true;
+    return {};
 }
 
 PGconn* pqConnectdb(const char* conninfo) {

@@ -9,9 +9,9 @@ namespace {
 using Arguments = std::vector<std::string_view>;
 
 Command parsed(const Arguments& arguments) {
-    ParsedCommandLine result = parseCommandLine(arguments);
-    EXPECT_TRUE(result.command.has_value()) << "refused: " << result.error;
-    return result.command.value_or(Command{});
+    support::Result<Command> result = parseCommandLine(arguments);
+    EXPECT_TRUE(result.ok()) << "refused: " << (result ? "" : result.message());
+    return result ? *result : Command{};
 }
 
 TEST(HostCommandLine, CallKeepsItsArgumentRawAndFriendlyVerbsPrepareTheirs) {
@@ -48,9 +48,8 @@ TEST(HostCommandLine, RefusesWhatTheUsageDoesNotAllow) {
         {"--wait", "status"}, {"--wait", "-1", "status"}, {"--wait=1.5", "status"}, {"--wait="}};
     // clang-format on
     for (const Arguments& arguments : refused) {
-        ParsedCommandLine result = parseCommandLine(arguments);
-        EXPECT_TRUE(!result.command && !result.error.empty())
-            << ::testing::PrintToString(arguments);
+        support::Result<Command> result = parseCommandLine(arguments);
+        EXPECT_TRUE(!result && !result.message().empty()) << ::testing::PrintToString(arguments);
     }
 }
 
@@ -61,13 +60,13 @@ TEST(HostCommandLine, RawArgumentsAreAnInt32CountOrAVariant) {
     for (std::string_view bad : {"", "+", "-", "2147483648", "-2147483649", "1.5", " 1", "+-1"}) {
         EXPECT_EQ(parseIdleCount(bad), std::nullopt) << "\"" << bad << "\"";
     }
-    std::string error;
-    EXPECT_EQ(std::get<std::int32_t>(
-                  interpretRawArgument(OperationStyle::Idle, RawArgument{}, &error).value()),
-              0);
-    EXPECT_FALSE(interpretRawArgument(OperationStyle::Idle, RawArgument{"4e9"}, &error));
-    EXPECT_NE(error.find("4e9"), std::string::npos) << error;
-    auto dash = interpretRawArgument(OperationStyle::Service, RawArgument{"-"}, &error);
+    EXPECT_EQ(
+        std::get<std::int32_t>(interpretRawArgument(OperationStyle::Idle, RawArgument{}).value()),
+        0);
+    auto tooLarge = interpretRawArgument(OperationStyle::Idle, RawArgument{"4e9"});
+    ASSERT_FALSE(tooLarge);
+    EXPECT_NE(tooLarge.message().find("4e9"), std::string::npos) << tooLarge.message();
+    auto dash = interpretRawArgument(OperationStyle::Service, RawArgument{"-"});
     EXPECT_EQ(std::get<PlistValue>(dash.value()), PlistValue("-")) << "not standard input";
 }
 

@@ -56,7 +56,7 @@ TEST(HostInvocation, WhateverThePluginThrowsEndsWithoutAResponseNotTheHost) {
 }
 
 TEST(HostPluginDescriptor, OperationsThatCannotBeCalledAreRefused) {
-    EXPECT_EQ(descriptorProblem(descriptor()), std::nullopt);
+    EXPECT_TRUE(checkDescriptor(descriptor()).ok());
     const HostOperation mismatched[] = {
         {"startServiceWithVariant", OperationStyle::Service, &answer, nullptr, nullptr}};
     const HostOperation nameless[] = {
@@ -66,10 +66,10 @@ TEST(HostPluginDescriptor, OperationsThatCannotBeCalledAreRefused) {
     noName.operations = nameless;
     wrongStyle.operationCount = noName.operationCount = 1;
     noTable.operations = nullptr;
-    EXPECT_NE(descriptorProblem(wrongStyle).value_or("").find("startServiceWithVariant"),
+    EXPECT_NE(checkDescriptor(wrongStyle).message().find("startServiceWithVariant"),
               std::string::npos);
-    EXPECT_TRUE(descriptorProblem(noName).has_value());
-    EXPECT_TRUE(descriptorProblem(noTable).has_value());
+    EXPECT_FALSE(checkDescriptor(noName).ok());
+    EXPECT_FALSE(checkDescriptor(noTable).ok());
 }
 
 }  // namespace
