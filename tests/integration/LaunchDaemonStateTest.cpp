@@ -17,6 +17,7 @@
 namespace velnor {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using testing::TemporaryFolder;
@@ -26,12 +27,6 @@ constexpr const char* kLabel = "org.example.sleeper";
 PlistDictionary jobRunning(std::initializer_list<const char*> arguments) {
     return {{"Label", kLabel},
             {"ProgramArguments", PlistArray(arguments.begin(), arguments.end())}};
-}
-
-PlistDictionary sleeperAsNobody() {
-    PlistDictionary job = jobRunning({"/bin/sleep", "1000"});
-    job.set("UserName", PlistValue("nobody"));
-    return job;
 }
 
 class LaunchdStandIn : public ::testing::Test {
@@ -45,7 +40,6 @@ class LaunchdStandIn : public ::testing::Test {
         ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
         ASSERT_EQ(::chmod(folder_.path().c_str(), 0755), 0);
         ASSERT_EQ(::mkdir(systemJobs_.c_str(), 0755), 0);
-        ASSERT_EQ(::mkdir(localJobs_.c_str(), 0755), 0);
     }
 
     void TearDown() override {
@@ -71,26 +65,22 @@ class LaunchdStandIn : public ::testing::Test {
         return process;
     }
 
-    // Waits until the process has ended, leaving it a zombie; its end as waitid reports it.
-    siginfo_t waitForEnd(pid_t pid) {
+    // Waits until the process has ended, leaving it a zombie; the signal that ended it.
+    int waitForEnd(pid_t pid) {
         siginfo_t info{};
         EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
-        return info;
-    }
-
-    void reap(pid_t pid) {
-        EXPECT_EQ(::waitpid(pid, nullptr, 0), pid);
-        started_.erase(pid);
+        return info.si_status;
     }
 
     // launchd trusts a job file only when every folder above it is root's alone: not /tmp.
     TemporaryFolder folder_{"/run/velnor-hostlib-XXXXXX"};
     const std::string systemJobs_ = folder_ / "System";
-    const std::string localJobs_ = folder_ / "Library";
     const std::string records_ = folder_ / "run/velnor/launchd";
     std::vector<std::string> messages_;
-    LaunchdJobs jobs_{{{systemJobs_, localJobs_}, records_},
-                      [this](const std::string& message) { messages_.push_back(message); }};
+    // A stop waits 50 ms for the job to end.
+    LaunchdJobs jobs_{{{systemJobs_, folder_ / "Library"}, records_},
+                      [this](const std::string& message) { messages_.push_back(message); },
+                      50};
     std::set<pid_t> started_;
 };
 
@@ -103,29 +93,27 @@ TEST_F(LaunchdStandIn, AJobStillWindingDownIsNotTakenForARunningOne) {
     ASSERT_EQ(::mkfifo(ready.c_str(), 0600), 0);
     const std::string script = "trap '' TERM; echo ready > " + ready + "; exec /bin/sleep 1000";
     installJob(systemJobs_, jobRunning({"/bin/sh", "-c", script.c_str()}));
-    LaunchdJobs impatient(
-        {{systemJobs_, localJobs_}, records_},
-        [this](const std::string& message) { messages_.push_back(message); }, 50);
-    ASSERT_TRUE(impatient.start(kLabel)) << ::testing::PrintToString(messages_);
+    ASSERT_TRUE(jobs_.start(kLabel)) << ::testing::PrintToString(messages_);
     const auto first = recordedProcess();
     ASSERT_TRUE(first.has_value());
     EXPECT_EQ(testing::fileText(ready), "ready\n");
 
-    ASSERT_TRUE(impatient.stop(kLabel));
-    EXPECT_TRUE(impatient.isRunning(kLabel)) << "the job's process is still there";
-    EXPECT_FALSE(impatient.start(kLabel)) << "a stopping job was taken for a running one";
+    ASSERT_TRUE(jobs_.stop(kLabel));
+    EXPECT_TRUE(jobs_.isRunning(kLabel)) << "the job's process is still there";
+    EXPECT_FALSE(jobs_.start(kLabel)) << "a stopping job was taken for a running one";
     EXPECT_THAT(messages_, ElementsAre(HasSubstr("is still stopping after 50 ms")));
 
     ::kill(first->pid, SIGKILL);
     waitForEnd(first->pid);
-    EXPECT_FALSE(impatient.isRunning(kLabel)) << "a zombie counts as running";
-    reap(first->pid);
-    ASSERT_TRUE(impatient.start(kLabel));
+    EXPECT_FALSE(jobs_.isRunning(kLabel)) << "a zombie counts as running";
+    EXPECT_EQ(::waitpid(first->pid, nullptr, 0), first->pid);
+    started_.erase(first->pid);
+    ASSERT_TRUE(jobs_.start(kLabel));
     const auto second = recordedProcess();
     ASSERT_TRUE(second.has_value());
     EXPECT_NE(second->pid, first->pid);
     EXPECT_EQ(testing::fileText(ready), "ready\n");
-    EXPECT_TRUE(impatient.isRunning(kLabel)) << "a fresh start was taken for the stopping job";
+    EXPECT_TRUE(jobs_.isRunning(kLabel)) << "a fresh start was taken for the stopping job";
 }
 
 TEST_F(LaunchdStandIn, ProgramThatCannotBeExecutedIsRefusedAndLeavesNoRecord) {
@@ -156,16 +144,17 @@ TEST_F(LaunchdStandIn, ProgramThatCannotBeExecutedIsRefusedAndLeavesNoRecord) {
             EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 127);
         }
 
-        EXPECT_THAT(messages_, ElementsAre(HasSubstr(job.expectedMessage))) << job.program;
         EXPECT_THAT(messages_,
-                    ElementsAre(HasSubstr(std::string("could not start job \"") + kLabel)));
+                    ElementsAre(AllOf(HasSubstr(job.expectedMessage),
+                                      HasSubstr(std::string("could not start job \"") + kLabel))))
+            << job.program;
         EXPECT_FALSE(std::filesystem::exists(jobs_.recordPath(kLabel))) << job.program;
         EXPECT_FALSE(jobs_.isRunning(kLabel)) << job.program;
     }
 }
 
 TEST_F(LaunchdStandIn, RecordOfAReusedPidIsNotTakenForTheJob) {
-    installJob(systemJobs_, sleeperAsNobody());
+    installJob(systemJobs_, jobRunning({"/bin/sleep", "1000"}));
     int release[2];
     ASSERT_EQ(::pipe(release), 0);
     const pid_t bystander = ::fork();
@@ -188,8 +177,7 @@ TEST_F(LaunchdStandIn, RecordOfAReusedPidIsNotTakenForTheJob) {
     testing::writeText(jobs_.recordPath(kLabel), formatJobRecord({bystander, stat->startTime}));
     EXPECT_TRUE(jobs_.isRunning(kLabel)) << "the process that the record names runs";
     EXPECT_TRUE(jobs_.stop(kLabel));
-    EXPECT_EQ(waitForEnd(bystander).si_status, SIGTERM);
-    reap(bystander);
+    EXPECT_EQ(waitForEnd(bystander), SIGTERM);
     ::close(release[1]);
 }
 
