@@ -8,6 +8,7 @@ request comes from, and what the host lock and the job file look like whatever t
 
 import fcntl
 import os
+import pathlib
 import plistlib
 import socket
 import subprocess
@@ -20,6 +21,7 @@ from harness import ACCOUNT, CREATED_SOCKET_DIR, JOB_FILE, LOG_DIR, SOCKET_DIR, 
 
 LOCK_FOLDER = "/var/run/velnor"
 LOCK_FILE = LOCK_FOLDER + "/host.lock"
+RECORD = LOCK_FOLDER + "/launchd/org.postgresql.postgres"
 DETAILS = plistlib.dumps({"variant": "withDetails"})
 STOPPED = '{\n  "state": "STOPPED"\n}\n'
 # A module that loads but is no plug-in.
@@ -50,14 +52,11 @@ class HostRuns(harness.ScenarioCase):
         answer, an error answer, a throw and an unwritable output each end in their own way."""
         scratch = tempfile.mkdtemp()
         missing, array, details = (os.path.join(scratch, name) for name in ("no", "array", "details"))
-        with open(array, "wb") as out:
-            plistlib.dump(["x"], out)
-        with open(details, "wb") as out:
-            out.write(DETAILS)
+        pathlib.Path(array).write_bytes(plistlib.dumps(["x"]))
+        pathlib.Path(details).write_bytes(DETAILS)
         job = harness.job_file_bytes()
         refused = [  # arguments, standard input, exit status, in standard error
             (["call", "noSuchOperation"], b"", 64, 'has no operation "noSuchOperation"\nusage: velnor'),
-            (["status", "--everything"], b"", 64, "usage: velnor"),
             (["call", "getStateWithRequest", missing], b"", 65, missing + ": No such file or directory"),
             (["call", "getStateWithRequest", array], b"", 65, array + " holds an array"),
             (["call", "getStateWithRequest", "-"], b'{"a": 1}', 65, "standard input is not a property list"),
@@ -87,11 +86,9 @@ class HostRuns(harness.ScenarioCase):
         self.assertEqual(answer, (74, "", "velnor: cannot write the response to standard output\n"))
         self.assertEqual(self.raw("--json", "call", "stopServiceWithVariant"), (0, "null\n", ""))
         self.assertEqual(self.raw("call", "stopServiceWithVariant"), (0, "", ""))
-        status, xml, _ = self.raw("call", "getStateWithRequest", details)
-        self.assertEqual(status, 0)
-        for entry in ("<key>PGserverVersion</key>\n\t<integer>0</integer>",
-                      "<key>postgresIsResponding</key>\n\t<false/>"):
-            self.assertIn(entry, xml, "an integer 0 and false stay apart")
+        xml = self.raw("call", "getStateWithRequest", details)[1]
+        self.assertIn("<key>PGserverVersion</key>\n\t<integer>0</integer>", xml, "0 is no false")
+        self.assertIn("<key>postgresIsResponding</key>\n\t<false/>", xml)
 
         # The request comes from a file or standard input when named, and never unasked.
         for source, stdin, detailed in ((details, b"", True), ("-", DETAILS, True), (None, DETAILS, False)):
@@ -100,6 +97,20 @@ class HostRuns(harness.ScenarioCase):
             self.assertEqual(status, 0)
             self.assertEqual("dataDir" in out, detailed, f"request from {source}: {out}")
             self.assertTrue(detailed or out == STOPPED, out)
+
+        # A job whose program cannot run is refused at once, leaves no record and does not run.
+        script = os.path.join(scratch, "script.sh")
+        pathlib.Path(script).write_text("#!/bin/sh\n")
+        job = harness.read_job_file()
+        for program, reason in (("/nonexistent/program", "cannot execute /nonexistent/program: No such file"),
+                                (script, f"cannot execute {script}: Permission denied"),
+                                ("velnor-no-such", "cannot find the program velnor-no-such in /usr/bin:")):
+            harness.write_job_file({**job, "ProgramArguments": [program, *job["ProgramArguments"][1:]]})
+            answer = self.velnor("start", status=1)
+            self.assertEqual(answer.response, {"error": "CANNOT_START_SERVICE_ERR"}, program)
+            self.assertIn(f'velnor: could not start job "org.postgresql.postgres": {reason}', answer.stderr)
+            self.assertFalse(os.path.exists(RECORD), f"{program}: a record was left")
+            self.assert_state("STOPPED")
 
         # A socket folder chosen by the caller is where the probe knocks.
         listener = socket.socket(socket.AF_UNIX)
@@ -154,6 +165,26 @@ class HostRuns(harness.ScenarioCase):
             self.assertIsNone(waiting.poll(), "velnor went on while the lock was held")
         out, _ = waiting.communicate(timeout=60)
         self.assertEqual((waiting.returncode, out), (0, STOPPED), "the call runs once the lock is free")
+
+    @sandbox()
+    def test_nothing_is_made_where_something_else_stands(self):
+        """A file in the way of a folder or of its parent is kept and named in one line; a
+        dangling link is not followed."""
+        os.makedirs("/Library")
+        for file in ("/srv/file", "/Library/Logs"):
+            pathlib.Path(file).write_text("keep me")
+        os.symlink("/srv/nowhere", "/srv/dangling")
+        os.symlink("/srv/nowhere", SOCKET_DIR)
+        for location, error in (("/srv/file", '"/srv/file": File exists'),
+                                ("/srv/file/child/grandchild", '"/srv/file/child": Not a directory'),
+                                ("/srv/dangling", '"/srv/dangling": File exists')):
+            answer = self.velnor("setup", "--data-location", location, status=1)
+            self.assertEqual(answer.response, {"error": "could not create folder " + error})
+        self.assertEqual(self.velnor("idle").log[:2], [
+            f'velnor_postgres: Error trying to create socket folder {SOCKET_DIR}: could not create folder "{SOCKET_DIR}": File exists',
+            f'velnor_postgres: Error trying to create log folder {LOG_DIR}: could not create folder "{LOG_DIR}": Not a directory'])
+        self.assertFalse(os.path.lexists("/srv/nowhere"), "a dangling link was followed")
+        self.assertEqual([open(file).read() for file in ("/srv/file", "/Library/Logs")], ["keep me"] * 2)
 
 
 if __name__ == "__main__":

@@ -14,7 +14,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 namespace velnor::testing {
 
@@ -46,14 +45,6 @@ inline std::string fileText(const std::string& path) {
 
 inline void writeText(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
-inline std::vector<std::string> folderEntries(const std::string& path) {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(path)) {
-        names.push_back(entry.path().filename().string());
-    }
-    return names;
 }
 
 // Runs check in a child process that has become the account nobody; true when check answered
