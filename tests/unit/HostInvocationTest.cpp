@@ -70,6 +70,9 @@ TEST(HostPluginDescriptor, OperationsThatCannotBeCalledAreRefused) {
               std::string::npos);
     EXPECT_FALSE(checkDescriptor(noName).ok());
     EXPECT_FALSE(checkDescriptor(noTable).ok());
+    PluginDescriptor otherVersion = descriptor();
+    ++otherVersion.interfaceVersion;
+    EXPECT_NE(checkDescriptor(otherVersion).message().find("interface version"), std::string::npos);
 }
 
 }  // namespace
