@@ -6,7 +6,6 @@ request comes from, and what the host lock and the job file look like whatever t
     host_scenarios.py --list
 """
 
-import fcntl
 import os
 import pathlib
 import plistlib
@@ -19,22 +18,11 @@ sys.dont_write_bytecode = True
 import harness  # noqa: E402
 from harness import ACCOUNT, CREATED_SOCKET_DIR, JOB_FILE, LOG_DIR, SOCKET_DIR, sandbox  # noqa: E402
 
-LOCK_FOLDER = "/var/run/velnor"
-LOCK_FILE = LOCK_FOLDER + "/host.lock"
-RECORD = LOCK_FOLDER + "/launchd/org.postgresql.postgres"
+RECORD = "/var/run/velnor/launchd/org.postgresql.postgres"
 DETAILS = plistlib.dumps({"variant": "withDetails"})
 STOPPED = '{\n  "state": "STOPPED"\n}\n'
 # A module that loads but is no plug-in.
 LIBC = next(line.split()[-1] for line in open("/proc/self/maps") if "/libc.so" in line)
-
-
-def lock_descriptor_flags(pid):
-    """The open flags of pid's descriptor on the host lock file."""
-    for fd in os.listdir(f"/proc/{pid}/fd"):
-        if os.readlink(f"/proc/{pid}/fd/{fd}") == os.path.realpath(LOCK_FILE):
-            with open(f"/proc/{pid}/fdinfo/{fd}") as info:
-                return int(next(line for line in info if line.startswith("flags:")).split()[1], 8)
-    raise AssertionError(f"velnor {pid} has no descriptor on {LOCK_FILE}")
 
 
 class HostRuns(harness.ScenarioCase):
@@ -57,10 +45,10 @@ class HostRuns(harness.ScenarioCase):
         job = harness.job_file_bytes()
         refused = [  # arguments, standard input, exit status, in standard error
             (["call", "noSuchOperation"], b"", 64, 'has no operation "noSuchOperation"\nusage: velnor'),
-            (["call", "getStateWithRequest", missing], b"", 65, missing + ": No such file or directory"),
-            (["call", "getStateWithRequest", array], b"", 65, array + " holds an array"),
-            (["call", "getStateWithRequest", "-"], b'{"a": 1}', 65, "standard input is not a property list"),
-            (["--plugin", missing, "status"], b"", 69, "cannot load plug-in " + missing),
+            (["call", "getStateWithRequest", missing], b"", 65, missing + '": No such file or directory'),
+            (["call", "getStateWithRequest", array], b"", 65, array + '": it holds an array'),
+            (["call", "getStateWithRequest", "-"], b'{"a": 1}', 65, 'could not read the request "standard input"'),
+            (["--plugin", missing, "status"], b"", 69, f'could not load plug-in "{missing}"'),
             (["--plugin", LIBC, "status"], b"", 69, "VelnorPluginDescriptor"),
             (["call", "writeSettingsWithRequest", "-"], plistlib.dumps({"configuration": "port=5433"}),
              2, 'velnor: writeSettingsWithRequest ended without a response: '
@@ -83,7 +71,7 @@ class HostRuns(harness.ScenarioCase):
 
         with open("/dev/full", "wb") as full:
             answer = self.raw("status", stdout=full)
-        self.assertEqual(answer, (74, "", "velnor: cannot write the response to standard output\n"))
+        self.assertEqual(answer, (74, "", "velnor: could not write the response to \"standard output\": No space left on device\n"))
         self.assertEqual(self.raw("--json", "call", "stopServiceWithVariant"), (0, "null\n", ""))
         self.assertEqual(self.raw("call", "stopServiceWithVariant"), (0, "", ""))
         xml = self.raw("call", "getStateWithRequest", details)[1]
@@ -102,9 +90,9 @@ class HostRuns(harness.ScenarioCase):
         script = os.path.join(scratch, "script.sh")
         pathlib.Path(script).write_text("#!/bin/sh\n")
         job = harness.read_job_file()
-        for program, reason in (("/nonexistent/program", "cannot execute /nonexistent/program: No such file"),
-                                (script, f"cannot execute {script}: Permission denied"),
-                                ("velnor-no-such", "cannot find the program velnor-no-such in /usr/bin:")):
+        for program, reason in (("/nonexistent/program", 'could not execute "/nonexistent/program": No such file'),
+                                (script, f'could not execute "{script}": Permission denied'),
+                                ("velnor-no-such", 'could not find the program "velnor-no-such": it is in no folder of /usr/bin:')):
             harness.write_job_file({**job, "ProgramArguments": [program, *job["ProgramArguments"][1:]]})
             answer = self.velnor("start", status=1)
             self.assertEqual(answer.response, {"error": "CANNOT_START_SERVICE_ERR"}, program)
@@ -123,7 +111,7 @@ class HostRuns(harness.ScenarioCase):
     @sandbox()
     def test_lock_and_job_file_keep_their_modes_whatever_the_umask(self):
         """Under umask 077 the lock, the folders and the job file get their own modes; a rewritten
-        job file keeps its mode, group and key order; the lock is waited for and never passed on."""
+        job file keeps its mode, group and key order."""
         job = harness.read_job_file()
         reordered = dict(reversed(list(job.items())))  # an order that no sorting writer keeps
         with open(JOB_FILE, "wb") as out:
@@ -142,9 +130,7 @@ class HostRuns(harness.ScenarioCase):
         self.assertEqual(list(rewritten), list(reordered), "the keys keep their order")
         self.assertIn("work_mem=8MB", rewritten.pop("ProgramArguments"))
         self.assertEqual(rewritten, {k: v for k, v in job.items() if k != "ProgramArguments"})
-        for path, expected in ((LOCK_FOLDER, harness.folder(0o755, "root")),
-                               (LOCK_FILE, harness.regular_file(0o600, "root")),
-                               (SOCKET_DIR, harness.folder(0o750)), ("/Library", harness.folder(0o755)),
+        for path, expected in ((SOCKET_DIR, harness.folder(0o750)), ("/Library", harness.folder(0o755)),
                                ("/Library/Logs", harness.folder(0o755)), (LOG_DIR, harness.folder(0o755))):
             self.assertEqual(harness.attributes(path), expected, path)
 
@@ -153,33 +139,26 @@ class HostRuns(harness.ScenarioCase):
         self.assertEqual(harness.attributes(JOB_FILE), harness.regular_file(0o644, "root"),
                          "a new job file is readable by everyone")
 
-        with open(LOCK_FILE) as held:
-            fcntl.flock(held, fcntl.LOCK_EX)
-            waiting = subprocess.Popen([self.host.velnor, "--plugin", self.host.plugin, "--json",
-                                        "status"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                       text=True)
-            self.assertEqual(waiting.stderr.readline(),
-                             f'velnor: waiting for the host lock "{LOCK_FILE}" held by another velnor\n')
-            self.assertTrue(lock_descriptor_flags(waiting.pid) & os.O_CLOEXEC,
-                            "a process that the plug-in starts would keep the lock")
-            self.assertIsNone(waiting.poll(), "velnor went on while the lock was held")
-        out, _ = waiting.communicate(timeout=60)
-        self.assertEqual((waiting.returncode, out), (0, STOPPED), "the call runs once the lock is free")
-
     @sandbox()
     def test_nothing_is_made_where_something_else_stands(self):
-        """A file in the way of a folder or of its parent is kept and named in one line; a
-        dangling link is not followed."""
+        """A file in the way of a folder or of its parent is kept and named in one line, and the
+        job file names the folder asked for all the same; a dangling link is not followed."""
         os.makedirs("/Library")
         for file in ("/srv/file", "/Library/Logs"):
             pathlib.Path(file).write_text("keep me")
         os.symlink("/srv/nowhere", "/srv/dangling")
         os.symlink("/srv/nowhere", SOCKET_DIR)
+        kept = harness.attributes("/srv/file")
         for location, error in (("/srv/file", '"/srv/file": File exists'),
                                 ("/srv/file/child/grandchild", '"/srv/file/child": Not a directory'),
                                 ("/srv/dangling", '"/srv/dangling": File exists')):
             answer = self.velnor("setup", "--data-location", location, status=1)
             self.assertEqual(answer.response, {"error": "could not create folder " + error})
+            self.assertEqual(answer.log, [f"velnor_postgres: Error trying to create dataLocation "
+                                          f"folder {location}: could not create folder {error}"])
+            self.assertEqual(harness.read_job_file()["ProgramArguments"],
+                             harness.default_arguments(location), "the job file names the folder")
+        self.assertEqual(harness.attributes("/srv/file"), kept, "the file keeps its owner and mode")
         self.assertEqual(self.velnor("idle").log[:2], [
             f'velnor_postgres: Error trying to create socket folder {SOCKET_DIR}: could not create folder "{SOCKET_DIR}": File exists',
             f'velnor_postgres: Error trying to create log folder {LOG_DIR}: could not create folder "{LOG_DIR}": Not a directory'])

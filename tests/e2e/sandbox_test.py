@@ -20,7 +20,7 @@ import unittest
 # The tests run from the source tree, which the sandbox binds in: leave no byte code there.
 sys.dont_write_bytecode = True
 import harness  # noqa: E402
-from harness import ACCOUNT_ID, JOB_FILE, SANDBOX
+from harness import ACCOUNT_ID, SANDBOX
 
 # Real paths that a sandbox writes to inside; none of it may reach the machine.
 TOUCHED_PATHS = ["/System", "/Library", "/var/pgsql", "/var/pgsql_socket", "/var/empty",
@@ -50,13 +50,6 @@ BUSY_SANDBOX = textwrap.dedent("""\
         *) exit "$1" ;;
     esac
     """)
-
-# Inside the sandbox, what no scenario shows of what it provides: the folders its options make
-# and the job file's first bytes, the caller's libpq settings, and the folder the command runs in.
-FACTS = """stat -c '%n %a %U:%G %F' /var/pgsql /var/pgsql_socket /Library/Logs/PostgreSQL 2>/dev/null
-head -c 8 /System/Library/LaunchDaemons/org.postgresql.postgres.plist 2>/dev/null; echo
-env | grep ^PG; pwd"""
-
 
 def fingerprint(path):
     """What a real path is now: missing, or its kind and, for a file, its content's hash."""
@@ -139,36 +132,6 @@ class Sandbox(unittest.TestCase):
                 self.assertEqual(after["shared_memory_files"], before["shared_memory_files"],
                                  f"POSIX shared memory left after {how}")
                 self.assertEqual(after["ipc_of_account"], [], f"System V IPC left after {how}")
-
-    def facts(self, *options):
-        completed = subprocess.run([SANDBOX, *options, "--bind", self.scratch, "--", "sh", "-c", FACTS],
-                                   capture_output=True, text=True, timeout=120, cwd=self.scratch,
-                                   env={**os.environ, "PGHOST": "/elsewhere", "PGPORT": "1"})
-        self.assertEqual(completed.returncode, 0, f"the sandbox failed: {completed.stderr}")
-        return completed.stdout.splitlines()
-
-    def test_installs_the_service(self):
-        """The account, the server, the default job file and the legacy log setting are shown by
-        the scenarios that use them; these facts by nobody else."""
-        self.assertEqual(self.facts(), ["<?xml ve", self.scratch],
-                         "no folders, an XML job file, no libpq settings, the caller's folder")
-        self.assertEqual(self.facts("--initdb", "--socket-dir", "--log-dir", "--binary-job-file"), [
-            "/var/pgsql 700 _postgres:_postgres directory",
-            "/var/pgsql_socket 750 _postgres:_postgres directory",
-            "/Library/Logs/PostgreSQL 755 _postgres:_postgres directory", "bplist00", self.scratch])
-        self.assertEqual(self.facts("--no-job-file"), ["", self.scratch], "--no-job-file")
-
-    def test_refuses_clearly(self):
-        for arguments, status in (([], 64), (["--no-such-option", "true"], 64),
-                                  (["--bind", "/no/such/folder", "true"], 64)):
-            with self.subTest(arguments=arguments):
-                completed = subprocess.run([SANDBOX, *arguments], capture_output=True, text=True)
-                self.assertEqual(completed.returncode, status, completed.stderr)
-                self.assertIn("scripts/sandbox: ", completed.stderr)
-        nobody = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                                 SANDBOX, "true"], capture_output=True, text=True)
-        self.assertEqual(nobody.returncode, harness.SKIP, "not root: refused as unable to run here")
-        self.assertIn("needs root", nobody.stderr)
 
 
 def main():

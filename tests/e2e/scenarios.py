@@ -304,27 +304,6 @@ class Scenarios(harness.ScenarioCase):
         self.assertEqual(read_job_file(), {"ProgramArguments": harness.default_arguments()},
                          "a missing job file is created holding just the arguments")
 
-    @sandbox()
-    def test_initial_setup_where_a_file_stands(self):
-        """A data location where a plain file stands: the error comes back, the file is untouched,
-        and the job file names that path all the same."""
-        location = "/var/db/pgdata"
-        os.makedirs(os.path.dirname(location))
-        with open(location, "w") as plain_file:
-            plain_file.write("keep me\n")
-        attributes_before = harness.attributes(location)
-        answer = self.velnor("setup", "--data-location", location, status=1)
-        self.assert_kinds(answer.response, {"error": str}, "failed initial setup")
-        reason = answer.response["error"]
-        self.assertTrue(reason, "the error says why")
-        self.assertEqual(answer.log, [
-            f"velnor_postgres: Error trying to create dataLocation folder {location}: {reason}"])
-        with open(location) as plain_file:
-            self.assertEqual(plain_file.read(), "keep me\n", "the file is untouched")
-        self.assertEqual(harness.attributes(location), attributes_before, "the file keeps its owner")
-        self.assertEqual(read_job_file()["ProgramArguments"], harness.default_arguments(location),
-                         "the job file names the requested folder")
-
     @sandbox("--legacy-log-dir", "--binary-job-file", "--initdb", "--socket-dir")
     def test_log_directory_migration(self):
         """A job file holding log_directory=/Library/Logs is migrated once, by the call that
