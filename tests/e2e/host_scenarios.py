@@ -1,14 +1,12 @@
 #!/usr/bin/python3
 """The host around each call, with the real plug-in: how a run ends and what it prints, where the
-request comes from, and what the host lock and the job file look like whatever the caller's umask.
-
-    host_scenarios.py --velnor PATH --plugin PATH [--bind DIR] NAME
-    host_scenarios.py --list
-"""
+request comes from, what the folders and the job file look like whatever the caller's umask; and
+another account trying to block or stall root's velnor through its lock or the server's socket."""
 
 import os
 import pathlib
 import plistlib
+import signal
 import socket
 import subprocess
 import sys
@@ -16,9 +14,54 @@ import tempfile
 
 sys.dont_write_bytecode = True
 import harness  # noqa: E402
-from harness import ACCOUNT, CREATED_SOCKET_DIR, JOB_FILE, LOG_DIR, SOCKET_DIR, sandbox  # noqa: E402
+from harness import (ACCOUNT, ACCOUNT_ID, CREATED_SOCKET_DIR, JOB_FILE, LOG_DIR, SOCKET_DIR,  # noqa: E402
+                     as_user, regular_file, sandbox)
 
-RECORD = "/var/run/velnor/launchd/org.postgresql.postgres"
+LOCK_FOLDER = "/var/run/velnor"
+LOCK_FILE = LOCK_FOLDER + "/host.lock"
+RECORD = LOCK_FOLDER + "/launchd/org.postgresql.postgres"
+NOBODY_ID = 65534
+# A listener that takes connections into its backlog and never says a word.
+SILENT_SERVER = """
+import socket, sys
+server = socket.socket(socket.AF_UNIX)
+server.bind(sys.argv[1])
+server.listen(64)
+print("listening", flush=True)
+sys.stdin.read()
+"""
+
+
+def holds_flock(pid):
+    """True once pid holds a flock (an entry of its own in /proc/locks, not a waiter's)."""
+    with open("/proc/locks") as locks:
+        return any(fields[1:2] == ["FLOCK"] and fields[4] == str(pid)
+                   for fields in (line.split() for line in locks))
+
+
+class Holder:
+    """A process that holds (or tries to hold) an exclusive flock on the host lock file."""
+
+    def __init__(self, uid=0):
+        # A session of its own: the sleep that flock starts holds the lock too, and ends with it.
+        self.process = subprocess.Popen(as_user(uid, ["flock", "-x", LOCK_FILE, "sleep", "60"]),
+                                        stderr=subprocess.DEVNULL, start_new_session=True)
+
+    def wait_until_settled(self):
+        """Returns once the holder has the lock or has given up; True when it has the lock."""
+        harness.wait_until(lambda: self.process.poll() is not None or holds_flock(self.process.pid),
+                           "the lock holder has the lock or has given up")
+        return self.process.poll() is None
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exception):
+        if self.process.poll() is None:
+            os.killpg(self.process.pid, signal.SIGKILL)
+        self.process.wait()
+
+
 DETAILS = plistlib.dumps({"variant": "withDetails"})
 STOPPED = '{\n  "state": "STOPPED"\n}\n'
 # A module that loads but is no plug-in.
@@ -140,14 +183,28 @@ class HostRuns(harness.ScenarioCase):
                          "a new job file is readable by everyone")
 
     @sandbox()
+    def test_a_reused_pid_is_never_taken_for_the_job(self):
+        """A record whose pid now belongs to another process (its start time differs) is not the
+        job: the state is STOPPED and a stop leaves that process alone; the job's own is stopped."""
+        bystander = subprocess.Popen(["sleep", "60"])
+        self.addCleanup(bystander.kill)
+        with open(f"/proc/{bystander.pid}/stat") as stat:
+            started = int(stat.read().rsplit(")", 1)[1].split()[19])
+        os.makedirs(os.path.dirname(RECORD))
+        for start_time, state in ((started + 1, "STOPPED"), (started, "RUNNING")):
+            pathlib.Path(RECORD).write_text(f"{bystander.pid} {start_time}\n")
+            self.assert_state(state)
+            self.velnor("stop")
+        self.assertEqual(bystander.wait(timeout=20), -15, "the job's own process gets SIGTERM")
+
+    @sandbox()
     def test_nothing_is_made_where_something_else_stands(self):
         """A file in the way of a folder or of its parent is kept and named in one line, and the
         job file names the folder asked for all the same; a dangling link is not followed."""
         os.makedirs("/Library")
-        for file in ("/srv/file", "/Library/Logs"):
+        for file in ("/srv/file", "/Library/Logs", SOCKET_DIR):
             pathlib.Path(file).write_text("keep me")
         os.symlink("/srv/nowhere", "/srv/dangling")
-        os.symlink("/srv/nowhere", SOCKET_DIR)
         kept = harness.attributes("/srv/file")
         for location, error in (("/srv/file", '"/srv/file": File exists'),
                                 ("/srv/file/child/grandchild", '"/srv/file/child": Not a directory'),
@@ -159,12 +216,125 @@ class HostRuns(harness.ScenarioCase):
             self.assertEqual(harness.read_job_file()["ProgramArguments"],
                              harness.default_arguments(location), "the job file names the folder")
         self.assertEqual(harness.attributes("/srv/file"), kept, "the file keeps its owner and mode")
-        self.assertEqual(self.velnor("idle").log[:2], [
-            f'velnor_postgres: Error trying to create socket folder {SOCKET_DIR}: could not create folder "{SOCKET_DIR}": File exists',
+        # A file at the socket folder's place counts as the folder; one above the log folder not.
+        self.assertEqual(self.velnor("idle").log[:1], [
             f'velnor_postgres: Error trying to create log folder {LOG_DIR}: could not create folder "{LOG_DIR}": Not a directory'])
         self.assertFalse(os.path.lexists("/srv/nowhere"), "a dangling link was followed")
-        self.assertEqual([open(file).read() for file in ("/srv/file", "/Library/Logs")], ["keep me"] * 2)
+        self.assertEqual([open(file).read() for file in ("/srv/file", "/Library/Logs", SOCKET_DIR)],
+                         ["keep me"] * 3)
 
+
+    @sandbox()
+    def test_another_account_cannot_hold_the_host_lock(self):
+        """nobody's flock on the lock file cannot block root: the file is root's, 0600."""
+        self.velnor("status")
+        with Holder(NOBODY_ID) as holder:
+            holder.wait_until_settled()
+            answer = self.host("status", timeout=20)
+            self.assertEqual((answer.status, answer.response), (0, {"state": "STOPPED"}))
+            self.assertIsNotNone(holder.process.poll(), "nobody could not hold the host lock")
+        self.assertEqual(harness.attributes(LOCK_FILE), regular_file(0o600, "root"), "the lock file")
+        self.assertEqual(harness.attributes(LOCK_FOLDER), harness.folder(0o755, "root"))
+
+    @sandbox()
+    def test_a_planted_lock_is_refused_and_nothing_is_done(self):
+        """A lock file that is a link or another account's, or a lock folder that another account
+        owns, makes velnor refuse with the reason, before the plug-in does anything."""
+        target = "/etc/velnor-target"
+
+        def link():
+            with open(target, "w"):
+                pass
+            os.symlink(target, LOCK_FILE)
+
+        def not_roots():
+            with open(LOCK_FILE, "w"):
+                pass
+            os.chown(LOCK_FILE, ACCOUNT_ID, ACCOUNT_ID)
+
+        def folder_not_roots():
+            os.chown(LOCK_FOLDER, ACCOUNT_ID, ACCOUNT_ID)
+
+        def folder_writable_by_all():
+            os.chmod(LOCK_FOLDER, 0o777)
+
+        rows = [
+            (link, "it is a symbolic link"),
+            (not_roots, "it belongs to uid 216, not root"),
+            (folder_not_roots, "it belongs to uid 216, not root"),
+            (folder_writable_by_all, "others may write to it"),
+        ]
+        for plant, reason in rows:
+            os.makedirs(LOCK_FOLDER, mode=0o755, exist_ok=True)
+            plant()
+            answer = self.host("start")
+            self.assertEqual(answer.status, 73, f"{plant.__name__}: {answer}")
+            self.assertIn(reason, answer.stderr, plant.__name__)
+            self.assertIn('velnor: could not ', answer.stderr, plant.__name__)
+            self.assertEqual(answer.log, [], f"{plant.__name__}: the plug-in was not called")
+            self.assertFalse(os.path.exists(SOCKET_DIR), f"{plant.__name__}: nothing was done")
+            if os.path.exists(target):
+                self.assertEqual(harness.attributes(target), regular_file(0o644, "root"))
+                os.remove(target)
+            subprocess.run(["rm", "-rf", LOCK_FOLDER], check=True)
+
+    @sandbox()
+    def test_velnor_refuses_other_accounts(self):
+        """Only root may run the host; any other account is told so before anything happens."""
+        for uid in (ACCOUNT_ID, NOBODY_ID):
+            answer = self.host("status", uid=uid)
+            self.assertEqual((answer.status, answer.stderr), (77, "velnor: must be run as root\n"))
+        self.assertFalse(os.path.exists(LOCK_FOLDER), "nothing was created")
+        help_text = subprocess.run(as_user(ACCOUNT_ID, [self.host.velnor, "--help"]), capture_output=True)
+        self.assertEqual(help_text.returncode, 0, "the help needs no root")
+
+    @sandbox()
+    def test_wait_bounds_the_wait_for_the_host_lock(self):
+        """With --wait, a lock that another velnor holds ends the run with 75, after saying that
+        it waits; without, the run goes on once the lock is free."""
+        self.velnor("status")
+        with Holder() as holder:
+            self.assertTrue(holder.wait_until_settled(), "root's holder has the lock")
+            answer = self.host("--wait", "2", "status", timeout=60)
+            self.assertEqual(answer.status, 75, answer)
+            self.assertEqual(answer.stderr,
+                             f'velnor: waiting for the host lock "{LOCK_FILE}" held by another velnor\n'
+                             f'velnor: could not take the host lock "{LOCK_FILE}": another velnor '
+                             "held it for 2 s\n")
+            self.assertGreaterEqual(answer.took, 2.0)
+            self.assertLess(answer.took, 10.0)
+        self.assertEqual(self.velnor("--wait", "2", "status").response, {"state": "STOPPED"})
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_a_silent_socket_costs_bounded_time(self):
+        """A listener of the service account's on the server's socket that never answers makes
+        the probe give up after PGCONNECT_TIMEOUT; each call still gives its ordinary answer."""
+        socket_path = SOCKET_DIR + "/.s.PGSQL.5432"
+        listener = subprocess.Popen(as_user(ACCOUNT_ID, [harness.PYTHON, "-c", SILENT_SERVER,
+                                                         socket_path]),
+                                    stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        try:
+            self.assertEqual(listener.stdout.readline(), "listening\n")
+            # Left to velnor's own default first; then low, to keep the rest quick.
+            state = self.host("status", "--details", timeout=30)
+            self.assertEqual((state.status, state.response["state"],
+                              state.response["postgresIsResponding"], state.response["PGserverVersion"]),
+                             (0, "STOPPED", False, 0), state)
+            self.assertLess(state.took, 15.0, "one probe costs at most the connect timeout")
+            quick = {"PGCONNECT_TIMEOUT": "2"}
+
+            stop = self.host("stop", environment=quick, timeout=30)
+            self.assertEqual((stop.status, stop.response, stop.log), (0, None, []), stop)
+            self.assertLess(stop.took, 10.0)
+
+            # The server takes the socket's name over as it starts.
+            start = self.host("start", environment=quick, timeout=60)
+            self.assertEqual(start.status, 0, start)
+            self.assert_started(start)
+            self.running_server()
+        finally:
+            listener.kill()
+            listener.wait()
 
 if __name__ == "__main__":
     sys.exit(harness.scenario_main(HostRuns, __file__, __doc__))

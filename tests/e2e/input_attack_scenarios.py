@@ -1,10 +1,6 @@
 #!/usr/bin/python3
 """Hostile input and interrupted writes: request files built to crash the host or to change what
-it stores, job files holding every kind of value, and writes killed at random moments.
-
-    input_attack_scenarios.py --velnor PATH --plugin PATH [--bind DIR] NAME
-    input_attack_scenarios.py --list
-"""
+it stores, job files holding every kind of value, and writes killed at random moments."""
 
 import datetime
 import glob

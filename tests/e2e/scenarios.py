@@ -2,9 +2,6 @@
 """End-to-end scenarios: the host loads the plug-in and administers a real PostgreSQL 15 server,
 each scenario in its own fresh sandbox built with the options it declares.
 
-    scenarios.py --velnor PATH --plugin PATH [--bind DIR] NAME   builds the sandbox, runs NAME in it
-    scenarios.py --list                                          the scenario names
-
 Each scenario reads the host's JSON responses (checking the kind of every value: an integer is never
 a boolean), the plug-in's log messages on standard error, and the files, processes and server
 inside the sandbox.

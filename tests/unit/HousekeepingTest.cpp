@@ -104,14 +104,6 @@ TEST_F(Housekeeping, FoldersThatCannotBeCreatedAreLoggedAndHoldNothingBack) {
     EXPECT_TRUE(platform().exists("/d/.10.7.4_log_directory_updated"));
 }
 
-TEST_F(Housekeeping, AFileInPlaceOfAFolderCountsAsPresent) {
-    platform().entries.erase("/var/pgsql_socket");
-    platform().addFile("/var/pgsql_socket");
-    platform().addFile("/Library/Logs/PostgreSQL");
-    handler.doIdleAtCount(0);
-    EXPECT_THAT(platform().callsStartingWith("createDirectory"), IsEmpty());
-}
-
 TEST_F(Housekeeping, ArgumentsWithoutAFolderFlagEndTheCallAfterTheFolderIsCreated) {
     jobFileHolds({"/usr/bin/postgres", "-c", kOld});
     EXPECT_THROW(handler.createLogDir(), std::out_of_range);
