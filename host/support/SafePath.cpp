@@ -1,7 +1,6 @@
 #include "SafePath.h"
 
 #include <fcntl.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,22 +12,20 @@
 #include "Accounts.h"
 #include "DescriptorIo.h"
 #include "PathNames.h"
+#include "TemporaryFiles.h"
 
 namespace velnor::support {
 namespace {
 
 // As many links as the kernel follows in one path before it answers ELOOP.
 constexpr int kMostLinks = 40;
-// New folders and files are the creator's alone until their attributes are set.
+// New folders are the creator's alone until their attributes are set.
 constexpr mode_t kPrivateFolderMode = 0700;
-constexpr mode_t kPrivateFileMode = 0600;
 // Without attributes a folder gets what the umask leaves of everything.
 constexpr mode_t kDefaultFolderMode = 0777;
 // Permission bits, set-id and sticky bits: the part of a mode that chmod sets.
 constexpr mode_t kPermissionBits = 07777;
 constexpr mode_t kWritableByOthers = S_IWGRP | S_IWOTH;
-// Temporary names are tried this many times before a file is given up.
-constexpr int kTemporaryNameTries = 16;
 
 std::string quoted(std::string_view text) {
     std::string result = "\"";
@@ -291,38 +288,6 @@ std::string procPath(int descriptor) {
     return "/proc/self/fd/" + std::to_string(descriptor);
 }
 
-// A name for a temporary file beside name that no one can guess.
-std::string temporaryNameFor(const std::string& name) {
-    unsigned char random[6];
-    if (getrandom(random, sizeof random, 0) != sizeof random) {
-        return "." + name + ".new";
-    }
-    std::string suffix;
-    for (unsigned char byte : random) {
-        char text[3];
-        std::snprintf(text, sizeof text, "%02x", byte);
-        suffix += text;
-    }
-    return "." + name + "." + suffix;
-}
-
-// A new temporary file in folder, the creator's alone; its name in *name.
-Result<UniqueFd> createTemporaryFile(int folder, const std::string& finalName, std::string* name) {
-    for (int attempt = 0; attempt < kTemporaryNameTries; ++attempt) {
-        *name = temporaryNameFor(finalName);
-        UniqueFd file(openat(folder, name->c_str(),
-                             O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                             kPrivateFileMode));
-        if (file.valid() || errno != EEXIST) {
-            if (!file.valid()) {
-                return Failure{errno, systemReason(errno)};
-            }
-            return file;
-        }
-    }
-    return Failure{EEXIST, systemReason(EEXIST)};
-}
-
 // Gives the open file its attributes and contents and makes them durable.
 Status fillFile(UniqueFd& file, const std::string& path, std::string_view contents,
                 const Attributes& attributes) {
@@ -402,6 +367,7 @@ Status replaceFile(const std::string& path, std::string_view contents,
     if (!folder) {
         return folder.failure();
     }
+    removeLeftTemporaries(folder->get(), name);
     std::string temporary;
     auto file = createTemporaryFile(folder->get(), name, &temporary);
     if (!file) {

@@ -1,6 +1,5 @@
 #include "WholeFile.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +10,7 @@
 
 #include "DescriptorIo.h"
 #include "PathNames.h"
+#include "TemporaryFiles.h"
 #include "UniqueFd.h"
 
 namespace velnor {
@@ -24,37 +24,45 @@ std::string replacementTarget(const std::string& path) {
     return resolved ? std::string(resolved.get()) : path;
 }
 
-// What mkostemp puts in place of "XXXXXX".
-constexpr std::size_t kTemporarySuffixLength = 6;
-
-// A temporary file that is removed again unless it has been renamed into place.
+// A temporary file beside target, removed again unless it has been renamed into place.
 class TemporaryFile {
   public:
-    explicit TemporaryFile(const std::string& target)
-        : path_(support::joinedPath(support::folderOf(target),
-                                    "." + support::lastNameOf(target) + ".XXXXXX")) {
-        fd_.reset(::mkostemp(path_.data(), O_CLOEXEC));
-        created_ = fd_.valid();
+    explicit TemporaryFile(const std::string& target) : name_(support::lastNameOf(target)) {
+        folder_.reset(
+            ::open(support::folderOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!folder_.valid()) {
+            created_ = support::Failure{errno, support::systemReason(errno)};
+            return;
+        }
+        support::removeLeftTemporaries(folder_.get(), name_);
+        created_ = support::createTemporaryFile(folder_.get(), name_, &temporary_);
     }
     ~TemporaryFile() {
-        // Without a descriptor from mkostemp the name may be someone else's file.
         if (created_ && !renamed_) {
-            ::unlink(path_.c_str());
+            ::unlinkat(folder_.get(), temporary_.c_str(), 0);
         }
     }
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
 
-    bool created() const { return created_; }
-    int fd() const { return fd_.get(); }
-    const std::string& path() const { return path_; }
-    int close() { return fd_.close(); }
-    void markRenamed() { renamed_ = true; }
+    const support::Result<support::UniqueFd>& created() const { return created_; }
+    int fd() const { return created_->get(); }
+    int close() { return created_->close(); }
+    // Renames the file over the one it replaces and makes the rename durable.
+    bool renameIntoPlace() {
+        renamed_ = ::renameat(folder_.get(), temporary_.c_str(), folder_.get(), name_.c_str()) == 0;
+        if (renamed_) {
+            // A failure here changes nothing that a reader could see, so it is not reported.
+            ::fsync(folder_.get());
+        }
+        return renamed_;
+    }
 
   private:
-    std::string path_;
-    support::UniqueFd fd_;
-    bool created_ = false;
+    std::string name_;
+    std::string temporary_;
+    support::UniqueFd folder_;
+    support::Result<support::UniqueFd> created_ = support::UniqueFd();
     bool renamed_ = false;
 };
 
@@ -67,37 +75,6 @@ bool takeOverAttributes(const TemporaryFile& file, const struct stat* old, mode_
     }
     mode_t mode = old != nullptr ? (old->st_mode & 07777) : newFileMode;
     return ::fchmod(file.fd(), mode) == 0;
-}
-
-// Removes the temporary files that writes of target killed before their rename left behind.
-// Each write has its own name, so two writers never share a file: a write that is not under
-// the host lock and loses its temporary file here fails whole, and never renames another's
-// half-written file into place.
-void removeLeftTemporaries(const std::string& target) {
-    const std::string prefix = "." + support::lastNameOf(target) + ".";
-    support::UniqueFd folder(
-        ::open(support::folderOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    DIR* listing = folder.valid() ? ::fdopendir(::dup(folder.get())) : nullptr;
-    if (listing == nullptr) {
-        return;
-    }
-    while (const struct dirent* entry = ::readdir(listing)) {
-        const std::string_view name = entry->d_name;
-        // A folder of that name stays: unlinkat without AT_REMOVEDIR refuses it.
-        if (name.size() == prefix.size() + kTemporarySuffixLength && name.starts_with(prefix)) {
-            ::unlinkat(folder.get(), entry->d_name, 0);
-        }
-    }
-    ::closedir(listing);
-}
-
-// Makes the rename itself durable. A failure here changes nothing that a reader could see, so
-// it is not reported.
-void flushFolder(const std::string& folder) {
-    support::UniqueFd fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.valid()) {
-        ::fsync(fd.get());
-    }
 }
 
 }  // namespace
@@ -133,25 +110,24 @@ support::Status replaceWholeFileAtomically(const std::string& path, std::string_
         return support::couldNot("replace", target, S_ISDIR(old.st_mode) ? EISDIR : EINVAL);
     }
 
-    removeLeftTemporaries(target);
     TemporaryFile temporary(target);
     if (!temporary.created()) {
-        return support::couldNot("create a temporary file beside", target, errno);
+        return support::couldNot("create a temporary file beside", target,
+                                 temporary.created().message(), temporary.created().error());
     }
     if (!support::writeAll(temporary.fd(), contents)) {
-        return support::couldNot("write", temporary.path(), errno);
+        return support::couldNot("write a temporary file beside", target, errno);
     }
     if (!takeOverAttributes(temporary, replacing ? &old : nullptr, newFileMode)) {
-        return support::couldNot("set the owner and mode of", temporary.path(), errno);
+        return support::couldNot("set the owner and mode of a temporary file beside", target,
+                                 errno);
     }
     if (::fsync(temporary.fd()) != 0 || temporary.close() != 0) {
-        return support::couldNot("flush", temporary.path(), errno);
+        return support::couldNot("flush a temporary file beside", target, errno);
     }
-    if (::rename(temporary.path().c_str(), target.c_str()) != 0) {
+    if (!temporary.renameIntoPlace()) {
         return support::couldNot("rename a temporary file over", target, errno);
     }
-    temporary.markRenamed();
-    flushFolder(support::folderOf(target));
     return {};
 }
 
