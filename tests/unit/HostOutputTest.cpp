@@ -39,9 +39,7 @@ TEST(HostJson, RealsDatesDataAndUidsEachHaveTheirForm) {
         {PlistValue::real(1), "1.0"},  // never mistaken for an integer
         {PlistValue::real(0.1), "0.1"},
         {PlistValue::real(-0.0), "-0.0"},
-        {PlistValue::real(1e300), "1e+300"},
         {PlistValue::real(std::numeric_limits<double>::infinity()), R"("+infinity")"},
-        {PlistValue::date(736672089), R"("2024-05-06T07:08:09Z")"},
         {PlistValue::date(736672089.25), R"("2024-05-06T07:08:09.25Z")"},
         {PlistValue::date(-3187296000), R"("1900-01-01T00:00:00Z")"},  // before 1970 too
         {PlistValue::data(std::string("\0\x01\xff", 3)), R"("AAH/")"},

@@ -1,0 +1,123 @@
+// The host support library against this machine: what only its own files, processes and
+// accounts can show.
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include "LaunchDaemon.h"
+#include "ProcessTableReader.h"
+#include "PropertyListFile.h"
+
+namespace velnor {
+namespace {
+
+// A throwaway folder, removed with everything in it when the test ends.
+struct TemporaryFolder {
+    std::string path = [] {
+        std::string pattern = "/tmp/velnor-hostlib-XXXXXX";
+        return ::mkdtemp(pattern.data()) ? pattern
+                                         : throw std::runtime_error("no temporary folder");
+    }();
+    ~TemporaryFolder() { std::filesystem::remove_all(path); }
+    std::string operator/(const std::string& name) const { return path + "/" + name; }
+};
+
+std::string fileText(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+void writeText(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// Runs check in a child process that has become the account nobody; true when check answered
+// true there.
+bool runAsNobody(const std::function<bool()>& check) {
+    const passwd* nobody = ::getpwnam("nobody");
+    if (nobody == nullptr) {
+        return false;
+    }
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(::setgroups(0, nullptr) == 0 && ::setgid(nobody->pw_gid) == 0 &&
+                        ::setuid(nobody->pw_uid) == 0 && check()
+                    ? 0
+                    : 1);
+    }
+    int status = 0;
+    return child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
+}
+
+// The library's own line behind the host, which refuses such requests first: a rewrite of the
+// launch arguments that cannot be done exactly, or at all, leaves the job file as it was.
+TEST(LaunchDaemonArguments, SetThatCannotBeDoneLeavesTheJobFileWhole) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "writing as another account needs root";
+    }
+    TemporaryFolder folder;
+    ASSERT_EQ(::chmod(folder.path.c_str(), 0755), 0);
+    const std::string jobs = folder / "LaunchDaemons";
+    ASSERT_EQ(::mkdir(jobs.c_str(), 0555), 0);
+    const std::string path = jobs + "/job.plist";
+    const PlistDictionary job{{"Label", "org.example.job"},
+                              {"ProgramArguments", PlistArray{"/old"}}};
+    ASSERT_TRUE(writePropertyListAtomically(path, PlistValue(job)));
+    ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+    const std::string old = fileText(path);
+    const struct {
+        std::string argument;
+        bool byNobody;  // in a folder that nobody may not change
+    } rows[] = {{std::string("a\0b", 3), false},
+                {"a\x01", false},
+                {"a\r", false},
+                {"\xef\xbf\xbe", false},
+                {"fine", true}};
+    for (const auto& row : rows) {
+        const auto refused = [&] {
+            return !SetLaunchDaemonServiceConfigArgs(path, {"/new", row.argument});
+        };
+        EXPECT_TRUE(row.byNobody ? runAsNobody(refused) : refused()) << row.argument;
+        EXPECT_EQ(fileText(path), old) << row.argument;
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(jobs), {}), 1)
+            << "a temporary stays";
+    }
+}
+
+// The process table read from a crafted /proc: the real one is read whenever a stop looks for
+// idle clients.
+TEST(ProcessTable, TakesOnlyProcessFoldersTheirEffectiveUidAndSkipsProcessesThatEndedMeanwhile) {
+    TemporaryFolder proc;
+    for (const char* name : {"42", "77", "0x10"}) {
+        std::filesystem::create_directory(proc / name);
+    }
+    writeText(proc / "42/status", "Name:\tpostgres\nUid:\t1000\t216\t1000\t1000\n");
+    writeText(proc / "0x10/status", "Uid:\t1\t1\t1\t1\n");
+    std::filesystem::create_directory_symlink(proc / "42", proc / "self");
+    // 77 has no status file: it ended between the listing and the read.
+
+    for (int call = 1; call <= 2; ++call) {  // the second reuses the tables of the first
+        kinfo_proc* table = nullptr;
+        std::size_t count = 0;
+        ASSERT_EQ(getProcessTableFrom(proc.path, &table, &count), 0);
+        ASSERT_EQ(count, 1u) << "call " << call;
+        EXPECT_EQ(table[0].kp_proc.p_pid, 42);
+        EXPECT_EQ(table[0].kp_eproc.e_ucred.cr_uid, 216u) << "the effective uid, not the real one";
+    }
+}
+
+}  // namespace
+}  // namespace velnor
