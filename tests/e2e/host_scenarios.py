@@ -6,6 +6,7 @@ another account trying to block or stall root's velnor through its lock or the s
 import os
 import pathlib
 import plistlib
+import shutil
 import signal
 import socket
 import subprocess
@@ -21,6 +22,12 @@ LOCK_FOLDER = "/var/run/velnor"
 LOCK_FILE = LOCK_FOLDER + "/host.lock"
 RECORD = LOCK_FOLDER + "/launchd/org.postgresql.postgres"
 NOBODY_ID = 65534
+# An idle client's title, on a program whose path begins as the server's does.
+IDLE_TITLE = "postgres: app db [local] idle"
+IDLE_PROGRAM = "/usr/bin/postgres-idle"
+# The calls with which a stop takes hold of a process, by their numbers on x86-64: pidfd_open,
+# and kill, which a stop that signals by pid alone would make.
+HOLDING_CALLS = {"pidfd_open": 434, "kill": 62}
 # A listener that takes connections into its backlog and never says a word.
 SILENT_SERVER = """
 import socket, sys
@@ -37,6 +44,20 @@ def holds_flock(pid):
     with open("/proc/locks") as locks:
         return any(fields[1:2] == ["FLOCK"] and fields[4] == str(pid)
                    for fields in (line.split() for line in locks))
+
+
+def children(pid):
+    with open(f"/proc/{pid}/task/{pid}/children") as listed:
+        return [int(child) for child in listed.read().split()]
+
+
+def syscall_of(pid):
+    """What pid is in the middle of, from /proc/PID/syscall: its number and arguments in hex."""
+    try:
+        with open(f"/proc/{pid}/syscall") as current:
+            return current.read()
+    except OSError:
+        return ""
 
 
 class Holder:
@@ -186,7 +207,8 @@ class HostRuns(harness.ScenarioCase):
     def test_a_reused_pid_is_never_taken_for_the_job(self):
         """A record whose pid now belongs to another process (its start time differs) is not the
         job: the state is STOPPED and a stop leaves that process alone; the job's own is stopped."""
-        bystander = subprocess.Popen(["sleep", "60"])
+        # Root's process even looks like an idle client: only its owner tells it apart.
+        bystander = subprocess.Popen(["bash", "-c", f'exec -a "{IDLE_TITLE}" {IDLE_PROGRAM} 60'])
         self.addCleanup(bystander.kill)
         with open(f"/proc/{bystander.pid}/stat") as stat:
             started = int(stat.read().rsplit(")", 1)[1].split()[19])
@@ -196,6 +218,30 @@ class HostRuns(harness.ScenarioCase):
             self.assert_state(state)
             self.velnor("stop")
         self.assertEqual(bystander.wait(timeout=20), -15, "the job's own process gets SIGTERM")
+
+    @sandbox()
+    def test_a_pid_reused_during_a_stop_is_never_signalled(self):
+        """An idle client of the service account ends while a stop holds its pid (a debugger holds
+        the stop there), and a process of root's takes the pid: root's is never hit."""
+        shutil.copy("/usr/bin/sleep", IDLE_PROGRAM)
+        client = subprocess.Popen(as_user(ACCOUNT_ID, ["bash", "-c", f'exec -a "{IDLE_TITLE}" {IDLE_PROGRAM} 60']))
+        harness.wait_until(lambda: harness.command_line(client.pid)[:1] == [IDLE_TITLE], "the client runs")
+        calls = ",".join(HOLDING_CALLS)
+        tracer = subprocess.Popen(["strace", "-qq", "-o", "/dev/null", "-e", f"trace={calls}",
+                                   "-e", f"inject={calls}:delay_enter=3000000", self.host.velnor,
+                                   "--plugin", self.host.plugin, "stop"], stderr=subprocess.PIPE, text=True)
+        holding = tuple(f"{number} {client.pid:#x} " for number in HOLDING_CALLS.values())
+        harness.wait_until(lambda: any(syscall_of(pid).startswith(holding) for pid in children(tracer.pid)),
+                           "the stop holds the client's pid")
+        client.kill()
+        client.wait()
+        pathlib.Path("/proc/sys/kernel/ns_last_pid").write_text(str(client.pid - 1))
+        # Root's process even looks like an idle client: only its owner tells it apart.
+        bystander = subprocess.Popen(["bash", "-c", f'exec -a "{IDLE_TITLE}" {IDLE_PROGRAM} 60'])
+        self.addCleanup(bystander.kill)
+        self.assertEqual(bystander.pid, client.pid, "root's process took the client's pid")
+        self.assertEqual(tracer.wait(timeout=60), 0, tracer.stderr.read())
+        self.assertIsNone(bystander.poll(), "the stop signalled root's process")
 
     @sandbox()
     def test_nothing_is_made_where_something_else_stands(self):

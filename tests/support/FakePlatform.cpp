@@ -144,7 +144,7 @@ support::Result<uid_t> processOwner(pid_t pid) {
     if (!process) {
         return support::couldNot("read", "/proc/" + std::to_string(pid) + "/status", ENOENT);
     }
-    return process->ownerOnceHeld.value_or(process->uid);
+    return process->uid;
 }
 
 support::Status signalProcess(const ProcessHandle& process, int signal) {

@@ -38,9 +38,6 @@ struct FakeProcess {
     uid_t uid;
     // The bytes that the process-arguments query delivers; nullopt makes the query fail.
     std::optional<std::string> argumentBytes;
-    // The owner that /proc gives once the process is held, when the pid has passed to another
-    // account's process since the table was read.
-    std::optional<uid_t> ownerOnceHeld = std::nullopt;
 };
 
 class FakePlatform {

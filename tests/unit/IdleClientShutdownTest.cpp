@@ -89,18 +89,6 @@ TEST_F(IdleClientShutdown, LeavesEveryOtherProcessAloneAndGoesOnPastUnreadableOn
     EXPECT_EQ(platform().callsStartingWith("sysctl procargs").size(), 7u);
 }
 
-TEST_F(IdleClientShutdown, LeavesAPidThatPassedToAnotherAccountAfterTheTableWasRead) {
-    FakeProcess reused = server(50, "postgres: app db [local] idle");
-    reused.ownerOnceHeld = 0;
-    platform().processes = std::vector<FakeProcess>{reused};
-    EXPECT_TRUE(handler.shutDownIdleClients());
-    EXPECT_THAT(platform().signalsSent, IsEmpty());
-    const auto& calls = platform().calls;
-    const auto held = std::find(calls.begin(), calls.end(), "openProcess 50");
-    const auto read = std::find(calls.begin(), calls.end(), "sysctl procargs 50");
-    EXPECT_TRUE(held < read && read != calls.end()) << "the process is held before it is read";
-}
-
 TEST_F(IdleClientShutdown, ArgumentsThatCannotBeMeasuredOrDoNotFitAreAFailure) {
     platform().processes = std::vector<FakeProcess>{server(40, "postgres: x idle")};
     platform().argumentMaximum = 8;
