@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 
 #include "DescriptorIo.h"
 #include "PlistNode.h"
@@ -36,6 +38,25 @@ class JobKeys {
             return {};
         }
         return *strings;
+    }
+
+    // A whole number from 1 to INT_MAX, or fallback when the key is absent.
+    int positiveNumber(const char* key, int fallback) {
+        plist_t node = plist_dict_get_item(dictionary_, key);
+        if (node == nullptr) {
+            return fallback;
+        }
+        std::uint64_t number = 0;
+        if (plist_get_node_type(node) == PLIST_UINT) {
+            plist_get_uint_val(node, &number);
+        }
+        // Negative integers come back as their two's complement, far above INT_MAX.
+        if (number == 0 || number > INT_MAX) {
+            refuse(std::string(key) + " is not a whole number from 1 to " +
+                   std::to_string(INT_MAX));
+            return fallback;
+        }
+        return static_cast<int>(number);
     }
 
     std::vector<std::pair<std::string, std::string>> textsByName(const char* key) {
@@ -107,6 +128,7 @@ support::Result<LaunchdJob> readLaunchdJob(int file, const std::string& path) {
     job.standardOutPath = keys.text("StandardOutPath");
     job.standardErrorPath = keys.text("StandardErrorPath");
     job.environmentVariables = keys.textsByName("EnvironmentVariables");
+    job.exitTimeOutSeconds = keys.positiveNumber("ExitTimeOut", kDefaultExitTimeOutSeconds);
     if (keys.failure()) {
         return *keys.failure();
     }

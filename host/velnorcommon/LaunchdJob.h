@@ -10,6 +10,9 @@
 
 namespace velnor {
 
+// How long a job has between SIGTERM and SIGKILL when its file does not say, as launchd gives it.
+constexpr int kDefaultExitTimeOutSeconds = 20;
+
 struct LaunchdJob {
     // Program, when given, is what runs; otherwise the first of ProgramArguments. Either way
     // ProgramArguments is the argument vector that the program sees.
@@ -21,11 +24,15 @@ struct LaunchdJob {
     std::optional<std::string> standardOutPath;
     std::optional<std::string> standardErrorPath;
     std::vector<std::pair<std::string, std::string>> environmentVariables;
+    // ExitTimeOut: how long a stopping job's process may take to end before it is killed.
+    int exitTimeOutSeconds = kDefaultExitTimeOutSeconds;
 };
 
 // The job that the open job file describes; path names it in messages. Fails when the file
 // cannot be read, is not a dictionary, has no ProgramArguments with at least one string, or
-// holds one of the keys above with a value of the wrong kind. Other keys, of any kind, are not
+// holds one of the keys above with a value of the wrong kind, or an ExitTimeOut that is not a
+// whole number of seconds from 1 to INT_MAX (launchd reads 0 as "never kill", which would leave a
+// stop that hangs for ever). Other keys, of any kind, are not
 // looked at.
 support::Result<LaunchdJob> readLaunchdJob(int file, const std::string& path);
 

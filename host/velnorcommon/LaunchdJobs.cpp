@@ -10,8 +10,14 @@ extern "C" {
 #include <sys/pidfd.h>
 }
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <climits>
+#include <cstdint>
+#include <ctime>
+#include <limits>
+#include <string_view>
 
 #include "HostLog.h"
 #include "LaunchdJob.h"
@@ -40,16 +46,93 @@ bool isSameRunningProcess(const StartedProcess& process) {
     return stat && stat->running() && stat->startTime == process.startTime;
 }
 
-// Reads one decimal number from the front of text, which must then go on with separator.
-template <typename Number>
-bool takeNumber(std::string_view& text, char separator, Number& number) {
-    auto [past, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (failure != std::errc() || past == text.data() || past == text.data() + text.size() ||
-        *past != separator) {
-        return false;
+std::int64_t bootClockMilliseconds() {
+    timespec now{};
+    ::clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// How long the old process may take to go once it has been sent SIGKILL.
+constexpr std::int64_t kKillSettleMilliseconds = 5000;
+
+// Waits up to milliseconds for the process to end; true once it has.
+bool awaitProcessEnd(const StartedProcess& process, std::int64_t milliseconds) {
+    // A pid descriptor becomes readable when its process ends, whoever its parent is.
+    support::UniqueFd pinned(::pidfd_open(process.pid, 0));
+    if (!pinned.valid() || !isSameRunningProcess(process)) {
+        return !isSameRunningProcess(process);
     }
-    text.remove_prefix(static_cast<std::size_t>(past - text.data()) + 1);
-    return true;
+    const std::int64_t deadline = bootClockMilliseconds() + milliseconds;
+    pollfd ending{pinned.get(), POLLIN, 0};
+    for (std::int64_t left = milliseconds; left > 0; left = deadline - bootClockMilliseconds()) {
+        const int ready =
+            ::poll(&ending, 1, static_cast<int>(std::min<std::int64_t>(left, INT_MAX)));
+        if (ready > 0 || (ready < 0 && errno != EINTR)) {
+            break;
+        }
+    }
+    return !isSameRunningProcess(process);
+}
+
+// Sends signal to the process and, with wholeGroup, to every process of the group it leads. A
+// pid descriptor pins the process, and checking the start time again through it leaves no moment
+// in which the pid could pass to another process before the signal; while its leader is pinned
+// and runs, the group's id cannot pass to another group either.
+support::Status signalJob(const StartedProcess& process, int signal, bool wholeGroup) {
+    const std::string target = "process " + std::to_string(process.pid);
+    support::UniqueFd pinned(::pidfd_open(process.pid, 0));
+    if (!pinned.valid()) {
+        if (errno == ESRCH) {
+            return {};
+        }
+        return support::couldNot("open", target, errno);
+    }
+    if (!isSameRunningProcess(process)) {
+        return {};
+    }
+    const char* name = signal == SIGKILL ? "send SIGKILL to" : "send SIGTERM to";
+    if (wholeGroup && ::getpgid(process.pid) == process.pid) {
+        if (::killpg(process.pid, signal) != 0 && errno != ESRCH) {
+            return support::couldNot(name, "the process group of " + target, errno);
+        }
+        return {};
+    }
+    if (::pidfd_send_signal(pinned.get(), signal, nullptr, 0) != 0 && errno != ESRCH) {
+        return support::couldNot(name, target, errno);
+    }
+    return {};
+}
+
+// The two or three numbers of a line "N N[ N]\n"; nothing when the text is not one.
+std::optional<std::vector<std::uint64_t>> numbersOfLine(std::string_view text) {
+    if (text.empty() || text.back() != '\n') {
+        return std::nullopt;
+    }
+    text.remove_suffix(1);
+    std::vector<std::uint64_t> numbers;
+    for (;;) {
+        std::uint64_t number = 0;
+        auto [past, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
+        if (failure != std::errc() || past == text.data()) {
+            return std::nullopt;
+        }
+        numbers.push_back(number);
+        text.remove_prefix(static_cast<std::size_t>(past - text.data()));
+        if (text.empty()) {
+            return numbers.size() >= 2 ? std::optional(numbers) : std::nullopt;
+        }
+        if (text.front() != ' ' || numbers.size() == 3) {
+            return std::nullopt;
+        }
+        text.remove_prefix(1);
+    }
+}
+
+std::optional<StartedProcess> processOfNumbers(const std::vector<std::uint64_t>& numbers) {
+    if (numbers[0] == 0 || numbers[0] > static_cast<std::uint64_t>(INT_MAX)) {
+        return std::nullopt;
+    }
+    return StartedProcess{static_cast<pid_t>(numbers[0]), numbers[1]};
 }
 
 struct JobFile {
@@ -80,24 +163,44 @@ std::optional<JobFile> findJobFile(const std::vector<std::string>& folders,
 
 }  // namespace
 
-std::string formatJobRecord(const StartedProcess& process) {
-    return std::to_string(process.pid) + " " + std::to_string(process.startTime) + "\n";
+std::string formatJobRecord(const JobRecord& record) {
+    return std::to_string(record.process.pid) + " " + std::to_string(record.process.startTime) +
+           " " + std::to_string(record.exitTimeOutSeconds) + "\n";
 }
 
-std::optional<StartedProcess> parseJobRecord(const std::string& text) {
-    std::string_view rest = text;
-    StartedProcess process{};
-    if (!takeNumber(rest, ' ', process.pid) || !takeNumber(rest, '\n', process.startTime) ||
-        !rest.empty() || process.pid <= 0) {
+std::optional<JobRecord> parseJobRecord(const std::string& text) {
+    const auto numbers = numbersOfLine(text);
+    const auto process = numbers ? processOfNumbers(*numbers) : std::nullopt;
+    if (!process) {
         return std::nullopt;
     }
-    return process;
+    if (numbers->size() == 2) {
+        return JobRecord{*process, kDefaultExitTimeOutSeconds};
+    }
+    const std::uint64_t exitTimeOut = (*numbers)[2];
+    if (exitTimeOut == 0 || exitTimeOut > static_cast<std::uint64_t>(INT_MAX)) {
+        return std::nullopt;
+    }
+    return JobRecord{*process, static_cast<int>(exitTimeOut)};
 }
 
-LaunchdJobs::LaunchdJobs(Folders folders, FailureLog log, int stopGraceMilliseconds)
-    : folders_(std::move(folders)),
-      log_(std::move(log)),
-      stopGraceMilliseconds_(stopGraceMilliseconds) {}
+std::string formatStopMark(const StopMark& mark) {
+    return std::to_string(mark.process.pid) + " " + std::to_string(mark.process.startTime) + " " +
+           std::to_string(mark.killAtMilliseconds) + "\n";
+}
+
+std::optional<StopMark> parseStopMark(const std::string& text) {
+    const auto numbers = numbersOfLine(text);
+    const auto process = numbers ? processOfNumbers(*numbers) : std::nullopt;
+    if (!process || numbers->size() != 3 ||
+        (*numbers)[2] > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+        return std::nullopt;
+    }
+    return StopMark{*process, static_cast<std::int64_t>((*numbers)[2])};
+}
+
+LaunchdJobs::LaunchdJobs(Folders folders, FailureLog log)
+    : folders_(std::move(folders)), log_(std::move(log)) {}
 
 LaunchdJobs LaunchdJobs::onThisMachine() {
     return LaunchdJobs(
@@ -109,42 +212,64 @@ std::string LaunchdJobs::recordPath(const std::string& label) const {
     return folders_.recordFolder + "/" + label;
 }
 
-std::string LaunchdJobs::stoppingPath(const std::string& label) const {
+std::string LaunchdJobs::stopMarkPath(const std::string& label) const {
     return recordPath(label) + ".stopping";
 }
 
-bool LaunchdJobs::wasAskedToStop(const std::string& label, const StartedProcess& process) const {
-    const auto text = readWholeFile(stoppingPath(label));
-    const auto stopping = text ? parseJobRecord(*text) : std::nullopt;
-    return stopping && stopping->pid == process.pid && stopping->startTime == process.startTime;
+std::optional<JobRecord> LaunchdJobs::runningJob(const std::string& label) const {
+    const auto text = readWholeFile(recordPath(label));
+    auto record = text ? parseJobRecord(*text) : std::nullopt;
+    if (!record || !isSameRunningProcess(record->process)) {
+        return std::nullopt;
+    }
+    return record;
 }
 
-bool LaunchdJobs::awaitEnd(const std::string& label, const StartedProcess& process) const {
-    // A pid descriptor becomes readable when its process ends, whoever its parent is.
-    support::UniqueFd pinned(::pidfd_open(process.pid, 0));
-    if (pinned.valid() && isSameRunningProcess(process)) {
-        pollfd ending{pinned.get(), POLLIN, 0};
-        while (::poll(&ending, 1, stopGraceMilliseconds_) < 0 && errno == EINTR) {
-        }
+std::optional<StopMark> LaunchdJobs::stopMarkOf(const std::string& label,
+                                                const StartedProcess& process) const {
+    const auto text = readWholeFile(stopMarkPath(label));
+    auto mark = text ? parseStopMark(*text) : std::nullopt;
+    if (!mark || mark->process != process) {
+        return std::nullopt;
     }
-    if (!isSameRunningProcess(process)) {
-        return true;
+    return mark;
+}
+
+bool LaunchdJobs::kill(const std::string& label, const StopMark& mark) const {
+    // What is left of the job goes with its process: the group it leads.
+    if (auto killed = signalJob(mark.process, SIGKILL, true); !killed) {
+        return refuse("stop", label, killed.message());
     }
-    return refuse("start", label,
-                  "its process (pid " + std::to_string(process.pid) + ") is still stopping after " +
-                      std::to_string(stopGraceMilliseconds_) + " ms");
+    log_("job " + label + " did not end in time after SIGTERM: sent SIGKILL to process " +
+         std::to_string(mark.process.pid) + " and its process group");
+    if (!awaitProcessEnd(mark.process, kKillSettleMilliseconds)) {
+        return refuse("stop", label,
+                      "its process (pid " + std::to_string(mark.process.pid) +
+                          ") is still there after SIGKILL");
+    }
+    return true;
+}
+
+bool LaunchdJobs::killWhenOverdue(const std::string& label, const StopMark& mark) const {
+    return bootClockMilliseconds() < mark.killAtMilliseconds || kill(label, mark);
+}
+
+bool LaunchdJobs::awaitEndOrKill(const std::string& label, const StopMark& mark) const {
+    const std::int64_t left = mark.killAtMilliseconds - bootClockMilliseconds();
+    return awaitProcessEnd(mark.process, std::max<std::int64_t>(left, 0)) || kill(label, mark);
 }
 
 bool LaunchdJobs::start(const std::string& label) {
     if (!isUsableLabel(label)) {
         return refuse("start", label, "the label is not a file name");
     }
-    if (auto process = runningProcess(label)) {
-        if (!wasAskedToStop(label, *process)) {
+    if (auto running = runningJob(label)) {
+        auto mark = stopMarkOf(label, running->process);
+        if (!mark) {
             return true;
         }
-        // launchd starts a job that is being removed only once its process has gone.
-        if (!awaitEnd(label, *process)) {
+        // launchd starts a job that is being stopped only once its process has gone.
+        if (!awaitEndOrKill(label, *mark)) {
             return false;
         }
     }
@@ -174,7 +299,7 @@ bool LaunchdJobs::start(const std::string& label) {
     std::optional<support::Failure> recordFailure;
     // The record is written before the program runs, so that no job ever runs unrecorded.
     LaunchOutcome outcome = launchDetached(*plan, [&](const StartedProcess& process) {
-        auto written = writeRecord(label, process);
+        auto written = writeRecord(label, {process, job->exitTimeOutSeconds});
         recorded = written.ok();
         if (!recorded) {
             recordFailure = written.failure();
@@ -182,7 +307,7 @@ bool LaunchdJobs::start(const std::string& label) {
         return recorded;
     });
     if (outcome.executed) {
-        ::unlink(stoppingPath(label).c_str());
+        ::unlink(stopMarkPath(label).c_str());
         return true;
     }
     if (recorded) {
@@ -195,20 +320,27 @@ bool LaunchdJobs::stop(const std::string& label) {
     if (!isUsableLabel(label)) {
         return refuse("stop", label, "the label is not a file name");
     }
-    if (!findJobFile(folders_.jobFolders, label)) {
-        return refuse("stop", label, "there is no job file " + label + ".plist");
-    }
-    auto process = runningProcess(label);
-    if (!process) {
+    // The running job is stopped by its record, whatever has become of its file since.
+    auto running = runningJob(label);
+    if (!running) {
+        if (!findJobFile(folders_.jobFolders, label)) {
+            return refuse("stop", label, "there is no job file " + label + ".plist");
+        }
         return true;
     }
-    if (auto signalled = signalToStop(*process); !signalled) {
+    // A second stop does not put the first one's deadline off.
+    if (auto mark = stopMarkOf(label, running->process)) {
+        return killWhenOverdue(label, *mark);
+    }
+    if (auto signalled = signalJob(running->process, SIGTERM, false); !signalled) {
         return refuse("stop", label, signalled.message());
     }
-    // Remembered so that a start can tell a job winding down from one that runs. Should the
-    // mark not be written, a start right after this stop finds the job still running.
-    if (auto marked = replaceWholeFileAtomically(stoppingPath(label), formatJobRecord(*process),
-                                                 kRecordFileMode);
+    const StopMark mark{running->process,
+                        bootClockMilliseconds() + std::int64_t{running->exitTimeOutSeconds} * 1000};
+    // Should the mark not be written, a start right after this stop finds the job still running,
+    // and nothing kills it should it not end.
+    if (auto marked =
+            replaceWholeFileAtomically(stopMarkPath(label), formatStopMark(mark), kRecordFileMode);
         !marked) {
         log_(support::couldNot("mark as stopping job", label, marked.message()).message);
     }
@@ -216,23 +348,21 @@ bool LaunchdJobs::stop(const std::string& label) {
 }
 
 bool LaunchdJobs::isRunning(const std::string& label) const {
-    return isUsableLabel(label) && runningProcess(label).has_value();
+    if (!isUsableLabel(label)) {
+        return false;
+    }
+    auto running = runningJob(label);
+    if (!running) {
+        return false;
+    }
+    if (auto mark = stopMarkOf(label, running->process)) {
+        killWhenOverdue(label, *mark);
+        return isSameRunningProcess(running->process);
+    }
+    return true;
 }
 
-std::optional<StartedProcess> LaunchdJobs::runningProcess(const std::string& label) const {
-    const auto text = readWholeFile(recordPath(label));
-    if (!text) {
-        return std::nullopt;
-    }
-    auto process = parseJobRecord(*text);
-    if (!process || !isSameRunningProcess(*process)) {
-        return std::nullopt;
-    }
-    return process;
-}
-
-support::Status LaunchdJobs::writeRecord(const std::string& label,
-                                         const StartedProcess& process) const {
+support::Status LaunchdJobs::writeRecord(const std::string& label, const JobRecord& record) const {
     // Root's own, so that no other account can put anything in place of a record.
     const support::Attributes folderAttributes{
         kRecordFolderMode, ::geteuid(), ::getegid(),
@@ -240,27 +370,7 @@ support::Status LaunchdJobs::writeRecord(const std::string& label,
     if (auto folder = support::createFolders(folders_.recordFolder, folderAttributes); !folder) {
         return folder;
     }
-    return replaceWholeFileAtomically(recordPath(label), formatJobRecord(process), kRecordFileMode);
-}
-
-support::Status LaunchdJobs::signalToStop(const StartedProcess& process) const {
-    const std::string target = "process " + std::to_string(process.pid);
-    // A pid descriptor pins one process. Checking the start time again through it leaves no
-    // moment in which the pid could pass to another process before the signal.
-    support::UniqueFd pinned(::pidfd_open(process.pid, 0));
-    if (!pinned.valid()) {
-        if (errno == ESRCH) {
-            return {};
-        }
-        return support::couldNot("open", target, errno);
-    }
-    if (!isSameRunningProcess(process)) {
-        return {};
-    }
-    if (::pidfd_send_signal(pinned.get(), SIGTERM, nullptr, 0) != 0 && errno != ESRCH) {
-        return support::couldNot("send SIGTERM to", target, errno);
-    }
-    return {};
+    return replaceWholeFileAtomically(recordPath(label), formatJobRecord(record), kRecordFileMode);
 }
 
 bool LaunchdJobs::refuse(const char* action, const std::string& label,

@@ -4,11 +4,20 @@
 //
 // A job is found by its label as LABEL.plist in the job folders, searched in order; as launchd
 // does, it is run only when the file and every folder above it are owned by root and not
-// writable by group or others. Its record is the file LABEL in the record folder, holding
-// "PID STARTTIME\n": the pid and the start time that /proc/PID/stat gave the process, so that a
-// later process that reuses the pid is never taken for the job.
+// writable by group or others. Once started, a job is known by its record, the file LABEL in the
+// record folder, holding "PID STARTTIME EXITTIMEOUT\n": the pid and the start time that
+// /proc/PID/stat gave the process, so that a later process that reuses the pid is never taken
+// for the job, and the job's ExitTimeOut in seconds. The record alone answers for the running
+// job: its file may be rewritten or removed meanwhile, and the next start reads it as it is then.
+//
+// A stop is launchd's: SIGTERM now, and SIGKILL to the job's processes once its ExitTimeOut has
+// passed. The stop leaves the mark LABEL.stopping beside the record, "PID STARTTIME KILLAT\n",
+// KILLAT being the boot clock's milliseconds (CLOCK_BOOTTIME) by which the process must have
+// ended; nothing here runs between calls, so whichever call first finds that moment passed sends
+// the SIGKILL.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -19,6 +28,18 @@
 
 namespace velnor {
 
+// What the record of a started job holds.
+struct JobRecord {
+    StartedProcess process;
+    int exitTimeOutSeconds;
+};
+
+// What the mark of a job asked to stop holds.
+struct StopMark {
+    StartedProcess process;
+    std::int64_t killAtMilliseconds;  // CLOCK_BOOTTIME
+};
+
 class LaunchdJobs {
   public:
     struct Folders {
@@ -28,56 +49,59 @@ class LaunchdJobs {
     // Receives one line for each failure, without the log prefix.
     using FailureLog = std::function<void(const std::string& message)>;
 
-    // How long a start waits, by default, for a stopping job's process to end.
-    static constexpr int kDefaultStopGraceMilliseconds = 10000;
-
-    LaunchdJobs(Folders folders, FailureLog log,
-                int stopGraceMilliseconds = kDefaultStopGraceMilliseconds);
+    LaunchdJobs(Folders folders, FailureLog log);
 
     // The machine's jobs: /System/Library/LaunchDaemons, then /Library/LaunchDaemons, records
     // under /var/run/velnor/launchd, failures to the system log.
     static LaunchdJobs onThisMachine();
 
-    // True at once when the job runs; otherwise true once its program has been executed (it
-    // may end at any time after that). A job that was asked to stop and is still winding down
-    // does not count as running: its process is awaited for up to the stop grace time, then the job
-    // is started afresh, as launchd does for a job that is being removed. False, with the reason
-    // logged, when the label is not a file name, the job file is missing or unusable, an account is
-    // unknown, the program cannot be executed or its record cannot be written; no record is then
-    // left.
+    // True at once when the job runs and was not asked to stop; otherwise true once its program
+    // has been executed (it may end at any time after that). A job asked to stop whose process
+    // is still winding down is started once that process has gone, as launchd does: the start
+    // waits for it until the stop's ExitTimeOut has passed, then kills what is left of it. False,
+    // with the reason logged, when the label is not a file name, the old process survives
+    // SIGKILL, the job file is missing or unusable, an account is unknown, the program cannot be
+    // executed or its record cannot be written; no record is then left.
     bool start(const std::string& label);
 
-    // Sends SIGTERM to the job's process without waiting for it to end, and remembers that it
-    // was asked to stop (the file LABEL.stopping beside the record). True also when the job
-    // does not run. False, with the reason logged, when there is no job file or the signal
-    // cannot be sent.
+    // Sends SIGTERM to the job's process without waiting for it to end, and marks the job as
+    // stopping with the moment its ExitTimeOut ends. A job already stopping keeps its first
+    // deadline (and is killed when that has passed). True also when the job does not run. False,
+    // with the reason logged, when the job neither runs nor has a job file, or the signal cannot
+    // be sent.
     bool stop(const std::string& label);
 
-    // True when the recorded process still runs: same pid, same start time, not a zombie.
+    // True while the recorded process still runs (same pid, same start time, not a zombie),
+    // stopping included. A stopping job found past its deadline is killed first.
     bool isRunning(const std::string& label) const;
 
     std::string recordPath(const std::string& label) const;
 
   private:
-    std::string stoppingPath(const std::string& label) const;
-    // True when this very process was asked to stop.
-    bool wasAskedToStop(const std::string& label, const StartedProcess& process) const;
-    // Waits up to the grace time for the process to end. False, with the reason logged, when
-    // it is still there.
-    bool awaitEnd(const std::string& label, const StartedProcess& process) const;
-    std::optional<StartedProcess> runningProcess(const std::string& label) const;
-    support::Status writeRecord(const std::string& label, const StartedProcess& process) const;
-    support::Status signalToStop(const StartedProcess& process) const;
+    std::string stopMarkPath(const std::string& label) const;
+    std::optional<JobRecord> runningJob(const std::string& label) const;
+    // The mark of this very process, when it was asked to stop.
+    std::optional<StopMark> stopMarkOf(const std::string& label,
+                                       const StartedProcess& process) const;
+    // Kills the process when its deadline has passed. False, with the reason logged, when it
+    // could not be killed.
+    bool killWhenOverdue(const std::string& label, const StopMark& mark) const;
+    // Waits for the process until its deadline, then kills it. False, with the reason logged,
+    // when it is still there.
+    bool awaitEndOrKill(const std::string& label, const StopMark& mark) const;
+    bool kill(const std::string& label, const StopMark& mark) const;
+    support::Status writeRecord(const std::string& label, const JobRecord& record) const;
     bool refuse(const char* action, const std::string& label, const std::string& why) const;
 
     Folders folders_;
     FailureLog log_;
-    int stopGraceMilliseconds_;
 };
 
-// The text of a record, and the process that a record's text names (nothing when the text is
-// not a record).
-std::string formatJobRecord(const StartedProcess& process);
-std::optional<StartedProcess> parseJobRecord(const std::string& text);
+// The text of a record or mark, and what a text holds (nothing when it is not one). A record
+// written before records held the ExitTimeOut ("PID STARTTIME\n") is read with the default.
+std::string formatJobRecord(const JobRecord& record);
+std::optional<JobRecord> parseJobRecord(const std::string& text);
+std::string formatStopMark(const StopMark& mark);
+std::optional<StopMark> parseStopMark(const std::string& text);
 
 }  // namespace velnor
