@@ -45,32 +45,37 @@ support::Status clearStaleSocket(int folder, const std::string& name, const std:
     return {};
 }
 
+// Binds under a temporary name and renames the socket into place once it listens, so that a
+// client that finds the socket finds it answering.
 Result<UniqueFd> bindSocket(int folder, const std::string& path) {
     UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!listener.valid()) {
         return couldNot("create", path, errno);
     }
+    const std::string name = support::lastNameOf(path);
+    const std::string temporaryName = "." + name + "." + std::to_string(getpid());
+    const std::string temporaryPath = support::joinedPath(support::folderOf(path), temporaryName);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path)) {
+    if (temporaryPath.size() >= sizeof(address.sun_path)) {
         return couldNot("bind", path, "the path is too long for a socket", ENAMETOOLONG);
     }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    std::memcpy(address.sun_path, temporaryPath.c_str(), temporaryPath.size() + 1);
+    unlinkat(folder, temporaryName.c_str(), 0);
     // Created 0600 from the start: no moment in which another account could connect.
     mode_t previous = umask(0777 & ~kSocketMode);
     int bound = bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
     int error = errno;
     umask(previous);
     if (bound != 0) {
-        return couldNot("bind", path, error);
+        return couldNot("bind", temporaryPath, error);
     }
-    const std::string name = support::lastNameOf(path);
-    if (fchmodat(folder, name.c_str(), kSocketMode, 0) != 0 ||
-        fchownat(folder, name.c_str(), 0, 0, AT_SYMLINK_NOFOLLOW) != 0) {
-        return couldNot("set the mode of", path, errno);
-    }
-    if (listen(listener.get(), kListenBacklog) != 0) {
-        return couldNot("listen on", path, errno);
+    if (fchmodat(folder, temporaryName.c_str(), kSocketMode, 0) != 0 ||
+        listen(listener.get(), kListenBacklog) != 0 ||
+        renameat(folder, temporaryName.c_str(), folder, name.c_str()) != 0) {
+        error = errno;
+        unlinkat(folder, temporaryName.c_str(), 0);
+        return couldNot("listen on", path, error);
     }
     return listener;
 }
