@@ -138,9 +138,9 @@ support::Status ControlServer::serve(int stopRequested) {
 void ControlServer::close() {
     listener_.reset();
     for (auto& connection : connections_) {
-        // Wakes a thread that waits for its client's next request; one that waits for its call
-        // gets the worker's answer first.
-        shutdown(connection->socket.get(), SHUT_RDWR);
+        // Wakes a thread that waits for its client's next request; one whose call has just
+        // finished can still write its answer.
+        shutdown(connection->socket.get(), SHUT_RD);
     }
     for (auto& connection : connections_) {
         connection->thread.join();
