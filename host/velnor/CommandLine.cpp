@@ -8,8 +8,8 @@ namespace velnor::host {
 namespace {
 
 constexpr std::string_view kUsage =
-    "usage: velnor [--plugin PATH] [--json] [--wait SECONDS] call OPERATION [ARGUMENT]\n"
-    "       velnor [--plugin PATH] [--json] [--wait SECONDS]\n"
+    "usage: velnor [--direct] [--plugin PATH] [--json] [--wait SECONDS] call OPERATION [ARGUMENT]\n"
+    "       velnor [--direct] [--plugin PATH] [--json] [--wait SECONDS]\n"
     "              status [--details] | start | stop | restart | settings [KEY=VALUE ...]\n"
     "              | setup [--data-location DIR | --upgrade] | log-path | idle\n"
     "       velnor --help\n";
@@ -17,13 +17,15 @@ constexpr std::string_view kUsage =
 constexpr std::string_view kHelp =
     "velnor loads a service plug-in and runs one of its operations.\n"
     "\n"
-    "usage: velnor [--plugin PATH] [--json] [--wait SECONDS] call OPERATION [ARGUMENT]\n"
-    "       velnor [--plugin PATH] [--json] [--wait SECONDS] COMMAND [OPTIONS]\n"
+    "usage: velnor [--direct] [--plugin PATH] [--json] [--wait SECONDS] call OPERATION [ARGUMENT]\n"
+    "       velnor [--direct] [--plugin PATH] [--json] [--wait SECONDS] COMMAND [OPTIONS]\n"
     "       velnor --help\n"
     "\n"
     "Options (before the command):\n"
+    "  --direct        load the plug-in and run the operation in this process even when\n"
+    "                  velnord answers on /run/velnor/velnord.sock\n"
     "  --plugin PATH   the plug-in module to load; else $VELNOR_PLUGIN, else the installed\n"
-    "                  module, else the one in the build tree\n"
+    "                  module, else the one in the build tree (velnord uses its own)\n"
     "  --json          print responses as JSON (an absent response prints null)\n"
     "  --wait SECONDS  give up when another velnor holds the host lock that long (exit 75);\n"
     "                  without it, wait as long as it takes\n"
@@ -62,6 +64,8 @@ constexpr std::string_view kHelp =
     "  75  another velnor held the host lock for all of --wait\n"
     "  77  velnor was not run as root\n"
     "\n"
+    "When velnord answers on its control socket, velnor sends the call there and loads\n"
+    "nothing; else, or with --direct, it runs the call itself.\n"
     "Only root may run velnor. Every operation runs under an exclusive lock on\n"
     "/var/run/velnor/host.lock, so two velnor processes never run plug-in operations at the same\n"
     "time. The plug-in's log messages also appear on standard error.\n"
@@ -266,6 +270,8 @@ support::Result<Command> parseCommandLine(std::span<const std::string_view> argu
         }
         if (option == "--json") {
             command.json = true;
+        } else if (option == "--direct") {
+            command.direct = true;
         } else if (isOption(option, kWaitOption)) {
             command.lockWait = parseSeconds(optionValue(option, kWaitOption, cursor));
             if (!command.lockWait) {

@@ -31,6 +31,8 @@ struct Command {
     bool help = false;
     std::optional<std::string> pluginPath;
     bool json = false;
+    // Run in this process even when the daemon answers.
+    bool direct = false;
     // How long to wait for a host lock that another host holds; nothing: as long as it takes.
     std::optional<std::chrono::seconds> lockWait;
     // Friendly verbs print the response in the short human form; `call` as a property list.

@@ -44,27 +44,6 @@ std::string untrustedFileBecause(const struct stat& status) {
     return status.st_nlink != 1 ? "it has other names (hard links)" : "";
 }
 
-// Opens the folder, creating it when missing; the mode is set explicitly because the umask
-// may have narrowed it.
-Result<UniqueFd> openLockFolder(const std::string& folder) {
-    const bool created = mkdir(folder.c_str(), kLockFolderMode) == 0;
-    if (!created && errno != EEXIST) {
-        return couldNot("create the host lock folder", folder, errno);
-    }
-    UniqueFd descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    struct stat status;
-    if (!descriptor.valid() || fstat(descriptor.get(), &status) != 0) {
-        return couldNot("open the host lock folder", folder, errno);
-    }
-    if (std::string reason = untrustedFolderBecause(status); !reason.empty()) {
-        return couldNot("open the host lock folder", folder, reason, EPERM);
-    }
-    if (created && fchmod(descriptor.get(), kLockFolderMode) != 0) {
-        return couldNot("set the mode of the host lock folder", folder, errno);
-    }
-    return descriptor;
-}
-
 // Opens the lock file in its folder, creating it when missing, never through a link. A file
 // that an older host left readable by all gets its mode: read access is all flock needs.
 Result<UniqueFd> openLockFile(int folder, const std::string& path) {
@@ -157,13 +136,33 @@ Status takeLock(int descriptor, const std::string& path, const LockWait& wait) {
 
 }  // namespace
 
+Result<UniqueFd> openRootOnlyFolder(const std::string& folder, std::string_view name) {
+    const bool created = mkdir(folder.c_str(), kLockFolderMode) == 0;
+    if (!created && errno != EEXIST) {
+        return couldNot("create the " + std::string(name), folder, errno);
+    }
+    UniqueFd descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat status;
+    if (!descriptor.valid() || fstat(descriptor.get(), &status) != 0) {
+        return couldNot("open the " + std::string(name), folder, errno);
+    }
+    if (std::string reason = untrustedFolderBecause(status); !reason.empty()) {
+        return couldNot("open the " + std::string(name), folder, reason, EPERM);
+    }
+    if (created && fchmod(descriptor.get(), kLockFolderMode) != 0) {
+        return couldNot("set the mode of the " + std::string(name), folder, errno);
+    }
+    return descriptor;
+}
+
 std::string hostLockPath(const char* environment) {
     return environment != nullptr && *environment != '\0' ? environment : kDefaultHostLockPath;
 }
 
 Result<HostLock> HostLock::acquire(const std::string& path, const LockWait& wait) {
     std::string folderPath = std::filesystem::path(path).parent_path().string();
-    Result<UniqueFd> folder = openLockFolder(folderPath.empty() ? "." : folderPath);
+    Result<UniqueFd> folder =
+        openRootOnlyFolder(folderPath.empty() ? "." : folderPath, "host lock folder");
     if (!folder) {
         return folder.failure();
     }

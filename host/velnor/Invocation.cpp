@@ -67,11 +67,19 @@ bool argumentFitsStyle(OperationStyle style, const OperationArgument& argument) 
     return false;
 }
 
-Outcome runOperation(const PluginDescriptor& plugin, const HostOperation& operation,
-                     const OperationArgument& argument) {
-    Outcome outcome;
+std::optional<std::string> initializePlugin(const PluginDescriptor& plugin) {
     try {
         plugin.initialize();
+    } catch (...) {
+        return describeCurrentException();
+    }
+    return std::nullopt;
+}
+
+Outcome callWithNewHandler(const PluginDescriptor& plugin, const HostOperation& operation,
+                           const OperationArgument& argument) {
+    Outcome outcome;
+    try {
         std::unique_ptr<PluginRequestHandler> handler = plugin.createHandler();
         if (!handler) {
             outcome.failure = "the plug-in created no handler";
@@ -83,6 +91,16 @@ Outcome runOperation(const PluginDescriptor& plugin, const HostOperation& operat
         outcome.failure = describeCurrentException();
     }
     return outcome;
+}
+
+Outcome runOperation(const PluginDescriptor& plugin, const HostOperation& operation,
+                     const OperationArgument& argument) {
+    if (std::optional<std::string> failure = initializePlugin(plugin)) {
+        Outcome outcome;
+        outcome.failure = std::move(*failure);
+        return outcome;
+    }
+    return callWithNewHandler(plugin, operation, argument);
 }
 
 int exitStatusFor(const Outcome& outcome) {

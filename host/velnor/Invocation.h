@@ -2,6 +2,7 @@
 // came of it, with whatever the plug-in threw caught and named instead of ending the host.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "CommandLine.h"
@@ -23,6 +24,14 @@ struct Outcome {
 // True when the argument is of the kind that an operation of this style takes: a request
 // dictionary, a variant (string or absent) or a count.
 bool argumentFitsStyle(OperationStyle style, const OperationArgument& argument);
+
+// Runs the descriptor's class hook; what it threw, named as in Outcome::failure, or nothing.
+std::optional<std::string> initializePlugin(const PluginDescriptor& plugin);
+
+// Creates a handler and calls the operation with the argument, which must fit the operation's
+// style; the class hook has run already. Anything thrown ends in an outcome that did not answer.
+Outcome callWithNewHandler(const PluginDescriptor& plugin, const HostOperation& operation,
+                           const OperationArgument& argument);
 
 // Runs the descriptor's initialize, creates a handler and calls the operation with the
 // argument, which must fit the operation's style. Anything thrown on the way, std::exception

@@ -11,7 +11,10 @@
 #include <vector>
 
 #include "CommandLine.h"
+#include "ControlProtocol.h"
+#include "DaemonClient.h"
 #include "ExitStatus.h"
+#include "HostEnvironment.h"
 #include "HostLock.h"
 #include "Invocation.h"
 #include "Output.h"
@@ -20,13 +23,6 @@
 
 namespace velnor::host {
 namespace {
-
-// Where the platform's libpq looks for the server's socket when nothing says otherwise; the
-// Linux libpq has another default, so the host makes it explicit for the plug-in's probe.
-constexpr const char* kDefaultPostgresSocketFolder = "/var/pgsql_socket";
-// Seconds the probe waits for the server to answer: a socket that takes connections and never
-// answers would otherwise hold the call, and the host lock, for ever.
-constexpr const char* kDefaultPostgresConnectTimeout = "5";
 
 void complain(const std::string& message) {
     std::fprintf(stderr, "velnor: %s\n", message.c_str());
@@ -48,25 +44,13 @@ std::string pluginPathFor(const Command& command) {
                             VELNOR_INSTALLED_PLUGIN, VELNOR_BUILD_TREE_PLUGIN, fileExists);
 }
 
-const char* styleName(OperationStyle style) {
-    switch (style) {
-        case OperationStyle::Request:
-            return "request";
-        case OperationStyle::Service:
-            return "service";
-        case OperationStyle::Idle:
-            return "idle";
-    }
-    return "unknown";
-}
-
 // The argument the operation is called with, or nothing with the exit status in status: the
 // raw argument of `call` read as the operation's style asks, or the friendly verb's prepared
 // one when the plug-in's operation takes that kind.
-std::optional<OperationArgument> argumentFor(const Command& command, const HostOperation& operation,
+std::optional<OperationArgument> argumentFor(const Command& command, OperationStyle style,
                                              int* status) {
     if (const RawArgument* raw = std::get_if<RawArgument>(&command.argument)) {
-        if (operation.style == OperationStyle::Request) {
+        if (style == OperationStyle::Request) {
             support::Result<PlistDictionary> request = readRequest(raw->text);
             if (!request) {
                 complain(request.message());
@@ -75,15 +59,15 @@ std::optional<OperationArgument> argumentFor(const Command& command, const HostO
             }
             return OperationArgument(std::move(*request));
         }
-        support::Result<OperationArgument> argument = interpretRawArgument(operation.style, *raw);
+        support::Result<OperationArgument> argument = interpretRawArgument(style, *raw);
         if (!argument) {
             *status = usageError(argument.message());
             return std::nullopt;
         }
         return std::move(*argument);
     }
-    if (!argumentFitsStyle(operation.style, command.argument)) {
-        complain("the plug-in's " + command.operation + " is a " + styleName(operation.style) +
+    if (!argumentFitsStyle(style, command.argument)) {
+        complain("the plug-in's " + command.operation + " is a " + styleName(style) +
                  " operation, which this command cannot call");
         *status = kExitUnavailable;
         return std::nullopt;
@@ -123,15 +107,23 @@ bool print(const std::string& text) {
     return std::fflush(stdout) == 0 && written;
 }
 
-int run(const Command& command) {
-    // The operations create folders for the service account, rewrite the job file and signal
-    // the server: nothing of it is tried, and no lock taken, for anyone else.
-    if (geteuid() != 0) {
-        complain("must be run as root");
-        return kExitNotRoot;
+// What came of the call, printed; its exit status.
+int report(const Command& command, const Outcome& outcome) {
+    if (!outcome.answered) {
+        complain(command.operation + " ended without a response: " + outcome.failure);
+        return exitStatusFor(outcome);
     }
-    setenv("PGHOST", kDefaultPostgresSocketFolder, /*overwrite=*/0);
-    setenv("PGCONNECT_TIMEOUT", kDefaultPostgresConnectTimeout, /*overwrite=*/0);
+    if (!print(formatResponse(outcome.result, outputFormFor(command)))) {
+        complain(
+            velnor::support::couldNot("write the response to", "standard output", errno).message);
+        return kExitOutputFailed;
+    }
+    return exitStatusFor(outcome);
+}
+
+// Loads the plug-in and runs the call in this process, under the host lock.
+int runInProcess(const Command& command) {
+    setDefaultPostgresEnvironment();
     // Before the module is even loaded, so that everything the plug-in logs also reaches
     // whoever runs the host.
     openlog("velnor", LOG_PERROR | LOG_PID, LOG_DAEMON);
@@ -147,7 +139,7 @@ int run(const Command& command) {
         return usageError("the plug-in has no operation \"" + command.operation + "\"");
     }
     int status = kExitNormal;
-    std::optional<OperationArgument> argument = argumentFor(command, *operation, &status);
+    std::optional<OperationArgument> argument = argumentFor(command, operation->style, &status);
     if (!argument) {
         return status;
     }
@@ -155,16 +147,49 @@ int run(const Command& command) {
     if (!outcome) {
         return status;
     }
-    if (!outcome->answered) {
-        complain(command.operation + " ended without a response: " + outcome->failure);
-        return exitStatusFor(*outcome);
+    return report(command, *outcome);
+}
+
+// Prints one log message of the call as the in-process host's log does on standard error.
+void printLogMessage(const std::string& message) {
+    std::fprintf(stderr, "velnor[%d]: %s%s", static_cast<int>(getpid()), message.c_str(),
+                 message.ends_with('\n') ? "" : "\n");
+}
+
+// The call sent to the daemon: the same checks, output and exit statuses as in-process; the
+// plug-in's messages arrive while it runs.
+int runThroughDaemon(const Command& command, DaemonClient& daemon) {
+    support::Result<OperationStyle> style = daemon.styleOf(command.operation);
+    if (!style) {
+        return style.error() == EINVAL ? usageError(style.message())
+                                       : (complain(style.message()), kExitUnavailable);
     }
-    if (!print(formatResponse(outcome->result, outputFormFor(command)))) {
-        complain(
-            velnor::support::couldNot("write the response to", "standard output", errno).message);
-        return kExitOutputFailed;
+    int status = kExitNormal;
+    std::optional<OperationArgument> argument = argumentFor(command, *style, &status);
+    if (!argument) {
+        return status;
     }
-    return exitStatusFor(*outcome);
+    support::Result<Outcome> outcome = daemon.call(command.operation, *argument, printLogMessage);
+    if (!outcome) {
+        complain(outcome.message());
+        return kExitUnavailable;
+    }
+    return report(command, *outcome);
+}
+
+int run(const Command& command) {
+    // The operations create folders for the service account, rewrite the job file and signal
+    // the server: nothing of it is tried, and no lock taken, for anyone else.
+    if (geteuid() != 0) {
+        complain("must be run as root");
+        return kExitNotRoot;
+    }
+    if (!command.direct) {
+        if (std::optional<DaemonClient> daemon = DaemonClient::connect(kControlSocketPath)) {
+            return runThroughDaemon(command, *daemon);
+        }
+    }
+    return runInProcess(command);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include "PropertyListFile.h"
 
 #include <cerrno>
+#include <cstdint>
+#include <memory>
 #include <stdexcept>
 
 #include "HostLog.h"
@@ -65,6 +67,21 @@ std::string toXmlPropertyList(const PlistValue& value) {
         throw std::invalid_argument("an absent value cannot be written as a property list");
     }
     return *xml;
+}
+
+std::string toBinaryPropertyList(const PlistValue& value) {
+    PlistNode node = plistNodeOfValue(value);
+    if (!node) {
+        throw std::invalid_argument("an absent value cannot be written as a property list");
+    }
+    char* bytes = nullptr;
+    std::uint32_t length = 0;
+    plist_to_bin(static_cast<plist_t>(node.get()), &bytes, &length);
+    std::unique_ptr<char, decltype(&plist_to_bin_free)> owned(bytes, &plist_to_bin_free);
+    if (bytes == nullptr) {
+        throw std::runtime_error("libplist could not write a binary property list");
+    }
+    return std::string(bytes, length);
 }
 
 namespace {

@@ -23,6 +23,10 @@ support::Result<PlistDictionary> readPropertyListDictionary(const std::string& p
 // The value as an XML property list.
 std::string toXmlPropertyList(const PlistValue& value);
 
+// The value as a binary property list, which keeps every kind and string exactly. Throws
+// std::invalid_argument for an absent value.
+std::string toBinaryPropertyList(const PlistValue& value);
+
 // Writes the value as an XML property list to a temporary file in the same folder, flushes it
 // and renames it over path, keeping the mode and owner of the file it replaces. On failure the
 // old file is left whole, and the reason is also logged in the host's log. A value holding a

@@ -1,11 +1,11 @@
 #include "platform/SystemLog.h"
 
-#include <syslog.h>
+#include "HostLog.h"
 
 namespace velnor::platform {
 
 void syslog(int priority, const std::string& message) {
-    ::syslog(priority, "%s", message.c_str());
+    logMessage(priority, message);
 }
 
 }  // namespace velnor::platform

@@ -1,4 +1,4 @@
-// The system log, as the host process has opened it.
+// The system log, as the host process has opened it, through the host library's log sink.
 #pragma once
 
 #include <string>

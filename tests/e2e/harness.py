@@ -386,6 +386,12 @@ def scenario_main(case, script, doc):
         case.host = Host(arguments.velnor, arguments.plugin)
         return run_tests(case, arguments.name)
     require_root()
-    return run_in_sandbox(getattr(case, "test_" + arguments.name).sandbox_options,
+    options = getattr(case, "test_" + arguments.name).sandbox_options
+    if os.environ.get("VELNOR_E2E_DAEMON"):
+        # The same scenario with velnor as the client of a velnord that serves the same plug-in.
+        os.environ["VELNORD"] = os.path.join(os.path.dirname(arguments.velnor), "velnord")
+        os.environ["VELNOR_PLUGIN"] = arguments.plugin
+        options = ("--daemon", *options)
+    return run_in_sandbox(options,
                           [PYTHON, os.path.abspath(script), "--inside", "--velnor", arguments.velnor,
                            "--plugin", arguments.plugin, arguments.name], binds=arguments.bind)

@@ -1,0 +1,209 @@
+// velnord: the host as a long-running daemon. It loads the service plug-in once, runs its class
+// hook once, and then serves root's calls from the control socket one at a time, with the idle
+// housekeeping every interval in between.
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ControlProtocol.h"
+#include "ControlServer.h"
+#include "ExitStatus.h"
+#include "HostEnvironment.h"
+#include "HostLock.h"
+#include "HostLog.h"
+#include "PluginLoader.h"
+#include "ServiceManagerNotice.h"
+#include "Worker.h"
+
+namespace velnor::host {
+namespace {
+
+constexpr std::string_view kUsage =
+    "usage: velnord [--plugin PATH] [--idle-interval SECONDS] [--foreground]\n"
+    "       velnord --help\n";
+
+constexpr std::string_view kHelp =
+    "velnord loads a service plug-in once and serves root's calls of its operations on the\n"
+    "control socket /run/velnor/velnord.sock, one at a time, running the plug-in's idle\n"
+    "housekeeping (doIdleAtCount) every interval in between. velnor sends its calls there\n"
+    "whenever velnord answers.\n"
+    "\n"
+    "Options:\n"
+    "  --plugin PATH            the plug-in module to load; else $VELNOR_PLUGIN, else the\n"
+    "                           installed module, else the one in the build tree\n"
+    "  --idle-interval SECONDS  seconds between idle ticks (default 10; a fraction is allowed)\n"
+    "  --foreground             also print every log message on standard error\n"
+    "  --help                   print this text\n"
+    "\n"
+    "velnord holds the host lock (/var/run/velnor/host.lock, or $VELNOR_LOCK_FILE) while it\n"
+    "runs. SIGTERM or SIGINT lets the running operation finish, then velnord exits 0.\n";
+
+struct Options {
+    std::optional<std::string> pluginPath;
+    std::chrono::duration<double> idleInterval{10.0};
+    bool foreground = false;
+    bool help = false;
+};
+
+void complain(const std::string& message) {
+    std::fprintf(stderr, "velnord: %s\n", message.c_str());
+}
+
+std::optional<double> parsePositiveSeconds(std::string_view text) {
+    double seconds = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    if (text.empty() || error != std::errc() || end != text.data() + text.size() ||
+        !(seconds > 0) || seconds > 86400) {
+        return std::nullopt;
+    }
+    return seconds;
+}
+
+support::Result<Options> parseOptions(const std::vector<std::string_view>& arguments) {
+    Options options;
+    for (std::size_t index = 0; index < arguments.size(); ++index) {
+        std::string_view argument = arguments[index];
+        bool hasValue = index + 1 < arguments.size();
+        if (argument == "--help" || argument == "-h") {
+            options.help = true;
+        } else if (argument == "--foreground") {
+            options.foreground = true;
+        } else if (argument == "--plugin" && hasValue && !arguments[index + 1].empty()) {
+            options.pluginPath = std::string(arguments[++index]);
+        } else if (argument == "--idle-interval" && hasValue) {
+            std::optional<double> seconds = parsePositiveSeconds(arguments[++index]);
+            if (!seconds) {
+                return support::Failure{EINVAL, "--idle-interval needs seconds above 0"};
+            }
+            options.idleInterval = std::chrono::duration<double>(*seconds);
+        } else {
+            return support::Failure{EINVAL,
+                                    "unexpected argument \"" + std::string(argument) + "\""};
+        }
+    }
+    return options;
+}
+
+bool fileExists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+// SIGTERM and SIGINT, blocked in every thread and read from a descriptor by the accept loop, so
+// that the daemon stops between operations and never inside one.
+support::Result<support::UniqueFd> stopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
+        return support::couldNot("block", "SIGTERM", errno);
+    }
+    support::UniqueFd descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
+    if (!descriptor.valid()) {
+        return support::couldNot("watch", "SIGTERM", errno);
+    }
+    return descriptor;
+}
+
+// Every message of the plug-in and the host library goes to the daemon's log and, during a
+// call, to the client that made it.
+void relayLogMessages(Worker& worker) {
+    setLogSink([&worker](int priority, const std::string& message) {
+        ::syslog(priority, "%s", message.c_str());
+        worker.relay(priority, message);
+    });
+}
+
+int serve(const Options& options, const PluginModule& module, ServiceManagerNotice& notice) {
+    support::Result<support::UniqueFd> stop = stopSignals();
+    if (!stop) {
+        complain(stop.message());
+        return kExitUnavailable;
+    }
+    support::Result<support::UniqueFd> listener = listenOnControlSocket(kControlSocketPath);
+    if (!listener) {
+        complain(listener.message());
+        return kExitNoLock;
+    }
+    const PluginDescriptor& plugin = module.descriptor();
+    Worker worker(plugin, findOperation(plugin, "doIdleAtCount"),
+                  std::chrono::duration_cast<Worker::Clock::duration>(options.idleInterval),
+                  [&notice](const std::string& what) { notice.ran(what); });
+    relayLogMessages(worker);
+    ControlServer server(plugin, worker, std::move(*listener));
+    notice.ready();
+    support::Status served = server.serve(stop->get());
+    notice.stopping();
+    unlink(kControlSocketPath);
+    worker.stop();
+    server.close();
+    setLogSink(nullptr);
+    if (!served) {
+        complain(served.message());
+        return kExitUnavailable;
+    }
+    return kExitNormal;
+}
+
+int run(const Options& options) {
+    if (geteuid() != 0) {
+        complain("must be run as root");
+        return kExitNotRoot;
+    }
+    setDefaultPostgresEnvironment();
+    openlog("velnord", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
+    std::string pluginPath =
+        choosePluginPath(options.pluginPath, std::getenv("VELNOR_PLUGIN"), VELNOR_INSTALLED_PLUGIN,
+                         VELNOR_BUILD_TREE_PLUGIN, fileExists);
+    support::Result<std::unique_ptr<PluginModule>> module = PluginModule::open(pluginPath);
+    if (!module) {
+        complain(module.message());
+        return kExitUnavailable;
+    }
+    // Held for the daemon's whole life: a velnor run with --direct waits until it ends.
+    const std::string lockPath = hostLockPath(std::getenv("VELNOR_LOCK_FILE"));
+    LockWait wait;
+    wait.announce = [&lockPath] {
+        complain("waiting for the host lock \"" + lockPath + "\" held by another velnor");
+    };
+    support::Result<HostLock> lock = HostLock::acquire(lockPath, wait);
+    if (!lock) {
+        complain(lock.message());
+        return kExitNoLock;
+    }
+    if (std::optional<std::string> failure = initializePlugin((*module)->descriptor())) {
+        complain("the plug-in's initialize failed: " + *failure);
+        return kExitUnavailable;
+    }
+    ServiceManagerNotice notice;
+    return serve(options, **module, notice);
+}
+
+}  // namespace
+}  // namespace velnor::host
+
+int main(int argc, char** argv) {
+    using namespace velnor::host;
+    std::vector<std::string_view> arguments(argv + 1, argv + argc);
+    velnor::support::Result<Options> options = parseOptions(arguments);
+    if (!options) {
+        complain(options.message());
+        std::fputs(kUsage.data(), stderr);
+        return kExitUsage;
+    }
+    if (options->help) {
+        std::fputs(kHelp.data(), stdout);
+        return kExitNormal;
+    }
+    return run(*options);
+}

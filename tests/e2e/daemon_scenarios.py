@@ -1,0 +1,112 @@
+#!/usr/bin/python3
+"""velnord on its own: who it serves, what it does with frames it cannot use, a client that
+vanishes mid-operation, SIGTERM while an operation runs, and the idle tick's housekeeping."""
+
+import os
+import plistlib
+import signal
+import socket
+import struct
+import subprocess
+import sys
+
+sys.dont_write_bytecode = True
+import harness  # noqa: E402
+from harness import ACCOUNT_ID, CREATED_SOCKET_DIR, LOG_DIR, sandbox  # noqa: E402
+
+SOCKET = "/run/velnor/velnord.sock"
+VERSION = 1
+
+
+def frame(message):
+    body = plistlib.dumps(message, fmt=plistlib.FMT_BINARY)
+    return struct.pack(">I", len(body)) + body
+
+
+def read_frame(connection):
+    """The next message, or None once the daemon has closed the connection."""
+    def exactly(size):
+        data = b""
+        while len(data) < size:
+            chunk = connection.recv(size - len(data))
+            if not chunk:
+                return None
+            data += chunk
+        return data
+    prefix = exactly(4)
+    return plistlib.loads(exactly(struct.unpack(">I", prefix)[0])) if prefix else None
+
+
+def connect():
+    client = socket.socket(socket.AF_UNIX)
+    client.connect(SOCKET)
+    return client
+
+
+class Daemon(harness.ScenarioCase):
+    def start_daemon(self, interval=10):
+        velnord = os.path.join(os.path.dirname(self.host.velnor), "velnord")
+        daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", str(interval)])
+        self.addCleanup(lambda: daemon.poll() is None and daemon.kill())
+        harness.wait_until(lambda: os.path.exists(SOCKET), "velnord serves")
+        return daemon
+
+    @sandbox()
+    def test_strangers_and_bad_frames_are_refused_and_the_daemon_serves_on(self):
+        daemon = self.start_daemon()
+        self.assertEqual(harness.attributes(SOCKET), "other 0600 root:root", "the socket")
+        self.assertEqual(harness.attributes(os.path.dirname(SOCKET)), harness.folder(0o755, "root"))
+        # Even through a socket whose mode was loosened, another account is refused.
+        os.chmod(SOCKET, 0o666)
+        stranger = harness.as_account([harness.PYTHON, "-c", f"""
+import socket, struct
+client = socket.socket(socket.AF_UNIX); client.connect({SOCKET!r})
+data = client.recv(4096)
+print(b"serves root only" in data, client.recv(1) == b"")"""])
+        self.assertEqual(stranger.stdout.split(), ["True", "True"], stranger.stderr)
+        for what, data in [
+                ("not a property list", struct.pack(">I", 5) + b"hello"),
+                ("over the size limit", struct.pack(">I", 1 << 30)),
+                ("cut short", struct.pack(">I", 100) + b"bplist00"),
+                ("a length cut short", b"\0\0"),
+                ("another version", frame({"version": 99, "operation": "getStateWithRequest"})),
+                ("an argument of the wrong kind", frame({"version": VERSION, "operation": "doIdleAtCount",
+                                                         "count": "many"}))]:
+            client = connect()
+            client.sendall(data)
+            client.shutdown(socket.SHUT_WR)
+            reply = read_frame(client)
+            self.assertEqual(reply["kind"] if reply else None, "error", what)
+            self.assertIsNone(read_frame(client), f"the connection ends after {what}")
+        self.assertEqual(self.velnor("status").response, {"state": "STOPPED"})
+        self.assertIsNone(daemon.poll(), "velnord still runs")
+
+    @sandbox("--initdb")
+    def test_sigterm_and_a_vanished_client_leave_the_operation_to_finish(self):
+        daemon = self.start_daemon()
+        client = connect()
+        client.sendall(frame({"version": VERSION, "operation": "startServiceWithVariant"}))
+        self.assertEqual(read_frame(client)["message"], CREATED_SOCKET_DIR,
+                         "the start's first message, streamed while it runs")
+        daemon.send_signal(signal.SIGTERM)
+        rest = [reply for reply in iter(lambda: read_frame(client), None) if reply["kind"] != "log"]
+        self.assertEqual(rest, [{"kind": "outcome", "answered": True}], "the start finished")
+        self.assertEqual(daemon.wait(timeout=20), 0, "velnord exits 0 after the running start")
+        self.assertFalse(os.path.exists(SOCKET), "the socket is gone with velnord")
+        self.assertTrue(harness.answers(), "the server that the start started answers")
+        daemon = self.start_daemon()
+        connect().sendall(frame({"version": VERSION, "operation": "stopServiceWithVariant"}))
+        harness.wait_until(lambda: harness.postmaster() is None, "the stop went on without its client")
+        self.assertEqual(self.velnor("status").response, {"state": "STOPPED"})
+        self.assertIsNone(daemon.poll(), "velnord still runs")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_the_idle_tick_puts_back_a_removed_log_folder_within_one_interval(self):
+        self.start_daemon(interval=1)
+        os.rmdir(LOG_DIR)
+        harness.wait_until(lambda: os.path.isdir(LOG_DIR), "the log folder is back", seconds=1.5)
+        self.assertEqual(harness.attributes(LOG_DIR), harness.folder(0o755), "the log folder")
+
+
+if __name__ == "__main__":
+    sys.exit(harness.scenario_main(Daemon, __file__, __doc__))
