@@ -26,7 +26,7 @@ SHARED_TEXT = "root's notes\n"
 # build that follows the links, the racers won most of them.
 SETUP_ROUNDS = 40
 RACER_STOP = "/var/empty-racer-stop"
-MARKER_ROUNDS = 3
+MARKER_ROUNDS = 5
 
 # The set-up's racer, as the service account: until the stop file appears, it turns each folder
 # that root has just made at the data folder's place into a link to another file, and prints how
