@@ -6,6 +6,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
@@ -23,6 +24,7 @@
 #include "HostLog.h"
 #include "PluginLoader.h"
 #include "ServiceManagerNotice.h"
+#include "WebConsole.h"
 #include "Worker.h"
 
 namespace velnor::host {
@@ -30,6 +32,7 @@ namespace {
 
 constexpr std::string_view kUsage =
     "usage: velnord [--plugin PATH] [--idle-interval SECONDS] [--foreground]\n"
+    "               [--web-listen ADDR:PORT | --no-web]\n"
     "       velnord --help\n";
 
 constexpr std::string_view kHelp =
@@ -43,6 +46,9 @@ constexpr std::string_view kHelp =
     "                           installed module, else the one in the build tree\n"
     "  --idle-interval SECONDS  seconds between idle ticks (default 10; a fraction is allowed)\n"
     "  --foreground             also print every log message on standard error\n"
+    "  --web-listen ADDR:PORT   serve the web console there (default 127.0.0.1:8471); the\n"
+    "                           address with its access token: velnor web-url\n"
+    "  --no-web                 no web console\n"
     "  --help                   print this text\n"
     "\n"
     "velnord holds the host lock (/var/run/velnor/host.lock, or $VELNOR_LOCK_FILE) while it\n"
@@ -53,6 +59,7 @@ struct Options {
     std::chrono::duration<double> idleInterval{10.0};
     bool foreground = false;
     bool help = false;
+    std::optional<WebListen> web = WebListen{};
 };
 
 void complain(const std::string& message) {
@@ -78,6 +85,14 @@ support::Result<Options> parseOptions(const std::vector<std::string_view>& argum
             options.help = true;
         } else if (argument == "--foreground") {
             options.foreground = true;
+        } else if (argument == "--no-web") {
+            options.web.reset();
+        } else if (argument == "--web-listen" && hasValue) {
+            support::Result<WebListen> listen = parseWebListen(arguments[++index]);
+            if (!listen) {
+                return listen.failure();
+            }
+            options.web = *listen;
         } else if (argument == "--plugin" && hasValue && !arguments[index + 1].empty()) {
             options.pluginPath = std::string(arguments[++index]);
         } else if (argument == "--idle-interval" && hasValue) {
@@ -124,6 +139,21 @@ void relayLogMessages(Worker& worker) {
     });
 }
 
+// The console is a convenience: when its address cannot be had, the daemon serves on without it.
+std::unique_ptr<WebConsole> startWebConsole(const Options& options, const PluginDescriptor& plugin,
+                                            Worker& worker) {
+    if (!options.web) {
+        return nullptr;
+    }
+    support::Result<std::unique_ptr<WebConsole>> console =
+        WebConsole::start(plugin, worker, *options.web);
+    if (!console) {
+        ::syslog(LOG_WARNING, "the web console is off: %s", console.message().c_str());
+        return nullptr;
+    }
+    return std::move(*console);
+}
+
 int serve(const Options& options, const PluginModule& module, ServiceManagerNotice& notice) {
     support::Result<support::UniqueFd> stop = stopSignals();
     if (!stop) {
@@ -136,15 +166,26 @@ int serve(const Options& options, const PluginModule& module, ServiceManagerNoti
         return kExitNoLock;
     }
     const PluginDescriptor& plugin = module.descriptor();
+    std::atomic<WebConsole*> console = nullptr;
     Worker worker(plugin, findOperation(plugin, "doIdleAtCount"),
                   std::chrono::duration_cast<Worker::Clock::duration>(options.idleInterval),
-                  [&notice](const std::string& what) { notice.ran(what); });
+                  [&notice, &console](const std::string& what) {
+                      notice.ran(what);
+                      if (WebConsole* web = console.load()) {
+                          web->ran(what);
+                      }
+                  });
     relayLogMessages(worker);
+    std::unique_ptr<WebConsole> web = startWebConsole(options, plugin, worker);
+    console = web.get();
     ControlServer server(plugin, worker, std::move(*listener));
     notice.ready();
     support::Status served = server.serve(stop->get());
     notice.stopping();
     unlink(kControlSocketPath);
+    if (web) {
+        web->stop();
+    }
     worker.stop();
     server.close();
     setLogSink(nullptr);

@@ -1,0 +1,132 @@
+#include "WebAccess.h"
+
+#include <sys/random.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "HostLock.h"
+#include "PathNames.h"
+#include "SafePath.h"
+
+namespace velnor::host {
+namespace {
+
+// Wrong tokens answered at once; each one after them doubles the time in which none is heard.
+constexpr unsigned kFreeWrongTokens = 3;
+constexpr std::chrono::seconds kLongestRefusal{60};
+constexpr std::chrono::hours kSessionLife{12};
+constexpr std::size_t kMostSessions = 32;
+
+}  // namespace
+
+support::Result<std::string> randomHex(std::size_t bytes) {
+    std::string raw(bytes, '\0');
+    std::size_t filled = 0;
+    while (filled < bytes) {
+        ssize_t got = getrandom(raw.data() + filled, bytes - filled, 0);
+        if (got < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return support::couldNot("read", "the kernel's random numbers", errno);
+        }
+        filled += static_cast<std::size_t>(got);
+    }
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned char byte : raw) {
+        hex += kDigits[byte >> 4];
+        hex += kDigits[byte & 0xF];
+    }
+    return hex;
+}
+
+bool sameSecret(const std::string& one, const std::string& other) {
+    if (one.size() != other.size()) {
+        return false;
+    }
+    unsigned char difference = 0;
+    for (std::size_t index = 0; index < one.size(); ++index) {
+        difference |= static_cast<unsigned char>(one[index] ^ other[index]);
+    }
+    return difference == 0;
+}
+
+support::Status publishAccess(const std::string& token, const std::string& address) {
+    support::Result<support::UniqueFd> folder =
+        openRootOnlyFolder(support::folderOf(kWebTokenPath), "web console folder");
+    if (!folder) {
+        return folder.failure();
+    }
+    if (auto written = support::replaceFile(kWebTokenPath, token + "\n",
+                                            support::Attributes{0600, 0, 0, "root:root"});
+        !written) {
+        return written;
+    }
+    return support::replaceFile(kWebAddressPath, address + "\n",
+                                support::Attributes{0644, 0, 0, "root:root"});
+}
+
+bool hostIsOurs(const std::string& hostHeader, const std::string& listenAddress) {
+    std::string name = hostHeader;
+    if (!name.empty() && name.front() == '[') {
+        std::size_t close = name.find(']');
+        name = close == std::string::npos ? std::string() : name.substr(0, close + 1);
+    } else if (std::size_t colon = name.rfind(':'); colon != std::string::npos) {
+        name.resize(colon);
+    }
+    std::string lowered = name;
+    std::transform(lowered.begin(), lowered.end(), lowered.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    const std::string bare = listenAddress.find(':') != std::string::npos
+                                 ? "[" + listenAddress + "]"
+                                 : listenAddress;
+    return !lowered.empty() && (lowered == "localhost" || lowered == bare);
+}
+
+WebAccess::Exchange WebAccess::exchange(const std::string& presented, Clock::time_point now) {
+    std::lock_guard lock(mutex_);
+    if (now < refusedUntil_) {
+        return {std::nullopt,
+                std::chrono::ceil<std::chrono::seconds>(refusedUntil_ - now)};
+    }
+    if (!sameSecret(presented, token_)) {
+        ++wrongTokens_;
+        if (wrongTokens_ > kFreeWrongTokens) {
+            unsigned doublings = std::min(wrongTokens_ - kFreeWrongTokens - 1, 6U);
+            refusedUntil_ = now + std::min(kLongestRefusal, std::chrono::seconds(1U << doublings));
+        }
+        return {};
+    }
+    forgetExpired(now);
+    if (sessions_.size() >= kMostSessions) {
+        sessions_.erase(std::min_element(sessions_.begin(), sessions_.end(),
+                                         [](const auto& one, const auto& other) {
+                                             return one.second.expires < other.second.expires;
+                                         }));
+    }
+    support::Result<std::string> id = randomHex(32);
+    support::Result<std::string> csrf = randomHex(32);
+    if (!id || !csrf) {
+        return {};
+    }
+    sessions_[*id] = Session{*csrf, now + kSessionLife};
+    return {*id, std::nullopt};
+}
+
+std::optional<Session> WebAccess::session(const std::string& id, Clock::time_point now) {
+    std::lock_guard lock(mutex_);
+    forgetExpired(now);
+    auto found = sessions_.find(id);
+    if (found == sessions_.end()) {
+        return std::nullopt;
+    }
+    return found->second;
+}
+
+void WebAccess::forgetExpired(Clock::time_point now) {
+    std::erase_if(sessions_, [now](const auto& entry) { return entry.second.expires <= now; });
+}
+
+}  // namespace velnor::host

@@ -1,0 +1,423 @@
+#include "WebConsole.h"
+
+#include <httplib.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <charconv>
+
+#include "Output.h"
+#include "PluginLoader.h"
+#include "SettingsCheck.h"
+#include "WebAssets.h"
+
+namespace velnor::host {
+namespace {
+
+using httplib::Request;
+using httplib::Response;
+
+// Page loads and actions at once, plus the open event streams.
+constexpr std::size_t kServingThreads = 12;
+constexpr int kMostStreams = 6;
+constexpr std::size_t kMostBody = 64 * 1024;
+constexpr auto kStreamPause = std::chrono::seconds(10);
+
+constexpr const char* kSecurityPolicy =
+    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; "
+    "connect-src 'self'; form-action 'self'; frame-ancestors 'none'; base-uri 'none'";
+
+void answerText(Response& response, int status, const std::string& text) {
+    response.status = status;
+    response.set_content(text + "\n", "text/plain; charset=utf-8");
+}
+
+void answerJson(Response& response, int status, const PlistValue& value) {
+    response.status = status;
+    response.set_content(toJson(value), "application/json");
+}
+
+// The value of the named cookie in the Cookie header, or empty.
+std::string cookieNamed(const std::string& header, std::string_view name) {
+    std::string_view rest = header;
+    while (!rest.empty()) {
+        std::size_t end = rest.find(';');
+        std::string_view pair = rest.substr(0, end);
+        while (!pair.empty() && pair.front() == ' ') {
+            pair.remove_prefix(1);
+        }
+        if (pair.size() > name.size() && pair.substr(0, name.size()) == name &&
+            pair[name.size()] == '=') {
+            return std::string(pair.substr(name.size() + 1));
+        }
+        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+    }
+    return {};
+}
+
+// The result of an operation in words, for the page to show beside its code.
+std::string wordsFor(const Outcome& outcome) {
+    if (!outcome.answered) {
+        return "the operation ended without a response: " + outcome.failure;
+    }
+    const PlistDictionary* response = outcome.result.asDictionary();
+    const PlistValue* error = response != nullptr ? response->find("error") : nullptr;
+    if (error == nullptr) {
+        return "done";
+    }
+    const std::string code = error->asString() != nullptr ? *error->asString() : "";
+    if (code == "CANNOT_START_SERVICE_TIMEOUT_ERR") {
+        return "the server was started but did not answer within the wait";
+    }
+    if (code == "CANNOT_START_SERVICE_ERR") {
+        return "the server could not be started";
+    }
+    if (code == "CANNOT_STOP_SERVICE_TIMEOUT_ERR") {
+        return "the server was told to stop but still ran when the wait ended";
+    }
+    if (code == "CANNOT_STOP_SERVICE_ERR") {
+        return "the server could not be stopped";
+    }
+    return "the plug-in refused: " + code;
+}
+
+PlistDictionary outcomeValue(const char* operation, const Outcome& outcome) {
+    const PlistDictionary* response = outcome.result.asDictionary();
+    const PlistValue* error = response != nullptr ? response->find("error") : nullptr;
+    PlistDictionary value{{"operation", PlistValue(operation)},
+                          {"answered", PlistValue::boolean(outcome.answered)},
+                          {"ok", PlistValue::boolean(outcome.answered && error == nullptr)},
+                          {"words", PlistValue(wordsFor(outcome))}};
+    if (!outcome.result.isAbsent()) {
+        value.set("response", outcome.result);
+    }
+    if (error != nullptr) {
+        value.set("code", *error);
+    }
+    return value;
+}
+
+PlistValue verdictValue(const SettingVerdict& verdict) {
+    return PlistDictionary{{"name", PlistValue(verdict.name)},
+                           {"value", PlistValue(verdict.value)},
+                           {"accepted", PlistValue::boolean(verdict.accepted)},
+                           {"serverSays", PlistValue(verdict.serverSays)}};
+}
+
+PlistValue verdictsValue(const std::vector<SettingVerdict>& verdicts) {
+    PlistArray list(verdicts.size());
+    std::transform(verdicts.begin(), verdicts.end(), list.begin(), verdictValue);
+    return list;
+}
+
+// The settings that a form carries as repeated name and value fields, the empty names left out.
+support::Result<std::vector<std::pair<std::string, std::string>>> formSettings(
+    const Request& request) {
+    const std::size_t count = request.get_param_value_count("name");
+    if (count != request.get_param_value_count("value")) {
+        return support::Failure{EINVAL, "every setting needs a name and a value"};
+    }
+    std::vector<std::pair<std::string, std::string>> settings;
+    for (std::size_t index = 0; index < count; ++index) {
+        std::string name = request.get_param_value("name", index);
+        if (!name.empty()) {
+            settings.emplace_back(std::move(name), request.get_param_value("value", index));
+        }
+    }
+    if (settings.empty()) {
+        return support::Failure{EINVAL, "no setting was given"};
+    }
+    return settings;
+}
+
+}  // namespace
+
+support::Result<WebListen> parseWebListen(std::string_view text) {
+    std::size_t colon = text.rfind(':');
+    if (colon == std::string_view::npos || colon == 0) {
+        return support::Failure{EINVAL, "--web-listen needs ADDR:PORT"};
+    }
+    std::string_view address = text.substr(0, colon);
+    if (address.front() == '[' && address.back() == ']') {
+        address = address.substr(1, address.size() - 2);
+    }
+    std::string_view portText = text.substr(colon + 1);
+    int port = 0;
+    auto [end, error] = std::from_chars(portText.data(), portText.data() + portText.size(), port);
+    if (error != std::errc() || end != portText.data() + portText.size() || port < 1 ||
+        port > 65535 || address.empty()) {
+        return support::Failure{EINVAL, "--web-listen needs ADDR:PORT with a port from 1 to 65535"};
+    }
+    return WebListen{std::string(address), port};
+}
+
+support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescriptor& plugin,
+                                                               Worker& worker,
+                                                               const WebListen& listen) {
+    support::Result<std::string> token = randomHex(32);
+    if (!token) {
+        return token.failure();
+    }
+    std::unique_ptr<WebConsole> console(new WebConsole(plugin, worker, listen, *token));
+    const std::string shown = listen.address + ":" + std::to_string(listen.port);
+    if (!console->server_->bind_to_port(listen.address, listen.port)) {
+        console->stop();
+        return support::couldNot("listen on", shown, "the address cannot be bound", EADDRINUSE);
+    }
+    if (support::Status published = publishAccess(*token, shown); !published) {
+        console->stop();
+        return published.failure();
+    }
+    console->thread_ = std::thread([server = console->server_.get()] {
+        // The library writes without MSG_NOSIGNAL: a page closed mid-answer must be an error
+        // for this thread, never a SIGPIPE for the daemon. Its serving threads inherit the mask.
+        sigset_t pipe;
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+        server->listen_after_bind();
+    });
+    return console;
+}
+
+WebConsole::WebConsole(const PluginDescriptor& plugin, Worker& worker, WebListen listen,
+                       std::string token)
+    : plugin_(plugin),
+      worker_(worker),
+      listen_(std::move(listen)),
+      access_(std::move(token)),
+      monitor_(plugin, worker, events_),
+      server_(std::make_unique<httplib::Server>()) {
+    route();
+}
+
+WebConsole::~WebConsole() {
+    stop();
+}
+
+void WebConsole::stop() {
+    events_.close();
+    server_->stop();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    monitor_.stop();
+}
+
+void WebConsole::route() {
+    httplib::Server& server = *server_;
+    server.new_task_queue = [] { return new httplib::ThreadPool(kServingThreads); };
+    server.set_payload_max_length(kMostBody);
+    server.set_keep_alive_timeout(2);
+    // No Access-Control header is ever sent: other origins' scripts cannot read an answer.
+    server.set_default_headers({{"Content-Security-Policy", kSecurityPolicy},
+                                {"X-Content-Type-Options", "nosniff"},
+                                {"X-Frame-Options", "DENY"},
+                                {"Referrer-Policy", "no-referrer"},
+                                {"Cache-Control", "no-store"}});
+    server.set_pre_routing_handler([this](const Request& request, Response& response) {
+        return admitted(request, response) ? httplib::Server::HandlerResponse::Unhandled
+                                           : httplib::Server::HandlerResponse::Handled;
+    });
+    server.Get("/", [this](const Request& request, Response& response) {
+        servePage(request, response);
+    });
+    server.Get("/console.js|/console.css", [](const Request& request, Response& response) {
+        const WebAsset* asset = findWebAsset(request.path);
+        response.set_content(std::string(asset->body), std::string(asset->type));
+    });
+    server.Get("/api/snapshot", [this](const Request&, Response& response) {
+        answerJson(response, 200, monitor_.snapshot());
+    });
+    server.Get("/api/events", [this](const Request& request, Response& response) {
+        serveEvents(request, response);
+    });
+    server.Post("/api/service", [this](const Request& request, Response& response) {
+        runService(request, response);
+    });
+    server.Post("/api/settings", [this](const Request& request, Response& response) {
+        runSettings(request, response);
+    });
+    server.Post("/api/setup", [this](const Request& request, Response& response) {
+        runSetup(request, response);
+    });
+}
+
+// Who may go on to the routes: the right Host, then a session (or the token that makes one),
+// then, for every change, the session's CSRF token.
+bool WebConsole::admitted(const Request& request, Response& response) {
+    if (!hostIsOurs(request.get_header_value("Host"), listen_.address)) {
+        answerText(response, 421, "refused: the Host header does not name this console");
+        return false;
+    }
+    if (request.method != "GET" && request.method != "POST") {
+        answerText(response, 405, "refused: the console answers GET and POST only");
+        return false;
+    }
+    if (request.path == "/" && request.has_param("token")) {
+        WebAccess::Exchange exchange = access_.exchange(request.get_param_value("token"));
+        if (exchange.session) {
+            response.set_header("Set-Cookie", std::string(kSessionCookie) + "=" +
+                                                  *exchange.session +
+                                                  "; Path=/; HttpOnly; SameSite=Strict");
+            response.set_redirect("/", 303);
+        } else if (exchange.retryAfter) {
+            response.set_header("Retry-After", std::to_string(exchange.retryAfter->count()));
+            answerText(response, 429, "refused: too many wrong tokens; try again later");
+        } else {
+            answerText(response, 403, "refused: wrong token");
+        }
+        return false;
+    }
+    std::optional<Session> session =
+        access_.session(cookieNamed(request.get_header_value("Cookie"), kSessionCookie));
+    if (!session) {
+        answerText(response, 401,
+                   "no session: open the address that `velnor web-url` prints, as root");
+        return false;
+    }
+    if (request.method == "POST" &&
+        !sameSecret(request.get_header_value("X-CSRF-Token"), session->csrf)) {
+        answerText(response, 403, "refused: the request lacks this session's CSRF token");
+        return false;
+    }
+    return true;
+}
+
+void WebConsole::servePage(const Request& request, Response& response) {
+    std::optional<Session> session =
+        access_.session(cookieNamed(request.get_header_value("Cookie"), kSessionCookie));
+    std::string page(findWebAsset("/index.html")->body);
+    const std::string mark = "{{csrf}}";
+    if (std::size_t at = page.find(mark); at != std::string::npos && session) {
+        page.replace(at, mark.size(), session->csrf);
+    }
+    response.set_content(page, "text/html; charset=utf-8");
+}
+
+void WebConsole::serveEvents(const Request& request, Response& response) {
+    if (++streams_ > kMostStreams) {
+        --streams_;
+        answerText(response, 503, "too many open pages; close one and reload");
+        return;
+    }
+    // The library compresses every text/* answer when the browser allows it, and a compressed
+    // stream would sit in the compressor instead of reaching the page: this one goes as it is.
+    const_cast<Request&>(request).headers.erase("Accept-Encoding");
+    auto cursor = std::make_shared<std::uint64_t>(events_.latest());
+    auto first = std::make_shared<std::string>(eventText("state", monitor_.snapshot()));
+    monitor_.watch(true);
+    response.set_header("X-Accel-Buffering", "no");
+    response.set_chunked_content_provider(
+        "text/event-stream",
+        [this, cursor, first](std::size_t, httplib::DataSink& sink) {
+            std::string text;
+            if (!first->empty()) {
+                text.swap(*first);
+            } else {
+                text = events_.waitAfter(cursor.get(), kStreamPause);
+            }
+            if (events_.closed()) {
+                sink.done();
+                return true;
+            }
+            if (text.empty()) {
+                text = ": still here\n\n";
+            }
+            return sink.write(text.data(), text.size());
+        },
+        [this](bool) {
+            monitor_.watch(false);
+            --streams_;
+        });
+}
+
+void WebConsole::answerCall(const char* operation, OperationArgument argument,
+                            PlistDictionary extra, Response& response) {
+    const HostOperation* found = findOperation(plugin_, operation);
+    if (found == nullptr) {
+        answerText(response, 404, std::string("the plug-in has no operation ") + operation);
+        return;
+    }
+    events_.publish("call", PlistDictionary{{"operation", PlistValue(operation)}});
+    std::optional<Outcome> outcome =
+        worker_.call(*found, std::move(argument), [this](int priority, const std::string& text) {
+            events_.publish("message", PlistDictionary{{"priority", PlistValue::integer(priority)},
+                                                       {"message", PlistValue(text)}});
+        });
+    if (!outcome) {
+        answerText(response, 503, "velnord is stopping; the call was not run");
+        return;
+    }
+    PlistDictionary answer = outcomeValue(operation, *outcome);
+    for (const auto& [key, value] : extra) {
+        answer.set(key, value);
+    }
+    monitor_.refresh();
+    answerJson(response, 200, answer);
+}
+
+void WebConsole::runService(const Request& request, Response& response) {
+    const std::string action = request.get_param_value("action");
+    const char* operation = action == "start"     ? "startServiceWithVariant"
+                            : action == "stop"    ? "stopServiceWithVariant"
+                            : action == "restart" ? "recycleServiceWithVariant"
+                                                  : nullptr;
+    if (operation == nullptr) {
+        answerText(response, 400, "the action is start, stop or restart");
+        return;
+    }
+    answerCall(operation, PlistValue(), {}, response);
+}
+
+// Each setting is first put to the server program itself; a refused one is shown with the
+// server's own words and nothing is written.
+void WebConsole::runSettings(const Request& request, Response& response) {
+    auto settings = formSettings(request);
+    if (!settings) {
+        answerText(response, 400, settings.message());
+        return;
+    }
+    auto server = serverProgramOfJob(kServiceJobFile);
+    auto verdicts = server ? checkSettings(*server, *settings)
+                           : support::Result<std::vector<SettingVerdict>>(server.failure());
+    if (!verdicts) {
+        answerJson(response, 422, PlistDictionary{{"ok", PlistValue::boolean(false)},
+                                                  {"words", PlistValue(verdicts.message())}});
+        return;
+    }
+    bool refused = std::any_of(verdicts->begin(), verdicts->end(),
+                               [](const SettingVerdict& verdict) { return !verdict.accepted; });
+    if (refused || request.get_param_value("mode") == "check") {
+        answerJson(response, refused ? 422 : 200,
+                   PlistDictionary{{"ok", PlistValue::boolean(!refused)},
+                                   {"words", PlistValue(refused ? "refused by the server; nothing "
+                                                                  "was written"
+                                                                : "the server accepts them")},
+                                   {"verdicts", verdictsValue(*verdicts)}});
+        return;
+    }
+    PlistDictionary configuration;
+    for (const auto& [name, value] : *settings) {
+        configuration.set(name, PlistValue(value));
+    }
+    answerCall("writeSettingsWithRequest",
+               PlistDictionary{{"configuration", PlistValue(std::move(configuration))}},
+               PlistDictionary{{"verdicts", verdictsValue(*verdicts)}}, response);
+}
+
+void WebConsole::runSetup(const Request& request, Response& response) {
+    PlistDictionary setup;
+    if (request.get_param_value("upgrade") == "true") {
+        setup.set("upgrade", PlistValue::boolean(true));
+    } else if (std::string location = request.get_param_value("dataLocation");
+               !location.empty() && location.front() == '/') {
+        setup.set("dataLocation", PlistValue(location));
+    } else {
+        answerText(response, 400, "set-up needs an absolute data folder, or the upgrade");
+        return;
+    }
+    answerCall("initialSetupWithRequest", std::move(setup), {}, response);
+}
+
+}  // namespace velnor::host

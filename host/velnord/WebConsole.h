@@ -1,0 +1,73 @@
+// The web console: velnord serves a page on a loopback address that shows the service and
+// drives it. Every action goes through the worker's queue exactly as a velnor call does, and
+// the plug-in's messages reach the page as they are logged.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "ConsoleMonitor.h"
+#include "PluginInterface.h"
+#include "Result.h"
+#include "WebAccess.h"
+#include "Worker.h"
+
+namespace httplib {
+class Server;
+class Request;
+class Response;
+}  // namespace httplib
+
+namespace velnor::host {
+
+struct WebListen {
+    std::string address = "127.0.0.1";
+    int port = 8471;
+};
+
+// "ADDR:PORT" ("[ADDR]:PORT" for IPv6); fails, saying why, on anything else.
+support::Result<WebListen> parseWebListen(std::string_view text);
+
+class WebConsole {
+  public:
+    // Binds the address, writes the access token and starts serving. Fails when the address
+    // cannot be bound or the token cannot be written.
+    static support::Result<std::unique_ptr<WebConsole>> start(const PluginDescriptor& plugin,
+                                                              Worker& worker,
+                                                              const WebListen& listen);
+    ~WebConsole();
+    WebConsole(const WebConsole&) = delete;
+    WebConsole& operator=(const WebConsole&) = delete;
+
+    // What the worker ran; on the worker's thread.
+    void ran(const std::string& what) { monitor_.ran(what); }
+    void stop();
+
+  private:
+    WebConsole(const PluginDescriptor& plugin, Worker& worker, WebListen listen,
+               std::string token);
+    void route();
+    bool admitted(const httplib::Request& request, httplib::Response& response);
+    void servePage(const httplib::Request& request, httplib::Response& response);
+    void serveEvents(const httplib::Request& request, httplib::Response& response);
+    void runService(const httplib::Request& request, httplib::Response& response);
+    void runSettings(const httplib::Request& request, httplib::Response& response);
+    void runSetup(const httplib::Request& request, httplib::Response& response);
+    void answerCall(const char* operation, OperationArgument argument, PlistDictionary extra,
+                    httplib::Response& response);
+
+    const PluginDescriptor& plugin_;
+    Worker& worker_;
+    const WebListen listen_;
+    WebAccess access_;
+    EventHub events_;
+    ConsoleMonitor monitor_;
+    std::unique_ptr<httplib::Server> server_;
+    std::atomic<int> streams_{0};
+    std::thread thread_;
+};
+
+}  // namespace velnor::host
