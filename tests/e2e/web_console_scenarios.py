@@ -1,0 +1,142 @@
+#!/usr/bin/python3
+"""velnord's web console: a tour in headless Chromium through start, a settings change, a
+setting the server refuses, an idle client ended by a stop and the log's shutdown lines; and who
+may reach the console at all. Screenshots of the tour go to BUILD/e2e-screenshots/web_console/."""
+
+import http.client
+import os
+import socket
+import subprocess
+import sys
+
+sys.dont_write_bytecode = True
+import harness  # noqa: E402
+from harness import RESTARTING, WAITING_TO_RESPOND, sandbox  # noqa: E402
+
+TOKEN_FILE = "/run/velnor/web-token"
+
+
+def free_port():
+    """A loopback port that nothing listens on now: the sandbox shares the machine's network."""
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class WebConsole(harness.ScenarioCase):
+    def start_console(self):
+        """velnord with its console on a port of its own and a tick every second; its token."""
+        self.port = free_port()
+        velnord = os.path.join(os.path.dirname(self.host.velnor), "velnord")
+        daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", "1",
+                                   "--web-listen", f"127.0.0.1:{self.port}"])
+        self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
+        harness.wait_until(lambda: os.path.exists(TOKEN_FILE), "velnord wrote its token")
+        with open(TOKEN_FILE) as token:
+            return token.read().strip()
+
+    def request(self, method, path, headers=(), body=None):
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
+        connection.request(method, path, body=body, headers=dict(headers))
+        response = connection.getresponse()
+        response.read()
+        connection.close()
+        return response
+
+    @sandbox("--initdb")
+    def test_console_access_is_guarded(self):
+        token = self.start_console()
+        self.assertEqual(harness.attributes(TOKEN_FILE), harness.regular_file(0o600, "root"))
+        answer = self.request("GET", f"/?token={token}")
+        self.assertEqual(answer.status, 303, "the token is exchanged for a session")
+        cookie = answer.getheader("Set-Cookie")
+        self.assertRegex(cookie, r"^velnor_session=[0-9a-f]{64}; Path=/; HttpOnly; SameSite=Strict$")
+        session = {"Cookie": cookie.split(";")[0]}
+        change = {**session, "Content-Type": "application/x-www-form-urlencoded"}
+        rows = [  # what, method, path, headers, expected status
+            ("the page with the session", "GET", "/", session, 200),
+            ("the page without a session", "GET", "/", {}, 401),
+            ("an action without a session", "POST", "/api/service", {}, 401),
+            ("an action without the CSRF token", "POST", "/api/service", change, 403),
+            ("an action with a wrong CSRF token", "POST", "/api/service",
+             {**change, "X-CSRF-Token": "0" * 64}, 403),
+            ("a name that is not the console's", "GET", "/", {**session, "Host": "rebound.example"}, 421),
+            ("a preflight from another origin", "OPTIONS", "/api/service",
+             {**session, "Origin": "http://rebound.example"}, 405),
+        ]
+        for what, method, path, headers, status in rows:
+            with self.subTest(what):
+                answer = self.request(method, path, headers, "action=start" if method == "POST" else None)
+                self.assertEqual(answer.status, status, what)
+                self.assertIn("default-src 'none'", answer.getheader("Content-Security-Policy"))
+                self.assertIsNone(answer.getheader("Access-Control-Allow-Origin"), what)
+        self.assertIsNone(harness.postmaster(), "no refused action started the server")
+        statuses = [self.request("GET", "/?token=" + "f" * 64).status for _ in range(6)]
+        self.assertEqual(statuses[:4], [403] * 4, "wrong tokens are refused")
+        self.assertEqual(statuses[5], 429, "and, repeated, slowed down")
+        self.assertEqual(self.request("GET", f"/?token={token}").status, 429,
+                         "even the right token waits out the refusal")
+
+    # With its folders in place, the first idle tick has nothing to create, so nothing to restart.
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_browser_tour(self):
+        from selenium import webdriver
+        from selenium.webdriver.chrome.service import Service
+        from selenium.webdriver.common.by import By
+        from selenium.webdriver.support.ui import WebDriverWait
+
+        token = self.start_console()
+        shots = os.path.join(os.path.dirname(self.host.velnor), "e2e-screenshots", "web_console")
+        os.makedirs(shots, exist_ok=True)
+        options = webdriver.ChromeOptions()
+        options.binary_location = "/usr/bin/chromium"
+        for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage",
+                         "--window-size=1280,1500", "--user-data-dir=/tmp/chromium"):
+            options.add_argument(argument)
+        browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        self.addCleanup(browser.quit)
+        text = lambda id: browser.find_element(By.ID, id).text  # noqa: E731
+
+        def see(id, expected, shot):
+            WebDriverWait(browser, harness.WAIT_SECONDS).until(
+                lambda _: expected in text(id), f"#{id} shows {expected!r}; it shows {text(id)!r}")
+            if shot:
+                browser.save_screenshot(os.path.join(shots, shot + ".png"))
+
+        def settings(name, value):
+            browser.find_element(By.ID, "new-name").send_keys(name)
+            browser.find_element(By.ID, "new-value").send_keys(value)
+            browser.find_element(By.ID, "add-setting").click()
+            browser.find_element(By.ID, "save-settings").click()
+
+        browser.get(f"http://127.0.0.1:{self.port}/?token={token}")
+        see("state", "STOPPED", "01-stopped")
+        browser.find_element(By.ID, "start").click()
+        see("messages", WAITING_TO_RESPOND, None)
+        see("state", "RUNNING", None)
+        see("result", "start: done", "02-started")
+
+        settings("work_mem", "12MB")
+        see("messages", RESTARTING, None)
+        see("settings-result", "done", "03-work-mem-saved")
+        self.assertEqual(harness.psql("SHOW work_mem"), "12MB")
+
+        job = harness.job_file_bytes()
+        browser.find_element(By.CSS_SELECTOR, 'tr[data-name="work_mem"] input').clear()
+        settings("shared_buffers", "lots")
+        see("settings-result", 'invalid value for parameter "shared_buffers": "lots"', "04-refused")
+        self.assertEqual(harness.job_file_bytes(), job, "a refused setting leaves the job file alone")
+
+        with harness.Client("console-idle") as client:
+            backend = client.wait_for_state("idle")
+            see("clients", f"{backend} postgres _postgres idle", "05-idle-client")
+            self.assertIn("a stop ends it", text("clients"))
+            browser.find_element(By.ID, "stop").click()
+            see("state", "STOPPED", None)
+            see("result", "stop: done", "06-stopped")
+            harness.wait_until(lambda: not harness.process_alive(backend), "the idle client ended")
+        see("log-tail", "database system is shut down", "07-log-tail")
+
+
+if __name__ == "__main__":
+    sys.exit(harness.scenario_main(WebConsole, __file__, __doc__))
