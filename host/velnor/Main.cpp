@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "CommandLine.h"
+#include "ConsoleVerbs.h"
 #include "ControlProtocol.h"
 #include "DaemonClient.h"
 #include "ExitStatus.h"
@@ -198,6 +199,9 @@ int run(const Command& command) {
 int main(int argc, char** argv) {
     using namespace velnor::host;
     std::vector<std::string_view> arguments(argv + 1, argv + argc);
+    if (std::optional<int> status = runConsoleVerb(arguments)) {
+        return *status;
+    }
     velnor::support::Result<Command> parsed = parseCommandLine(arguments);
     if (!parsed) {
         return usageError(parsed.message());

@@ -40,8 +40,8 @@ struct Account {
 };
 
 bool isSettingName(const std::string& name) {
-    if (name.empty() || name.size() > 200 || !(std::isalpha(static_cast<unsigned char>(name[0])) ||
-                                               name[0] == '_')) {
+    if (name.empty() || name.size() > 200 ||
+        !(std::isalpha(static_cast<unsigned char>(name[0])) || name[0] == '_')) {
         return false;
     }
     return std::all_of(name.begin(), name.end(), [](char c) {
@@ -70,15 +70,15 @@ std::string trimmed(std::string text) {
 }
 
 // In the child, between fork and exec: only calls that are safe there.
-[[noreturn]] void becomeProgram(const std::vector<char*>& argv, const Account& account,
-                                int input, int output) {
+[[noreturn]] void becomeProgram(const std::vector<char*>& argv, const Account& account, int input,
+                                int output) {
     static char path[] = "PATH=/usr/bin:/bin";
     static char locale[] = "LC_ALL=C";
     char* environment[] = {path, locale, nullptr};
     if (dup2(input, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 ||
-        dup2(output, STDERR_FILENO) < 0 ||
-        syscall(SYS_close_range, 3U, ~0U, 0U) != 0 || setgroups(1, &account.gid) != 0 ||
-        setgid(account.gid) != 0 || setuid(account.uid) != 0 || chdir("/") != 0) {
+        dup2(output, STDERR_FILENO) < 0 || syscall(SYS_close_range, 3U, ~0U, 0U) != 0 ||
+        setgroups(1, &account.gid) != 0 || setgid(account.gid) != 0 || setuid(account.uid) != 0 ||
+        chdir("/") != 0) {
         _exit(126);
     }
     execve(argv[0], argv.data(), environment);
@@ -140,8 +140,8 @@ Result<ProgramRun> runAsAccount(const std::vector<std::string>& arguments, const
     }
     writeEnd.reset();
     ProgramRun run;
-    bool finished = collectOutput(readEnd.get(), std::chrono::steady_clock::now() + limit,
-                                  run.output);
+    bool finished =
+        collectOutput(readEnd.get(), std::chrono::steady_clock::now() + limit, run.output);
     if (!finished) {
         kill(child, SIGKILL);
     }
@@ -217,9 +217,9 @@ Result<SettingVerdict> checkSetting(const ServerProgram& server, const std::stri
     if (!account) {
         return account.failure();
     }
-    Result<ProgramRun> run =
-        runAsAccount({server.program, "-D", server.dataFolder, "-C", name, "-c", name + "=" + value},
-                     Account{account->uid, account->gid}, limit);
+    Result<ProgramRun> run = runAsAccount(
+        {server.program, "-D", server.dataFolder, "-C", name, "-c", name + "=" + value},
+        Account{account->uid, account->gid}, limit);
     if (!run) {
         return run.failure();
     }

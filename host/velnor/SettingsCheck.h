@@ -41,10 +41,9 @@ support::Result<std::pair<std::string, std::string>> splitSetting(const std::str
 // Runs the server program once for the setting, and at most limit long. Fails when the name is
 // not a setting name at all (letters, digits, '_' and '.'), the value holds a line feed or a
 // zero byte, or the program could not be run or did not finish in time; a verdict otherwise.
-support::Result<SettingVerdict> checkSetting(const ServerProgram& server, const std::string& name,
-                                             const std::string& value,
-                                             std::chrono::milliseconds limit =
-                                                 std::chrono::seconds(10));
+support::Result<SettingVerdict> checkSetting(
+    const ServerProgram& server, const std::string& name, const std::string& value,
+    std::chrono::milliseconds limit = std::chrono::seconds(10));
 
 // The verdicts of every setting, in order; the first failure ends the checks.
 support::Result<std::vector<SettingVerdict>> checkSettings(

@@ -326,8 +326,7 @@ void ConsoleMonitor::loop() {
     }
 }
 
-std::optional<PlistDictionary> ConsoleMonitor::ask(const char* operation,
-                                                   PlistDictionary request) {
+std::optional<PlistDictionary> ConsoleMonitor::ask(const char* operation, PlistDictionary request) {
     const HostOperation* found = findOperation(plugin_, operation);
     if (found == nullptr) {
         return std::nullopt;

@@ -54,7 +54,7 @@ struct DatabaseClient {
     pid_t pid = 0;
     std::string user;
     std::string database;
-    std::string state;  // "idle", "idle in transaction", or "active: COMMAND"
+    std::string state;       // "idle", "idle in transaction", or "active: COMMAND"
     std::int64_t since = 0;  // when its process started, in seconds since 1970
 };
 

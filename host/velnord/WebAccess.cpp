@@ -79,17 +79,15 @@ bool hostIsOurs(const std::string& hostHeader, const std::string& listenAddress)
     std::string lowered = name;
     std::transform(lowered.begin(), lowered.end(), lowered.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    const std::string bare = listenAddress.find(':') != std::string::npos
-                                 ? "[" + listenAddress + "]"
-                                 : listenAddress;
+    const std::string bare =
+        listenAddress.find(':') != std::string::npos ? "[" + listenAddress + "]" : listenAddress;
     return !lowered.empty() && (lowered == "localhost" || lowered == bare);
 }
 
 WebAccess::Exchange WebAccess::exchange(const std::string& presented, Clock::time_point now) {
     std::lock_guard lock(mutex_);
     if (now < refusedUntil_) {
-        return {std::nullopt,
-                std::chrono::ceil<std::chrono::seconds>(refusedUntil_ - now)};
+        return {std::nullopt, std::chrono::ceil<std::chrono::seconds>(refusedUntil_ - now)};
     }
     if (!sameSecret(presented, token_)) {
         ++wrongTokens_;

@@ -12,12 +12,11 @@
 #include <optional>
 #include <string>
 
+#include "ConsoleVerbs.h"
 #include "Result.h"
 
 namespace velnor::host {
 
-inline constexpr const char* kWebTokenPath = "/run/velnor/web-token";
-inline constexpr const char* kWebAddressPath = "/run/velnor/web-address";
 inline constexpr const char* kSessionCookie = "velnor_session";
 
 // bytes random bytes from the kernel, as lower-case hex.

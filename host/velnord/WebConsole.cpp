@@ -219,9 +219,8 @@ void WebConsole::route() {
         return admitted(request, response) ? httplib::Server::HandlerResponse::Unhandled
                                            : httplib::Server::HandlerResponse::Handled;
     });
-    server.Get("/", [this](const Request& request, Response& response) {
-        servePage(request, response);
-    });
+    server.Get(
+        "/", [this](const Request& request, Response& response) { servePage(request, response); });
     server.Get("/console.js|/console.css", [](const Request& request, Response& response) {
         const WebAsset* asset = findWebAsset(request.path);
         response.set_content(std::string(asset->body), std::string(asset->type));
@@ -382,8 +381,9 @@ void WebConsole::runSettings(const Request& request, Response& response) {
     auto verdicts = server ? checkSettings(*server, *settings)
                            : support::Result<std::vector<SettingVerdict>>(server.failure());
     if (!verdicts) {
-        answerJson(response, 422, PlistDictionary{{"ok", PlistValue::boolean(false)},
-                                                  {"words", PlistValue(verdicts.message())}});
+        answerJson(response, 422,
+                   PlistDictionary{{"ok", PlistValue::boolean(false)},
+                                   {"words", PlistValue(verdicts.message())}});
         return;
     }
     bool refused = std::any_of(verdicts->begin(), verdicts->end(),

@@ -47,8 +47,7 @@ class WebConsole {
     void stop();
 
   private:
-    WebConsole(const PluginDescriptor& plugin, Worker& worker, WebListen listen,
-               std::string token);
+    WebConsole(const PluginDescriptor& plugin, Worker& worker, WebListen listen, std::string token);
     void route();
     bool admitted(const httplib::Request& request, httplib::Response& response);
     void servePage(const httplib::Request& request, httplib::Response& response);

@@ -32,8 +32,10 @@ class WebConsole(harness.ScenarioCase):
                                    "--web-listen", f"127.0.0.1:{self.port}"])
         self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
         harness.wait_until(lambda: os.path.exists(TOKEN_FILE), "velnord wrote its token")
-        with open(TOKEN_FILE) as token:
-            return token.read().strip()
+        url = subprocess.run([self.host.velnor, "web-url"], capture_output=True, text=True, check=True)
+        prefix = f"http://127.0.0.1:{self.port}/?token="
+        self.assertTrue(url.stdout.startswith(prefix), f"velnor web-url: {url.stdout!r}")
+        return url.stdout.strip()[len(prefix):]
 
     def request(self, method, path, headers=(), body=None):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
@@ -122,6 +124,9 @@ class WebConsole(harness.ScenarioCase):
         self.assertEqual(harness.psql("SHOW work_mem"), "12MB")
 
         job = harness.job_file_bytes()
+        checked = self.velnor("settings", "--check", "work_mem=16MB", "shared_buffers=lots", status=1)
+        self.assertEqual([(verdict["name"], verdict["accepted"]) for verdict in checked.response],
+                         [("work_mem", True), ("shared_buffers", False)], "velnor settings --check")
         browser.find_element(By.CSS_SELECTOR, 'tr[data-name="work_mem"] input').clear()
         settings("shared_buffers", "lots")
         see("settings-result", 'invalid value for parameter "shared_buffers": "lots"', "04-refused")

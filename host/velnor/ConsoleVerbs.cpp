@@ -1,0 +1,158 @@
+#include "ConsoleVerbs.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "DescriptorIo.h"
+#include "ExitStatus.h"
+#include "Output.h"
+#include "SafePath.h"
+#include "SettingsCheck.h"
+
+namespace velnor::host {
+namespace {
+
+void complain(const std::string& message) {
+    std::fprintf(stderr, "velnor: %s\n", message.c_str());
+}
+
+// The first line of a file that root alone may have written, and others may not read unless
+// others may read it is allowed.
+support::Result<std::string> readRootsLine(const std::string& path, bool othersMayRead) {
+    std::string untrusted;
+    support::Result<support::UniqueFd> opened = support::openSafely(path, &untrusted);
+    if (!opened) {
+        return opened.failure();
+    }
+    struct stat status;
+    if (!untrusted.empty() || fstat(opened->get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_uid != 0 || (status.st_mode & (othersMayRead ? 022 : 077)) != 0) {
+        return support::couldNot("trust", path,
+                                 untrusted.empty() ? "it is not a file of root's alone" : untrusted,
+                                 EPERM);
+    }
+    support::Result<support::UniqueFd> file =
+        support::reopen(opened->get(), O_RDONLY | O_CLOEXEC, path);
+    if (!file) {
+        return file.failure();
+    }
+    std::string contents;
+    if (!support::readAll(file->get(), contents)) {
+        return support::couldNot("read", path, errno);
+    }
+    return contents.substr(0, contents.find('\n'));
+}
+
+int printWebUrl() {
+    support::Result<std::string> url = readWebUrl();
+    if (!url) {
+        complain(url.message() + " (does velnord run with its web console?)");
+        return kExitUnavailable;
+    }
+    std::printf("%s\n", url->c_str());
+    return kExitNormal;
+}
+
+std::string verdictLine(const SettingVerdict& verdict) {
+    return verdict.name + "=" + verdict.value + ": " +
+           (verdict.accepted ? "accepted; the server reads " : "refused: ") + verdict.serverSays;
+}
+
+PlistValue verdictValue(const SettingVerdict& verdict) {
+    return PlistDictionary{{"name", PlistValue(verdict.name)},
+                           {"value", PlistValue(verdict.value)},
+                           {"accepted", PlistValue::boolean(verdict.accepted)},
+                           {"serverSays", PlistValue(verdict.serverSays)}};
+}
+
+// Exit 0 when the server accepts every setting, 1 when it refuses one; every setting is checked
+// first, so nothing runs for a command line with a malformed one.
+int checkSettingsCommand(const std::vector<std::string_view>& settings, bool json) {
+    std::vector<std::pair<std::string, std::string>> pairs;
+    for (std::string_view setting : settings) {
+        support::Result<std::pair<std::string, std::string>> pair =
+            splitSetting(std::string(setting));
+        if (!pair) {
+            complain(pair.message());
+            return kExitUsage;
+        }
+        pairs.push_back(std::move(*pair));
+    }
+    if (pairs.empty()) {
+        complain("settings --check needs at least one NAME=VALUE");
+        return kExitUsage;
+    }
+    support::Result<ServerProgram> server = serverProgramOfJob(kServiceJobFile);
+    support::Result<std::vector<SettingVerdict>> verdicts =
+        server ? checkSettings(*server, pairs)
+               : support::Result<std::vector<SettingVerdict>>(server.failure());
+    if (!verdicts) {
+        complain(verdicts.message());
+        return verdicts.error() == EINVAL ? kExitUsage : kExitUnavailable;
+    }
+    PlistArray list;
+    bool refused = false;
+    for (const SettingVerdict& verdict : *verdicts) {
+        refused = refused || !verdict.accepted;
+        if (json) {
+            list.push_back(verdictValue(verdict));
+        } else {
+            std::printf("%s\n", verdictLine(verdict).c_str());
+        }
+    }
+    if (json) {
+        std::printf("%s\n", toJson(PlistValue(std::move(list))).c_str());
+    }
+    return refused ? kExitErrorResponse : kExitNormal;
+}
+
+}  // namespace
+
+support::Result<std::string> readWebUrl() {
+    support::Result<std::string> token = readRootsLine(kWebTokenPath, false);
+    if (!token) {
+        return token.failure();
+    }
+    support::Result<std::string> address = readRootsLine(kWebAddressPath, true);
+    if (!address) {
+        return address.failure();
+    }
+    return "http://" + *address + "/?token=" + *token;
+}
+
+std::optional<int> runConsoleVerb(const std::vector<std::string_view>& arguments) {
+    bool json = false;
+    std::size_t index = 0;
+    for (; index < arguments.size(); ++index) {
+        if (arguments[index] == "--json") {
+            json = true;
+        } else if (arguments[index] == "--plugin" || arguments[index] == "--wait") {
+            ++index;
+        } else if (arguments[index] != "--direct") {
+            break;
+        }
+    }
+    const bool webUrl = index + 1 == arguments.size() && arguments[index] == "web-url";
+    const bool check = index + 1 < arguments.size() && arguments[index] == "settings" &&
+                       arguments[index + 1] == "--check";
+    if (!webUrl && !check) {
+        return std::nullopt;
+    }
+    // The token hands out the whole console, and the check runs a program as the service
+    // account: both are root's.
+    if (geteuid() != 0) {
+        complain("must be run as root");
+        return kExitNotRoot;
+    }
+    if (webUrl) {
+        return printWebUrl();
+    }
+    return checkSettingsCommand(
+        {arguments.begin() + static_cast<std::ptrdiff_t>(index) + 2, arguments.end()}, json);
+}
+
+}  // namespace velnor::host

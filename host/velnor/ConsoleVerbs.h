@@ -1,0 +1,28 @@
+// The command-line side of the web console and of the settings check: `velnor web-url`, which
+// prints the console's address with its access token, and `velnor settings --check K=V ...`,
+// which says what the server program thinks of each setting without writing anything.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Result.h"
+
+namespace velnor::host {
+
+// Where velnord leaves the console's token (root's, 0600) and address (root's, 0644).
+inline constexpr const char* kWebTokenPath = "/run/velnor/web-token";
+inline constexpr const char* kWebAddressPath = "/run/velnor/web-address";
+
+// "http://ADDR:PORT/?token=TOKEN", from the files that velnord wrote. Fails when either is
+// missing (no console runs), or is not root's alone, or the token file can be read by others.
+support::Result<std::string> readWebUrl();
+
+// Runs `web-url` or `settings --check ...` when the arguments (after any of --json, --direct,
+// --plugin PATH, --wait SECONDS) name one of them, and answers its exit status; nothing for
+// every other command line.
+std::optional<int> runConsoleVerb(const std::vector<std::string_view>& arguments);
+
+}  // namespace velnor::host
