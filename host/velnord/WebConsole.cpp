@@ -2,6 +2,7 @@
 
 #include <httplib.h>
 #include <signal.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <charconv>
@@ -215,6 +216,20 @@ void WebConsole::route() {
                                 {"X-Frame-Options", "DENY"},
                                 {"Referrer-Policy", "no-referrer"},
                                 {"Cache-Control", "no-store"}});
+    // What went wrong stays in the daemon's log; the page learns only that it did.
+    server.set_exception_handler(
+        [](const Request& request, Response& response, std::exception_ptr thrown) {
+            std::string what = "an unknown exception";
+            try {
+                std::rethrow_exception(thrown);
+            } catch (const std::exception& exception) {
+                what = exception.what();
+            } catch (...) {
+            }
+            ::syslog(LOG_ERR, "the web console could not answer %s: %s", request.path.c_str(),
+                     what.c_str());
+            answerText(response, 500, "velnord could not answer; its log says why");
+        });
     server.set_pre_routing_handler([this](const Request& request, Response& response) {
         return admitted(request, response) ? httplib::Server::HandlerResponse::Unhandled
                                            : httplib::Server::HandlerResponse::Handled;
