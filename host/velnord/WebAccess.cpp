@@ -97,6 +97,7 @@ WebAccess::Exchange WebAccess::exchange(const std::string& presented, Clock::tim
         }
         return {};
     }
+    wrongTokens_ = 0;
     forgetExpired(now);
     if (sessions_.size() >= kMostSessions) {
         sessions_.erase(std::min_element(sessions_.begin(), sessions_.end(),

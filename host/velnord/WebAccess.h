@@ -51,7 +51,8 @@ class WebAccess {
         std::optional<std::chrono::seconds> retryAfter;
     };
     // Exchanges the token for a session. After a few wrong tokens, every attempt (the right
-    // token too) is refused for a time that doubles with each further wrong one.
+    // token too) is refused for a time that doubles with each further wrong one; the right
+    // token, once heard, starts the count again.
     Exchange exchange(const std::string& presented, Clock::time_point now = Clock::now());
 
     // The session with this id, when it exists and has not expired.

@@ -132,10 +132,18 @@ class WebConsole(harness.ScenarioCase):
         see("settings-result", 'invalid value for parameter "shared_buffers": "lots"', "04-refused")
         self.assertEqual(harness.job_file_bytes(), job, "a refused setting leaves the job file alone")
 
-        with harness.Client("console-idle") as client:
+        with harness.Client("console-idle") as client, harness.Client("console-busy") as busy:
+            busy.send("BEGIN;")
+            inside = busy.wait_for_state("idle in transaction")
             backend = client.wait_for_state("idle")
-            see("clients", f"{backend} postgres _postgres idle", "05-idle-client")
-            self.assertIn("a stop ends it", text("clients"))
+            see("clients", f"{inside} postgres _postgres idle in transaction", None)
+            see("clients", f"{backend} postgres _postgres idle", "05-clients")
+            rows = {row.get_attribute("data-pid"): row.text
+                    for row in browser.find_elements(By.CSS_SELECTOR, "#clients tr")}
+            self.assertTrue(rows[str(inside)].endswith("keeps the server running"), rows)
+            self.assertTrue(rows[str(backend)].endswith("a stop ends it"), rows)
+            busy.close()
+            harness.wait_until(lambda: not harness.process_alive(inside), "the transaction ended")
             browser.find_element(By.ID, "stop").click()
             see("state", "STOPPED", None)
             see("result", "stop: done", "06-stopped")
