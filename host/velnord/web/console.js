@@ -64,7 +64,11 @@ function drawState(state, folders, lastTick) {
   byId('last-tick').textContent = timeOf(lastTick);
 }
 
+let drawnClients = '';
 function drawClients(clients) {
+  const drawing = JSON.stringify(clients || []);
+  if (drawing === drawnClients) return;
+  drawnClients = drawing;
   const body = byId('clients');
   body.replaceChildren();
   for (const client of clients || []) {
@@ -99,7 +103,13 @@ function settingRow(body, name, value, editable) {
   }
 }
 
+// Redrawn only when the settings, or the names of those changed on the page, differ: a value
+// being typed keeps its place and focus while the state refreshes around it.
+let drawnSettings = '';
 function drawSettings(configuration) {
+  const drawing = JSON.stringify([configuration || {}, [...pending.keys()]]);
+  if (drawing === drawnSettings) return;
+  drawnSettings = drawing;
   settings = configuration || {};
   const body = byId('settings');
   body.replaceChildren();
