@@ -93,7 +93,7 @@ class WebConsole(harness.ScenarioCase):
         options = webdriver.ChromeOptions()
         options.binary_location = "/usr/bin/chromium"
         for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage",
-                         "--window-size=1280,1500", "--user-data-dir=/tmp/chromium"):
+                         "--window-size=1280,2000", "--user-data-dir=/tmp/chromium"):
             options.add_argument(argument)
         browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
         self.addCleanup(browser.quit)
