@@ -43,8 +43,9 @@ bool fileExists(const std::string& path) {
 }
 
 std::string pluginPathFor(const Command& command) {
-    return choosePluginPath(command.pluginPath, std::getenv("VELNOR_PLUGIN"),
-                            VELNOR_INSTALLED_PLUGIN, VELNOR_BUILD_TREE_PLUGIN, fileExists);
+    const std::string bundled = bundledPluginPath(VELNOR_PLUGIN_FROM_PROGRAM);
+    return choosePluginPath(command.pluginPath, std::getenv("VELNOR_PLUGIN"), bundled, bundled,
+                            fileExists);
 }
 
 // The argument the operation is called with, or nothing with the exit status in status: the

@@ -5,6 +5,8 @@
 // included) edits the tree itself; everything else converts it to a PlistValue.
 #pragma once
 
+#include "Export.h"
+
 #include <plist/plist.h>
 
 #include <functional>
@@ -40,7 +42,7 @@ support::Result<PlistNode> readPlistNodeFile(const std::string& path);
 std::string xmlOfPlistNode(plist_t node);
 
 // The bytes in base64, as a property list's data element writes them.
-std::string base64OfBytes(std::string_view bytes);
+VELNOR_EXPORT std::string base64OfBytes(std::string_view bytes);
 
 // The tree as a PlistValue. Fails, saying which value and where it is, when the tree holds one
 // that PlistValue cannot hold (an integer above the largest signed 64-bit one).

@@ -1,6 +1,8 @@
 // The process table of the host support library.
 #pragma once
 
+#include "Export.h"
+
 #include <sys/types.h>
 
 #include <cstddef>
@@ -25,4 +27,4 @@ struct kinfo_proc {
 // Every process, in the order in which the kernel lists them. On success (0), *table points to
 // *count consecutive records that the library keeps: the caller never frees them, and they
 // stay valid until the next call. Any other result is a failure and leaves both untouched.
-extern "C" std::int32_t ec_get_process_table(kinfo_proc** table, std::size_t* count);
+extern "C" VELNOR_EXPORT std::int32_t ec_get_process_table(kinfo_proc** table, std::size_t* count);

@@ -4,6 +4,8 @@
 // (`could not open "/a/b": No such file or directory`), and carries its errno.
 #pragma once
 
+#include "Export.h"
+
 #include <sys/types.h>
 
 #include <string>
@@ -15,7 +17,7 @@ namespace velnor {
 
 // The whole of the regular file at path. A failure's error() is the failing call's errno, so
 // that callers can tell a missing file (ENOENT) from an unreadable one.
-support::Result<std::string> readWholeFile(const std::string& path);
+VELNOR_EXPORT support::Result<std::string> readWholeFile(const std::string& path);
 
 // Replaces the file at path with one holding contents: written to a temporary file in the same
 // folder, flushed to disk and renamed over path, so that a reader sees the old file or the new
