@@ -33,8 +33,8 @@ constexpr CodeWords kCodeWords[] = {
 // Fields of the protocol's own bookkeeping, which tell a person nothing.
 constexpr std::string_view kProtocolFields[] = {"setStateVersion", "readStatus", "writeStatus"};
 
-// The process titles of the server's background processes that have more than one word; a
-// client's title never starts with these, since its third word is where it connects from.
+// The third word of a client's process title: where it connects from, "[local]" for the
+// socket or "ADDRESS(PORT)"; the server's own processes (background writer, ...) have none.
 bool isClientHost(std::string_view host) {
     return host == "[local]" || (host.ends_with(')') && host.find('(') != std::string_view::npos);
 }
@@ -48,8 +48,7 @@ std::vector<std::string> words(std::string_view text) {
     return split;
 }
 
-// The file read whole, at most limit bytes: /proc files of a process the caller does not own
-// the content of.
+// The start of a /proc file, at most limit bytes: empty when the process has ended.
 std::string readSmallFile(const std::string& path, std::size_t limit) {
     std::ifstream in(path, std::ios::binary);
     std::string text(limit, '\0');

@@ -195,9 +195,12 @@ void explainHeldStop(const Call& call) {
     if (now == nullptr || *now != "RUNNING") {
         return;
     }
+    // A server that is just exiting still counts as running, with no client left to name.
     std::vector<ClientTitle> clients = serverClients();
-    complain("the service is still running: the server shuts down once its " +
-             std::to_string(clients.size()) + " client(s) end");
+    if (clients.empty()) {
+        return;
+    }
+    complain("the service is still running: the server shuts down once these clients end");
     for (const ClientTitle& client : clients) {
         std::fprintf(stderr, "  pid %d  database %s  user %s  %s\n", static_cast<int>(client.pid),
                      client.database.c_str(), client.user.c_str(), client.state.c_str());
@@ -279,13 +282,19 @@ int runInProcess(const Command& command) {
     if (!lock) {
         return status;
     }
-    Call call = [&plugin](const std::string& name,
-                          const OperationArgument& argument) -> support::Result<Outcome> {
+    // The class hook runs once, before the first call, as the daemon runs it once.
+    bool initialized = false;
+    Call call = [&plugin, &initialized](
+                    const std::string& name,
+                    const OperationArgument& argument) -> support::Result<Outcome> {
         const HostOperation* operation = findOperation(plugin, name);
         if (operation == nullptr || !argumentFitsStyle(operation->style, argument)) {
             return support::Failure{EINVAL, "the plug-in cannot answer " + name};
         }
-        return runOperation(plugin, *operation, argument);
+        if (!std::exchange(initialized, true)) {
+            return runOperation(plugin, *operation, argument);
+        }
+        return callWithNewHandler(plugin, *operation, argument);
     };
     return conclude(command, *argument, call);
 }

@@ -6,10 +6,10 @@
 // The library's own failures are logged at LOG_ERR, each message beginning "velnor: ".
 #pragma once
 
-#include "Export.h"
-
 #include <functional>
 #include <string>
+
+#include "Export.h"
 
 namespace velnor {
 

@@ -1,11 +1,11 @@
 // The launchd job files and job control of the host support library.
 #pragma once
 
-#include "Export.h"
-
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "Export.h"
 
 namespace velnor {
 
@@ -14,13 +14,15 @@ using LaunchArguments = std::vector<std::string>;
 
 // The strings under ProgramArguments of the property list at path; nothing when the file is
 // missing, unreadable, not a dictionary, or has no such array of strings.
-VELNOR_EXPORT std::optional<LaunchArguments> GetLaunchDaemonServiceConfigArgs(const std::string& path);
+VELNOR_EXPORT std::optional<LaunchArguments> GetLaunchDaemonServiceConfigArgs(
+    const std::string& path);
 
 // Replaces ProgramArguments in the job file at path, keeping every other key and value, the
 // file's mode and owner. Written as XML, atomically. A missing file is created holding just
 // ProgramArguments. False when it cannot be written, or when an argument holds a character
 // that the XML file cannot carry exactly (PlistText.h); the old file is then left whole.
-VELNOR_EXPORT bool SetLaunchDaemonServiceConfigArgs(const std::string& path, const LaunchArguments& arguments);
+VELNOR_EXPORT bool SetLaunchDaemonServiceConfigArgs(const std::string& path,
+                                                    const LaunchArguments& arguments);
 
 // state 1: has the job with this label run (true at once when it already runs); state 0: sends
 // it SIGTERM without waiting (true also when it does not run). False when the job file or its

@@ -5,8 +5,6 @@
 // included) edits the tree itself; everything else converts it to a PlistValue.
 #pragma once
 
-#include "Export.h"
-
 #include <plist/plist.h>
 
 #include <functional>
@@ -16,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Export.h"
 #include "PlistValue.h"
 #include "Result.h"
 

@@ -4,12 +4,11 @@
 // holding any of these would come back otherwise, or make the file unreadable.
 #pragma once
 
-#include "Export.h"
-
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "Export.h"
 #include "PlistValue.h"
 
 namespace velnor {

@@ -6,8 +6,6 @@
 // A default-constructed value is absent; a dictionary refuses to hold an absent value.
 #pragma once
 
-#include "Export.h"
-
 #include <cstdint>
 #include <initializer_list>
 #include <map>
@@ -17,6 +15,8 @@
 #include <utility>
 #include <variant>
 #include <vector>
+
+#include "Export.h"
 
 namespace velnor {
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "Export.h"
-
 #include "PlistValue.h"
 
 namespace velnor {

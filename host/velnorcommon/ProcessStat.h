@@ -4,13 +4,13 @@
 // Nothing here allocates memory, so that a child process between fork and exec may use it.
 #pragma once
 
-#include "Export.h"
-
 #include <sys/types.h>
 
 #include <cstdint>
 #include <optional>
 #include <string_view>
+
+#include "Export.h"
 
 namespace velnor {
 

@@ -1,12 +1,12 @@
 // The process table of the host support library.
 #pragma once
 
-#include "Export.h"
-
 #include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
+
+#include "Export.h"
 
 // Linux has no kinfo_proc: this is a minimal record with the two fields that plug-ins read,
 // under the names that the BSD record gives them.

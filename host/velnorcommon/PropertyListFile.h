@@ -1,11 +1,10 @@
 // Property-list files, read and written through libplist.
 #pragma once
 
-#include "Export.h"
-
 #include <string>
 #include <string_view>
 
+#include "Export.h"
 #include "PlistValue.h"
 #include "Result.h"
 
@@ -33,6 +32,7 @@ VELNOR_EXPORT std::string toBinaryPropertyList(const PlistValue& value);
 // and renames it over path, keeping the mode and owner of the file it replaces. On failure the
 // old file is left whole, and the reason is also logged in the host's log. A value holding a
 // string that XML cannot carry exactly (PlistText.h) is refused.
-VELNOR_EXPORT support::Status writePropertyListAtomically(const std::string& path, const PlistValue& value);
+VELNOR_EXPORT support::Status writePropertyListAtomically(const std::string& path,
+                                                          const PlistValue& value);
 
 }  // namespace velnor

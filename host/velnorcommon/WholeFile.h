@@ -4,13 +4,12 @@
 // (`could not open "/a/b": No such file or directory`), and carries its errno.
 #pragma once
 
-#include "Export.h"
-
 #include <sys/types.h>
 
 #include <string>
 #include <string_view>
 
+#include "Export.h"
 #include "Result.h"
 
 namespace velnor {

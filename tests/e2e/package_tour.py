@@ -33,7 +33,8 @@ class InstalledPackage(harness.ScenarioCase):
         environment = {key: value for key, value in os.environ.items() if key != "VELNOR_PLUGIN"}
         tour = [  # arguments, exit status, output
             (["--version"], 0, "0.1\n"), (["status"], 3, "state: stopped\n"), (["start", "-q"], 0, ""),
-            (["status"], 0, "state: running\n"), (["stop", "-q"], 0, ""), (None, 0, ""),
+            (["status"], 0, "state: running\n"), (["status", "--json"], 0, '{\n  "state": "RUNNING"\n}\n'),
+            (["stop", "-q"], 0, ""), (None, 0, ""),
             (["status"], 3, "state: stopped\n"),
         ]
         for arguments, expected, text in tour:
