@@ -222,8 +222,10 @@ support::Result<Command> parseCommandLine(std::span<const std::string_view> argu
     try {
         app.parse(reversed);
     } catch (const CLI::CallForHelp&) {
-        const CLI::App* asked = app.get_subcommands().empty() ? &app : app.get_subcommands()[0];
-        command.answer = asked->help();
+        // A verb's usage reads "velnor VERB".
+        command.answer = app.get_subcommands().empty()
+                             ? app.help()
+                             : app.get_subcommands()[0]->help(app.get_name());
         return command;
     } catch (const CLI::CallForVersion&) {
         command.answer = std::string(VELNOR_VERSION) + "\n";
