@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <charconv>
 #include <limits>
@@ -7,68 +8,25 @@
 namespace velnor::host {
 namespace {
 
-constexpr std::string_view kUsage =
-    "usage: velnor [--direct] [--plugin PATH] [--json] [--wait SECONDS] call OPERATION [ARGUMENT]\n"
-    "       velnor [--direct] [--plugin PATH] [--json] [--wait SECONDS]\n"
-    "              status [--details] | start | stop | restart | settings [KEY=VALUE ...]\n"
-    "              | setup [--data-location DIR | --upgrade] | log-path | idle\n"
-    "       velnor --help\n";
+constexpr std::string_view kDescription =
+    "velnor loads the service plug-in and runs one of its operations: the friendly verbs print\n"
+    "the answer in a short human form (JSON with --json), `call` runs any operation by its name\n"
+    "and prints the response as an XML property list. Options may stand before or after the\n"
+    "verb. When velnord answers on /run/velnor/velnord.sock, the call is sent there.";
 
-constexpr std::string_view kHelp =
-    "velnor loads a service plug-in and runs one of its operations.\n"
-    "\n"
-    "usage: velnor [--direct] [--plugin PATH] [--json] [--wait SECONDS] call OPERATION [ARGUMENT]\n"
-    "       velnor [--direct] [--plugin PATH] [--json] [--wait SECONDS] COMMAND [OPTIONS]\n"
-    "       velnor --help\n"
-    "\n"
-    "Options (before the command):\n"
-    "  --direct        load the plug-in and run the operation in this process even when\n"
-    "                  velnord answers on /run/velnor/velnord.sock\n"
-    "  --plugin PATH   the plug-in module to load; else $VELNOR_PLUGIN, else the installed\n"
-    "                  module, else the one in the build tree (velnord uses its own)\n"
-    "  --json          print responses as JSON (an absent response prints null)\n"
-    "  --wait SECONDS  give up when another velnor holds the host lock that long (exit 75);\n"
-    "                  without it, wait as long as it takes\n"
-    "  --help          print this text\n"
-    "\n"
-    "Commands:\n"
-    "  call OPERATION [ARGUMENT]\n"
-    "      Runs an operation of the plug-in by its name and prints the response as an XML\n"
-    "      property list (nothing when the response is absent). For a request operation\n"
-    "      ARGUMENT is a property-list file (XML or binary) holding the request dictionary,\n"
-    "      - for standard input, or nothing for an empty request. For a service operation it\n"
-    "      is the variant string, or nothing for no variant. For doIdleAtCount it is the count\n"
-    "      (default 0), and the result is printed.\n"
-    "  status [--details]       the service's state; --details adds the data folder and server\n"
-    "  start | stop | restart   starts, stops or restarts the service\n"
-    "  settings                 prints the service's settings\n"
-    "  settings KEY=VALUE ...   changes settings (split at the first =) and restarts a running\n"
-    "                           service so that it picks them up\n"
-    "  setup [--data-location DIR | --upgrade]\n"
-    "                           first set-up with a new data folder, or again keeping the\n"
-    "                           existing one\n"
-    "  log-path                 the path of the service's log file\n"
-    "  idle                     the periodic idle call, once\n"
-    "  These print the response in a short human form (key: value), or JSON with --json.\n"
-    "\n"
+constexpr std::string_view kFooter =
     "Exit status:\n"
-    "  0   the operation answered normally, or answered nothing\n"
-    "  1   the operation answered an error response (a dictionary holding \"error\")\n"
+    "  0   the operation answered normally, or answered nothing; status: the service runs\n"
+    "  1   the operation answered an error response (explained on standard error)\n"
     "  2   the operation ended without a response; the error is named on standard error\n"
+    "  3   status: the service is stopped\n"
     "  64  bad usage, an operation the plug-in does not have, or a count that is not an int32\n"
     "  65  the request file cannot be read, is not a property list, or is not a dictionary\n"
-    "  69  the plug-in cannot be loaded, has no descriptor, or speaks another interface\n"
-    "      version\n"
+    "  69  the plug-in cannot be loaded, has no descriptor, or speaks another interface version\n"
     "  73  the host lock cannot be created or taken\n"
     "  74  the response cannot be written to standard output\n"
     "  75  another velnor held the host lock for all of --wait\n"
     "  77  velnor was not run as root\n"
-    "\n"
-    "When velnord answers on its control socket, velnor sends the call there and loads\n"
-    "nothing; else, or with --direct, it runs the call itself.\n"
-    "Only root may run velnor. Every operation runs under an exclusive lock on\n"
-    "/var/run/velnor/host.lock, so two velnor processes never run plug-in operations at the same\n"
-    "time. The plug-in's log messages also appear on standard error.\n"
     "\n"
     "Environment:\n"
     "  VELNOR_PLUGIN     the plug-in module when --plugin is not given\n"
@@ -76,57 +34,15 @@ constexpr std::string_view kHelp =
     "  PGHOST            the database server's socket folder; /var/pgsql_socket when unset\n"
     "  PGCONNECT_TIMEOUT seconds the liveness probe waits for the server; 5 when unset\n";
 
-constexpr std::string_view kPluginOption = "--plugin";
-constexpr std::string_view kWaitOption = "--wait";
-constexpr std::string_view kDataLocationOption = "--data-location";
-
-// Walks the arguments once, front to back.
-class ArgumentCursor {
-  public:
-    explicit ArgumentCursor(std::span<const std::string_view> arguments) : rest_(arguments) {}
-
-    bool atEnd() const { return rest_.empty(); }
-    std::string_view peek() const { return rest_.front(); }
-    std::string_view next() {
-        std::string_view argument = rest_.front();
-        rest_ = rest_.subspan(1);
-        return argument;
-    }
-
-  private:
-    std::span<const std::string_view> rest_;
-};
-
-// The value of an option written either as `--name VALUE` or as `--name=VALUE`; the option's
-// own argument has been taken already. Nothing when the value is missing or empty.
-std::optional<std::string> optionValue(std::string_view option, std::string_view name,
-                                       ArgumentCursor& cursor) {
-    std::string_view value;
-    if (option.size() > name.size()) {
-        value = option.substr(name.size() + 1);
-    } else if (!cursor.atEnd()) {
-        value = cursor.next();
-    }
-    if (value.empty()) {
-        return std::nullopt;
-    }
-    return std::string(value);
-}
-
-bool isOption(std::string_view argument, std::string_view name) {
-    return argument == name || (argument.starts_with(name) && argument.size() > name.size() &&
-                                argument[name.size()] == '=');
-}
+constexpr std::string_view kVerbs[] = {"status", "start",    "stop", "restart", "settings",
+                                       "setup",  "log-path", "idle", "web-url"};
 
 // A whole, non-negative number of seconds, digits only.
-std::optional<std::chrono::seconds> parseSeconds(const std::optional<std::string>& text) {
+std::optional<std::chrono::seconds> parseSeconds(const std::string& text) {
     std::uint32_t seconds = 0;
-    if (!text) {
-        return std::nullopt;
-    }
-    const char* end = text->data() + text->size();
-    auto [stop, error] = std::from_chars(text->data(), end, seconds);
-    if (error != std::errc() || stop != end) {
+    const char* end = text.data() + text.size();
+    auto [stop, error] = std::from_chars(text.data(), end, seconds);
+    if (text.empty() || error != std::errc() || stop != end) {
         return std::nullopt;
     }
     return std::chrono::seconds(seconds);
@@ -137,48 +53,77 @@ support::Failure failure(std::string error) {
     return {EINVAL, std::move(error)};
 }
 
-support::Result<Command> noMoreArguments(Command command, ArgumentCursor& cursor) {
-    if (!cursor.atEnd()) {
-        return failure("unexpected argument \"" + std::string(cursor.peek()) + "\"");
-    }
-    return command;
+// What the parser fills in; turned into a Command once the verb is known.
+struct Typed {
+    std::string plugin;
+    std::string wait;
+    std::string operation;
+    std::vector<std::string> callArgument;
+    bool details = false;
+    std::vector<std::string> settings;
+    bool check = false;
+    std::string dataLocation;
+    bool upgrade = false;
+};
+
+// The host's options, which every verb takes too: a verb falls through to them.
+void addHostOptions(CLI::App& app, Command& command, Typed& typed) {
+    app.add_flag("--json", command.json, "print responses as JSON (an absent response: null)");
+    app.add_flag("-q,--quiet", command.quiet,
+                 "print nothing on success and no log messages; failures are still told");
+    app.add_flag("--direct", command.direct,
+                 "run the operation in this process even when velnord answers");
+    app.add_option("--plugin", typed.plugin,
+                   "the plug-in module; else $VELNOR_PLUGIN, else the installed one")
+        ->type_name("PATH");
+    app.add_option("--wait", typed.wait,
+                   "give up when another velnor holds the host lock that long (exit 75)")
+        ->type_name("SECONDS");
+    app.set_version_flag("--version", VELNOR_VERSION, "print velnor's version");
 }
 
-support::Result<Command> parseCall(Command command, ArgumentCursor& cursor) {
-    if (cursor.atEnd() || cursor.peek().empty()) {
-        return failure("call needs the name of an operation");
-    }
-    command.operation = cursor.next();
-    RawArgument raw;
-    if (!cursor.atEnd()) {
-        raw.text = std::string(cursor.next());
-    }
-    command.argument = std::move(raw);
-    return noMoreArguments(std::move(command), cursor);
+void addVerbs(CLI::App& app, Typed& typed) {
+    CLI::App* call =
+        app.add_subcommand("call",
+                           "run an operation by its name; ARGUMENT: a request file (- for standard "
+                           "input), a variant or a count");
+    call->add_option("OPERATION", typed.operation, "the operation's name")->required();
+    call->add_option("ARGUMENT", typed.callArgument, "its argument")->expected(0, 1);
+    app.add_subcommand("status", "the service's state: exits 0 when it runs, 3 when stopped")
+        ->add_flag("--details", typed.details,
+                   "add the data folder's checks, whether the server answers, its version")
+        ->multi_option_policy(CLI::MultiOptionPolicy::Throw);
+    app.add_subcommand("start", "start the service");
+    app.add_subcommand("stop", "stop the service");
+    app.add_subcommand("restart", "restart the service");
+    CLI::App* settings = app.add_subcommand(
+        "settings", "print the settings, or change them (KEY=VALUE) and restart a running service");
+    settings->add_option("KEY=VALUE", typed.settings, "a setting to change");
+    settings->add_flag("--check", typed.check,
+                       "ask the server program whether it accepts each setting; write nothing");
+    CLI::App* setup = app.add_subcommand("setup", "set up the service the first time");
+    CLI::Option* location =
+        setup->add_option("--data-location", typed.dataLocation, "a new data folder")
+            ->type_name("DIR")
+            ->check([](const std::string& value) {
+                return value.empty() ? std::string("needs a folder") : std::string();
+            });
+    setup->add_flag("--upgrade", typed.upgrade, "set up again, keeping the data folder")
+        ->excludes(location);
+    app.add_subcommand("log-path", "the path of the service's log file");
+    app.add_subcommand("idle", "the periodic housekeeping, once");
+    app.add_subcommand("web-url", "the web console's address, with its access token");
 }
 
-support::Result<Command> parseStatus(Command command, ArgumentCursor& cursor) {
-    PlistDictionary request;
-    if (!cursor.atEnd() && cursor.peek() == "--details") {
-        cursor.next();
-        request.set("variant", PlistValue("withDetails"));
-    }
-    command.operation = "getStateWithRequest";
-    command.argument = std::move(request);
-    return noMoreArguments(std::move(command), cursor);
-}
-
-support::Result<Command> parseSettings(Command command, ArgumentCursor& cursor) {
+support::Result<Command> settingsCommand(Command command, const Typed& typed) {
     PlistDictionary configuration;
-    while (!cursor.atEnd()) {
-        std::string_view setting = cursor.next();
+    for (const std::string& setting : typed.settings) {
         // Values may hold "=" themselves (search_path="$user",public), keys never do.
         std::size_t equals = setting.find('=');
-        if (equals == std::string_view::npos || equals == 0) {
-            return failure("a setting is written KEY=VALUE, not \"" + std::string(setting) + "\"");
+        if (equals == std::string::npos || equals == 0) {
+            return failure("a setting is written KEY=VALUE, not \"" + setting + "\"");
         }
-        configuration.set(std::string(setting.substr(0, equals)),
-                          PlistValue(std::string(setting.substr(equals + 1))));
+        configuration.set(setting.substr(0, equals), PlistValue(setting.substr(equals + 1)));
     }
     if (configuration.empty()) {
         command.operation = "readSettingsWithRequest";
@@ -190,107 +135,119 @@ support::Result<Command> parseSettings(Command command, ArgumentCursor& cursor) 
     return command;
 }
 
-support::Result<Command> parseSetup(Command command, ArgumentCursor& cursor) {
-    std::optional<std::string> dataLocation;
-    bool upgrade = false;
-    while (!cursor.atEnd()) {
-        std::string_view option = cursor.next();
-        if (option == "--upgrade") {
-            upgrade = true;
-        } else if (isOption(option, kDataLocationOption)) {
-            dataLocation = optionValue(option, kDataLocationOption, cursor);
-            if (!dataLocation) {
-                return failure("--data-location needs a folder");
-            }
-        } else {
-            return failure("unexpected argument \"" + std::string(option) + "\"");
-        }
+// The operation and argument of the verb that was typed.
+support::Result<Command> verbCommand(Command command, const Typed& typed) {
+    const std::string& verb = command.verb;
+    if (verb == "call") {
+        command.verb.clear();
+        command.operation = typed.operation;
+        command.argument = RawArgument{
+            typed.callArgument.empty() ? std::nullopt : std::optional(typed.callArgument.front())};
+        return command;
     }
-    if (upgrade && dataLocation) {
-        return failure("setup takes either --data-location or --upgrade, not both");
+    command.human = true;
+    if (verb == "web-url") {
+        return command;
+    }
+    if (verb == "settings" && typed.check) {
+        command.settingsToCheck = typed.settings;
+        return command;
+    }
+    if (verb == "settings") {
+        return settingsCommand(std::move(command), typed);
     }
     PlistDictionary request;
-    if (upgrade) {
-        request.set("upgrade", PlistValue::boolean(true));
-    } else if (dataLocation) {
-        request.set("dataLocation", PlistValue(std::move(*dataLocation)));
+    if (verb == "status") {
+        if (typed.details) {
+            request.set("variant", PlistValue("withDetails"));
+        }
+        command.operation = "getStateWithRequest";
+    } else if (verb == "setup") {
+        if (typed.upgrade) {
+            request.set("upgrade", PlistValue::boolean(true));
+        } else if (!typed.dataLocation.empty()) {
+            request.set("dataLocation", PlistValue(typed.dataLocation));
+        }
+        command.operation = "initialSetupWithRequest";
+    } else if (verb == "log-path") {
+        command.operation = "getLogPathsWithRequest";
+    } else if (verb == "idle") {
+        command.operation = "doIdleAtCount";
+        command.argument = std::int32_t{0};
+        return command;
+    } else {
+        command.operation = verb == "start"  ? "startServiceWithVariant"
+                            : verb == "stop" ? "stopServiceWithVariant"
+                                             : "recycleServiceWithVariant";
+        command.argument = PlistValue();
+        return command;
     }
-    command.operation = "initialSetupWithRequest";
     command.argument = std::move(request);
     return command;
 }
 
-support::Result<Command> parseVerb(std::string_view verb, Command command, ArgumentCursor& cursor) {
-    if (verb == "call") {
-        return parseCall(std::move(command), cursor);
+// What a refused command line is told: an argument where a verb should be is named, with the
+// verbs that there are.
+std::string parseFailure(const CLI::App& app, const CLI::ParseError& error) {
+    if (!app.get_subcommands().empty() || app.remaining().empty()) {
+        return error.what();
     }
-    command.human = true;
-    if (verb == "status") {
-        return parseStatus(std::move(command), cursor);
+    std::string verbs = "call";
+    for (std::string_view verb : kVerbs) {
+        verbs += ", " + std::string(verb);
     }
-    if (verb == "settings") {
-        return parseSettings(std::move(command), cursor);
+    return "unknown command \"" + app.remaining().front() + "\"; the commands are " + verbs;
+}
+
+// The host options' values, checked.
+support::Status checkHostOptions(Command& command, const Typed& typed, const CLI::App& app) {
+    if (app.count("--plugin") > 0) {
+        if (typed.plugin.empty()) {
+            return failure("--plugin needs the path of a plug-in module");
+        }
+        command.pluginPath = typed.plugin;
     }
-    if (verb == "setup") {
-        return parseSetup(std::move(command), cursor);
-    }
-    struct PlainVerb {
-        std::string_view verb;
-        const char* operation;
-        OperationArgument argument;
-    };
-    const PlainVerb plainVerbs[] = {
-        {"start", "startServiceWithVariant", PlistValue()},
-        {"stop", "stopServiceWithVariant", PlistValue()},
-        {"restart", "recycleServiceWithVariant", PlistValue()},
-        {"log-path", "getLogPathsWithRequest", PlistDictionary()},
-        {"idle", "doIdleAtCount", std::int32_t{0}},
-    };
-    for (const PlainVerb& plain : plainVerbs) {
-        if (plain.verb == verb) {
-            command.operation = plain.operation;
-            command.argument = plain.argument;
-            return noMoreArguments(std::move(command), cursor);
+    if (app.count("--wait") > 0) {
+        command.lockWait = parseSeconds(typed.wait);
+        if (!command.lockWait) {
+            return failure("--wait needs a whole number of seconds");
         }
     }
-    return failure("unknown command \"" + std::string(verb) + "\"");
+    return {};
 }
 
 }  // namespace
 
 support::Result<Command> parseCommandLine(std::span<const std::string_view> arguments) {
-    ArgumentCursor cursor(arguments);
     Command command;
-    while (!cursor.atEnd() && cursor.peek().starts_with("-")) {
-        std::string_view option = cursor.next();
-        if (option == "--help" || option == "-h") {
-            Command help;
-            help.help = true;
-            return help;
-        }
-        if (option == "--json") {
-            command.json = true;
-        } else if (option == "--direct") {
-            command.direct = true;
-        } else if (isOption(option, kWaitOption)) {
-            command.lockWait = parseSeconds(optionValue(option, kWaitOption, cursor));
-            if (!command.lockWait) {
-                return failure("--wait needs a whole number of seconds");
-            }
-        } else if (isOption(option, kPluginOption)) {
-            command.pluginPath = optionValue(option, kPluginOption, cursor);
-            if (!command.pluginPath) {
-                return failure("--plugin needs the path of a plug-in module");
-            }
-        } else {
-            return failure("unknown option \"" + std::string(option) + "\"");
-        }
+    Typed typed;
+    CLI::App app(std::string(kDescription), "velnor");
+    app.fallthrough();
+    app.require_subcommand(1);
+    addHostOptions(app, command, typed);
+    addVerbs(app, typed);
+    app.footer(std::string(kFooter));
+    // CLI11 takes the arguments last first.
+    std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+    try {
+        app.parse(reversed);
+    } catch (const CLI::CallForHelp&) {
+        // A verb's usage reads "velnor VERB".
+        command.answer = app.get_subcommands().empty()
+                             ? app.help()
+                             : app.get_subcommands()[0]->help(app.get_name());
+        return command;
+    } catch (const CLI::CallForVersion&) {
+        command.answer = std::string(VELNOR_VERSION) + "\n";
+        return command;
+    } catch (const CLI::ParseError& error) {
+        return failure(parseFailure(app, error));
     }
-    if (cursor.atEnd()) {
-        return failure("no command given");
+    if (auto checked = checkHostOptions(command, typed, app); !checked) {
+        return checked.failure();
     }
-    std::string_view verb = cursor.next();
-    return parseVerb(verb, std::move(command), cursor);
+    command.verb = app.get_subcommands()[0]->get_name();
+    return verbCommand(std::move(command), typed);
 }
 
 std::optional<std::int32_t> parseIdleCount(std::string_view text) {
@@ -328,12 +285,12 @@ support::Result<OperationArgument> interpretRawArgument(OperationStyle style,
     return failure("a request operation's argument is read from a file, not interpreted");
 }
 
-std::string_view usageText() {
-    return kUsage;
+std::string_view usageHint() {
+    return "Try velnor --help, or velnor VERB --help.\n";
 }
 
-std::string_view helpText() {
-    return kHelp;
+std::span<const std::string_view> friendlyVerbs() {
+    return kVerbs;
 }
 
 }  // namespace velnor::host

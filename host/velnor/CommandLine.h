@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 #include "PlistValue.h"
 #include "PluginInterface.h"
@@ -28,21 +29,31 @@ using OperationArgument = std::variant<RawArgument, PlistDictionary /* request *
                                        PlistValue /* variant */, std::int32_t /* idle count */>;
 
 struct Command {
-    bool help = false;
+    // Text that answers the command line by itself (--help, a verb's --help, --version): it is
+    // printed and nothing else runs.
+    std::optional<std::string> answer;
     std::optional<std::string> pluginPath;
     bool json = false;
     // Run in this process even when the daemon answers.
     bool direct = false;
     // How long to wait for a host lock that another host holds; nothing: as long as it takes.
     std::optional<std::chrono::seconds> lockWait;
-    // Friendly verbs print the response in the short human form; `call` as a property list.
+    // Print nothing on success, and no log messages; failures are still told.
+    bool quiet = false;
+    // The friendly verb typed (status, start, ...), which prints the response in the short
+    // human form; empty for `call`, which prints it as a property list.
+    std::string verb;
     bool human = false;
     std::string operation;
     OperationArgument argument;
+    // `settings --check`: the KEY=VALUE pairs to ask the server program about; nothing is
+    // written and no operation runs.
+    std::optional<std::vector<std::string>> settingsToCheck;
 };
 
-// Parses the arguments that follow the program's name. `--help` anywhere before the verb
-// answers a help command; anything the usage does not allow fails with a message naming the
+// Parses the arguments that follow the program's name; the options of the host may stand
+// before or after the verb. `--help` answers the whole usage, `VERB --help` the verb's, and
+// `--version` the version; anything the usage does not allow fails with a message naming the
 // offending argument.
 support::Result<Command> parseCommandLine(std::span<const std::string_view> arguments);
 
@@ -57,9 +68,10 @@ std::optional<std::int32_t> parseIdleCount(std::string_view text);
 support::Result<OperationArgument> interpretRawArgument(OperationStyle style,
                                                         const RawArgument& raw);
 
-// The usage lines printed with a usage error.
-std::string_view usageText();
-// The full --help text: every command, the exit statuses and the environment.
-std::string_view helpText();
+// The line printed after a usage error.
+std::string_view usageHint();
+
+// The friendly verbs, in the order the help lists them.
+std::span<const std::string_view> friendlyVerbs();
 
 }  // namespace velnor::host

@@ -71,11 +71,10 @@ PlistValue verdictValue(const SettingVerdict& verdict) {
 
 // Exit 0 when the server accepts every setting, 1 when it refuses one; every setting is checked
 // first, so nothing runs for a command line with a malformed one.
-int checkSettingsCommand(const std::vector<std::string_view>& settings, bool json) {
+int checkSettingsCommand(const std::vector<std::string>& settings, bool json) {
     std::vector<std::pair<std::string, std::string>> pairs;
-    for (std::string_view setting : settings) {
-        support::Result<std::pair<std::string, std::string>> pair =
-            splitSetting(std::string(setting));
+    for (const std::string& setting : settings) {
+        support::Result<std::pair<std::string, std::string>> pair = splitSetting(setting);
         if (!pair) {
             complain(pair.message());
             return kExitUsage;
@@ -124,22 +123,8 @@ support::Result<std::string> readWebUrl() {
     return "http://" + *address + "/?token=" + *token;
 }
 
-std::optional<int> runConsoleVerb(const std::vector<std::string_view>& arguments) {
-    bool json = false;
-    std::size_t index = 0;
-    for (; index < arguments.size(); ++index) {
-        if (arguments[index] == "--json") {
-            json = true;
-        } else if (arguments[index] == "--plugin" || arguments[index] == "--wait") {
-            ++index;
-        } else if (arguments[index] != "--direct") {
-            break;
-        }
-    }
-    const bool webUrl = index + 1 == arguments.size() && arguments[index] == "web-url";
-    const bool check = index + 1 < arguments.size() && arguments[index] == "settings" &&
-                       arguments[index + 1] == "--check";
-    if (!webUrl && !check) {
+std::optional<int> runConsoleVerb(const Command& command) {
+    if (command.verb != "web-url" && !command.settingsToCheck) {
         return std::nullopt;
     }
     // The token hands out the whole console, and the check runs a program as the service
@@ -148,11 +133,10 @@ std::optional<int> runConsoleVerb(const std::vector<std::string_view>& arguments
         complain("must be run as root");
         return kExitNotRoot;
     }
-    if (webUrl) {
-        return printWebUrl();
+    if (command.settingsToCheck) {
+        return checkSettingsCommand(*command.settingsToCheck, command.json);
     }
-    return checkSettingsCommand(
-        {arguments.begin() + static_cast<std::ptrdiff_t>(index) + 2, arguments.end()}, json);
+    return printWebUrl();
 }
 
 }  // namespace velnor::host

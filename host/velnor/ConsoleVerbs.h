@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "CommandLine.h"
 #include "Result.h"
 
 namespace velnor::host {
@@ -20,9 +21,8 @@ inline constexpr const char* kWebAddressPath = "/run/velnor/web-address";
 // missing (no console runs), or is not root's alone, or the token file can be read by others.
 support::Result<std::string> readWebUrl();
 
-// Runs `web-url` or `settings --check ...` when the arguments (after any of --json, --direct,
-// --plugin PATH, --wait SECONDS) name one of them, and answers its exit status; nothing for
-// every other command line.
-std::optional<int> runConsoleVerb(const std::vector<std::string_view>& arguments);
+// Runs `web-url` or `settings --check ...` when the command is one of them, and answers its
+// exit status; nothing for every other command. Neither loads the plug-in or asks velnord.
+std::optional<int> runConsoleVerb(const Command& command);
 
 }  // namespace velnor::host

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <cerrno>
+#include <filesystem>
 
 namespace velnor::host {
 namespace {
@@ -55,6 +56,19 @@ std::string choosePluginPath(const std::optional<std::string>& option, const cha
         return environment;
     }
     return exists(installed) ? installed : buildTree;
+}
+
+std::string bundledPluginPath(std::string_view fromProgramFolder) {
+    std::error_code error;
+    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (error) {
+        return {};
+    }
+    const std::filesystem::path folder = program.parent_path();
+    if (std::filesystem::exists(folder / "velnor-build-tree", error)) {
+        return folder / "velnor_postgres.so";
+    }
+    return (folder / fromProgramFolder).lexically_normal();
 }
 
 support::Status checkDescriptor(const PluginDescriptor& descriptor) {

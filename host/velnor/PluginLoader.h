@@ -19,6 +19,12 @@ std::string choosePluginPath(const std::optional<std::string>& option, const cha
                              const std::string& installed, const std::string& buildTree,
                              const std::function<bool(const std::string&)>& exists);
 
+// The plug-in module that belongs with the running program (/proc/self/exe): in a build folder
+// (marked by a velnor-build-tree file beside the program) the module built there, else the one
+// installed at fromProgramFolder, a path relative to the program's folder. Empty when the
+// program's own path cannot be read.
+std::string bundledPluginPath(std::string_view fromProgramFolder);
+
 // Fails, with the reason alone as its message, when the host cannot use the descriptor:
 // another interface version, a missing hook, or an operation without a name or without the
 // function its style calls.

@@ -9,6 +9,8 @@
 #include <functional>
 #include <string>
 
+#include "Export.h"
+
 namespace velnor {
 
 inline constexpr const char* kHostLogPrefix = "velnor: ";
@@ -18,12 +20,12 @@ using LogSink = std::function<void(int priority, const std::string& message)>;
 
 // Makes sink the receiver of every later message; an empty sink restores the system log.
 // Set it before any thread logs: it is read without a lock.
-void setLogSink(LogSink sink);
+VELNOR_EXPORT void setLogSink(LogSink sink);
 
 // Logs one message at priority through the sink.
-void logMessage(int priority, const std::string& message);
+VELNOR_EXPORT void logMessage(int priority, const std::string& message);
 
 // Logs one failure; message is a line of text without the prefix.
-void logHostFailure(const std::string& message);
+VELNOR_EXPORT void logHostFailure(const std::string& message);
 
 }  // namespace velnor

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "Export.h"
+
 namespace velnor {
 
 // The ordered strings under ProgramArguments in a job file.
@@ -12,21 +14,23 @@ using LaunchArguments = std::vector<std::string>;
 
 // The strings under ProgramArguments of the property list at path; nothing when the file is
 // missing, unreadable, not a dictionary, or has no such array of strings.
-std::optional<LaunchArguments> GetLaunchDaemonServiceConfigArgs(const std::string& path);
+VELNOR_EXPORT std::optional<LaunchArguments> GetLaunchDaemonServiceConfigArgs(
+    const std::string& path);
 
 // Replaces ProgramArguments in the job file at path, keeping every other key and value, the
 // file's mode and owner. Written as XML, atomically. A missing file is created holding just
 // ProgramArguments. False when it cannot be written, or when an argument holds a character
 // that the XML file cannot carry exactly (PlistText.h); the old file is then left whole.
-bool SetLaunchDaemonServiceConfigArgs(const std::string& path, const LaunchArguments& arguments);
+VELNOR_EXPORT bool SetLaunchDaemonServiceConfigArgs(const std::string& path,
+                                                    const LaunchArguments& arguments);
 
 // state 1: has the job with this label run (true at once when it already runs); state 0: sends
 // it SIGTERM without waiting (true also when it does not run). False when the job file or its
 // arguments are missing, an account is unknown, the program cannot be executed, or the signal
 // cannot be sent; the reason goes to the log.
-bool SetLaunchDaemonServiceState(const std::string& label, int state);
+VELNOR_EXPORT bool SetLaunchDaemonServiceState(const std::string& label, int state);
 
 // True when the job's recorded process still runs (same pid and same start time).
-bool GetLaunchDaemonServiceState(const std::string& label);
+VELNOR_EXPORT bool GetLaunchDaemonServiceState(const std::string& label);
 
 }  // namespace velnor

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Export.h"
 #include "PlistValue.h"
 #include "Result.h"
 
@@ -40,7 +41,7 @@ support::Result<PlistNode> readPlistNodeFile(const std::string& path);
 std::string xmlOfPlistNode(plist_t node);
 
 // The bytes in base64, as a property list's data element writes them.
-std::string base64OfBytes(std::string_view bytes);
+VELNOR_EXPORT std::string base64OfBytes(std::string_view bytes);
 
 // The tree as a PlistValue. Fails, saying which value and where it is, when the tree holds one
 // that PlistValue cannot hold (an integer above the largest signed 64-bit one).

@@ -8,20 +8,21 @@
 #include <string>
 #include <string_view>
 
+#include "Export.h"
 #include "PlistValue.h"
 
 namespace velnor {
 
 // The position of the first character in text that an XML property list cannot carry exactly,
 // or std::string_view::npos when there is none.
-std::size_t uncarriableCharacterAt(std::string_view text);
+VELNOR_EXPORT std::size_t uncarriableCharacterAt(std::string_view text);
 
 // The character at position as messages name it: "U+0001".
-std::string characterNameAt(std::string_view text, std::size_t position);
+VELNOR_EXPORT std::string characterNameAt(std::string_view text, std::size_t position);
 
 // The first key or string in value, in the order of the tree, that holds such a character,
 // described with where it is: the string under "Outer" / 2 holds U+0001. Nothing when all of
 // them are carried exactly.
-std::optional<std::string> findUncarriableText(const PlistValue& value);
+VELNOR_EXPORT std::optional<std::string> findUncarriableText(const PlistValue& value);
 
 }  // namespace velnor

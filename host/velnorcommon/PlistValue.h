@@ -16,12 +16,14 @@
 #include <variant>
 #include <vector>
 
+#include "Export.h"
+
 namespace velnor {
 
 class PlistValue;
 using PlistArray = std::vector<PlistValue>;
 
-class PlistDictionary {
+class VELNOR_EXPORT PlistDictionary {
   public:
     using Entries = std::map<std::string, PlistValue, std::less<>>;
 
@@ -51,7 +53,7 @@ class PlistDictionary {
     Entries entries_;
 };
 
-class PlistValue {
+class VELNOR_EXPORT PlistValue {
   public:
     enum class Kind { Absent, String, Integer, Boolean, Array, Dictionary, Real, Date, Data, Uid };
 
@@ -125,10 +127,10 @@ class PlistValue {
 
 // The kind's name as messages show it: "string", "integer", "boolean", "array", "dictionary",
 // "real", "date", "data", "uid", "absent".
-const char* kindName(PlistValue::Kind kind);
+VELNOR_EXPORT const char* kindName(PlistValue::Kind kind);
 
 // A real as property lists write it: the shortest decimal form that reads back as the same
 // number ("0.1", "-0", "1e+300"), or "nan", "+infinity", "-infinity".
-std::string textOfReal(double number);
+VELNOR_EXPORT std::string textOfReal(double number);
 
 }  // namespace velnor

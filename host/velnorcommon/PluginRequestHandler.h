@@ -1,11 +1,12 @@
 // The base class of every service plug-in's request handler.
 #pragma once
 
+#include "Export.h"
 #include "PlistValue.h"
 
 namespace velnor {
 
-class PluginRequestHandler {
+class VELNOR_EXPORT PluginRequestHandler {
   public:
     PluginRequestHandler() = default;
     virtual ~PluginRequestHandler() = default;

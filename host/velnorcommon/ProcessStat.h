@@ -10,6 +10,8 @@
 #include <optional>
 #include <string_view>
 
+#include "Export.h"
+
 namespace velnor {
 
 struct ProcessStat {
@@ -23,13 +25,13 @@ struct ProcessStat {
 // The state and start time in the text of a stat file; nothing when the text is not one. The
 // command name in field 2 may hold spaces and parentheses, so fields are counted from the last
 // ')'.
-std::optional<ProcessStat> parseProcessStat(std::string_view text) noexcept;
+VELNOR_EXPORT std::optional<ProcessStat> parseProcessStat(std::string_view text) noexcept;
 
 // The state and start time of the process whose stat file is at statPath ("/proc/self/stat",
 // "/proc/123/stat"); nothing when it cannot be read, as when the process has gone.
-std::optional<ProcessStat> readProcessStat(const char* statPath) noexcept;
+VELNOR_EXPORT std::optional<ProcessStat> readProcessStat(const char* statPath) noexcept;
 
 // The same for the process pid under procRoot ("/proc").
-std::optional<ProcessStat> readProcessStat(std::string_view procRoot, pid_t pid);
+VELNOR_EXPORT std::optional<ProcessStat> readProcessStat(std::string_view procRoot, pid_t pid);
 
 }  // namespace velnor

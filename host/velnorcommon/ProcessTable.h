@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "Export.h"
+
 // Linux has no kinfo_proc: this is a minimal record with the two fields that plug-ins read,
 // under the names that the BSD record gives them.
 struct ucred_record {
@@ -25,4 +27,4 @@ struct kinfo_proc {
 // Every process, in the order in which the kernel lists them. On success (0), *table points to
 // *count consecutive records that the library keeps: the caller never frees them, and they
 // stay valid until the next call. Any other result is a failure and leaves both untouched.
-extern "C" std::int32_t ec_get_process_table(kinfo_proc** table, std::size_t* count);
+extern "C" VELNOR_EXPORT std::int32_t ec_get_process_table(kinfo_proc** table, std::size_t* count);

@@ -10,13 +10,14 @@
 #include <string_view>
 #include <vector>
 
+#include "Export.h"
 #include "ProcessTable.h"
 
 namespace velnor {
 
 // The effective uid in the text of a /proc/PID/status file: the second number of its "Uid:"
 // line. Nothing when there is no such line or number.
-std::optional<uid_t> parseEffectiveUid(std::string_view status);
+VELNOR_EXPORT std::optional<uid_t> parseEffectiveUid(std::string_view status);
 
 // Fills table with one record for each numeric entry of procRoot, in the order in which the
 // folder lists them, and answers 0. A process that ends during the walk, and so has no status

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "Export.h"
 #include "PlistValue.h"
 #include "Result.h"
 
@@ -11,26 +12,27 @@ namespace velnor {
 
 // Parses a property list held in memory, XML or binary. Fails, with the reason alone as its
 // message, when the bytes are not a property list.
-support::Result<PlistValue> parsePropertyList(std::string_view bytes);
+VELNOR_EXPORT support::Result<PlistValue> parsePropertyList(std::string_view bytes);
 
 // Reads a property-list file, XML or binary. Fails with `could not read "PATH": REASON` when
 // the file cannot be read or is not a property list; error() is ENOENT when there is no file.
-support::Result<PlistValue> readPropertyListFile(const std::string& path);
+VELNOR_EXPORT support::Result<PlistValue> readPropertyListFile(const std::string& path);
 
 // Reads a property-list file whose top level is a dictionary; fails the same way otherwise.
-support::Result<PlistDictionary> readPropertyListDictionary(const std::string& path);
+VELNOR_EXPORT support::Result<PlistDictionary> readPropertyListDictionary(const std::string& path);
 
 // The value as an XML property list.
-std::string toXmlPropertyList(const PlistValue& value);
+VELNOR_EXPORT std::string toXmlPropertyList(const PlistValue& value);
 
 // The value as a binary property list, which keeps every kind and string exactly. Throws
 // std::invalid_argument for an absent value.
-std::string toBinaryPropertyList(const PlistValue& value);
+VELNOR_EXPORT std::string toBinaryPropertyList(const PlistValue& value);
 
 // Writes the value as an XML property list to a temporary file in the same folder, flushes it
 // and renames it over path, keeping the mode and owner of the file it replaces. On failure the
 // old file is left whole, and the reason is also logged in the host's log. A value holding a
 // string that XML cannot carry exactly (PlistText.h) is refused.
-support::Status writePropertyListAtomically(const std::string& path, const PlistValue& value);
+VELNOR_EXPORT support::Status writePropertyListAtomically(const std::string& path,
+                                                          const PlistValue& value);
 
 }  // namespace velnor

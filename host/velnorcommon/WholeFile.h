@@ -9,13 +9,14 @@
 #include <string>
 #include <string_view>
 
+#include "Export.h"
 #include "Result.h"
 
 namespace velnor {
 
 // The whole of the regular file at path. A failure's error() is the failing call's errno, so
 // that callers can tell a missing file (ENOENT) from an unreadable one.
-support::Result<std::string> readWholeFile(const std::string& path);
+VELNOR_EXPORT support::Result<std::string> readWholeFile(const std::string& path);
 
 // Replaces the file at path with one holding contents: written to a temporary file in the same
 // folder, flushed to disk and renamed over path, so that a reader sees the old file or the new

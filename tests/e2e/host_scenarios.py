@@ -3,6 +3,7 @@
 request comes from, what the folders and the job file look like whatever the caller's umask; and
 another account trying to block or stall root's velnor through its lock or the server's socket."""
 
+import json
 import os
 import pathlib
 import plistlib
@@ -108,7 +109,7 @@ class HostRuns(harness.ScenarioCase):
         pathlib.Path(details).write_bytes(DETAILS)
         job = harness.job_file_bytes()
         refused = [  # arguments, standard input, exit status, in standard error
-            (["call", "noSuchOperation"], b"", 64, 'has no operation "noSuchOperation"\nusage: velnor'),
+            (["call", "noSuchOperation"], b"", 64, 'has no operation "noSuchOperation"; it has initialSetupWithRequest, '),
             (["call", "getStateWithRequest", missing], b"", 65, missing + '": No such file or directory'),
             (["call", "getStateWithRequest", array], b"", 65, array + '": it holds an array'),
             (["call", "getStateWithRequest", "-"], b'{"a": 1}', 65, 'could not read the request "standard input"'),
@@ -123,6 +124,12 @@ class HostRuns(harness.ScenarioCase):
             self.assertEqual(answer[:2], (status, ""), f"{arguments}: {answer}")
             self.assertIn(error, answer[2], arguments)
             self.assertNotIn(harness.LOG_PREFIX, answer[2], f"{arguments}: the plug-in did nothing")
+        thrown = self.raw("--json", "call", "writeSettingsWithRequest", "-",
+                          stdin=plistlib.dumps({"configuration": "port=5433"}))
+        self.assertEqual((thrown[0], json.loads(thrown[1])["failure"]["exception"]),
+                         (2, {"type": "velnor::postgres::RequestError",
+                              "what": '"configuration" must be a dictionary, not a string'}),
+                         "JSON names a throw")
         self.assertFalse(os.path.exists(SOCKET_DIR), "no housekeeping ran")
         self.assertEqual(harness.job_file_bytes(), job, "the job file is as it was")
 
@@ -275,11 +282,11 @@ class HostRuns(harness.ScenarioCase):
     @sandbox()
     def test_another_account_cannot_hold_the_host_lock(self):
         """nobody's flock on the lock file cannot block root: the file is root's, 0600."""
-        self.velnor("status")
+        self.velnor("status", status=3)
         with Holder(NOBODY_ID) as holder:
             holder.wait_until_settled()
             answer = self.host("status", timeout=20)
-            self.assertEqual((answer.status, answer.response), (0, {"state": "STOPPED"}))
+            self.assertEqual((answer.status, answer.response), (3, {"state": "STOPPED"}))
             self.assertIsNotNone(holder.process.poll(), "nobody could not hold the host lock")
         self.assertEqual(harness.attributes(LOCK_FILE), regular_file(0o600, "root"), "the lock file")
         self.assertEqual(harness.attributes(LOCK_FOLDER), harness.folder(0o755, "root"))
@@ -340,7 +347,7 @@ class HostRuns(harness.ScenarioCase):
     def test_wait_bounds_the_wait_for_the_host_lock(self):
         """With --wait, a lock that another velnor holds ends the run with 75, after saying that
         it waits; without, the run goes on once the lock is free."""
-        self.velnor("status")
+        self.velnor("status", status=3)
         with Holder() as holder:
             self.assertTrue(holder.wait_until_settled(), "root's holder has the lock")
             answer = self.host("--wait", "2", "status", timeout=60)
@@ -351,7 +358,7 @@ class HostRuns(harness.ScenarioCase):
                              "held it for 2 s\n")
             self.assertGreaterEqual(answer.took, 2.0)
             self.assertLess(answer.took, 10.0)
-        self.assertEqual(self.velnor("--wait", "2", "status").response, {"state": "STOPPED"})
+        self.assertEqual(self.velnor("--wait", "2", "status", status=3).response, {"state": "STOPPED"})
 
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_a_silent_socket_costs_bounded_time(self):
@@ -367,7 +374,7 @@ class HostRuns(harness.ScenarioCase):
             state = self.host("status", "--details", timeout=30)
             self.assertEqual((state.status, state.response["state"],
                               state.response["postgresIsResponding"], state.response["PGserverVersion"]),
-                             (0, "STOPPED", False, 0), state)
+                             (3, "STOPPED", False, 0), state)
             self.assertLess(state.took, 15.0, "one probe costs at most the connect timeout")
             quick = {"PGCONNECT_TIMEOUT": "2"}
 

@@ -59,7 +59,7 @@ class Scenarios(harness.ScenarioCase):
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_state_report(self):
         """Plain and detailed state, stopped and running, and the data folder's condition."""
-        answer = self.velnor("status")
+        answer = self.velnor("status", status=3)
         self.assertEqual(answer.response, {"state": "STOPPED"}, "plain report of a stopped service")
         self.assertEqual(answer.log, [], "a settled system logs nothing")
 
@@ -67,7 +67,7 @@ class Scenarios(harness.ScenarioCase):
                    "dataDirExists": bool, "dataDirIsDirectory": bool,
                    "dataDirHasBeenInitialized": bool, "postgresIsResponding": bool,
                    "PGserverVersion": int}
-        stopped = self.velnor("status", "--details").response
+        stopped = self.velnor("status", "--details", status=3).response
         self.assert_kinds(stopped, details, "detailed report")
         self.assertEqual(stopped, {"state": "STOPPED", "PG_VERSION": "9.0.5", "setStateVersion": 1,
                                    "dataDir": DATA_DIR, "dataDirExists": True,
@@ -87,13 +87,13 @@ class Scenarios(harness.ScenarioCase):
         self.wait_for_server_to_end()
 
         os.rename(DATA_DIR, DATA_DIR + ".moved")
-        missing = self.velnor("status", "--details").response
+        missing = self.velnor("status", "--details", status=3).response
         self.assertEqual((missing["dataDir"], missing["dataDirExists"], missing["dataDirIsDirectory"],
                           missing["dataDirHasBeenInitialized"]), (DATA_DIR, False, False, False),
                          "a missing data folder")
         with open(DATA_DIR, "w") as plain_file:
             plain_file.write("not a folder\n")
-        blocked = self.velnor("status", "--details").response
+        blocked = self.velnor("status", "--details", status=3).response
         self.assertEqual((blocked["dataDirExists"], blocked["dataDirIsDirectory"],
                           blocked["dataDirHasBeenInitialized"]), (True, False, False),
                          "a plain file where the data folder should be")
@@ -162,6 +162,8 @@ class Scenarios(harness.ScenarioCase):
             if stop.log[:2] != kills:
                 kills.reverse()
             self.assert_stopped(stop, before=kills)
+            self.assertIn(f"  pid {in_transaction}  database postgres  user {ACCOUNT}  idle in transaction\n",
+                          stop.stderr, "the stop names the client that holds the server")
             for pid in idle:
                 harness.wait_until(lambda: not harness.process_alive(pid),
                                    f"the idle session's server process {pid} has ended")
@@ -308,7 +310,7 @@ class Scenarios(harness.ScenarioCase):
         job_before = read_job_file()
         self.assertEqual(self.velnor("log-path").response, {"log": "/Library/Logs/PostgreSQL.log"})
 
-        answer = self.velnor("status", "--details")
+        answer = self.velnor("status", "--details", status=3)
         self.assertEqual((answer.response["state"], answer.response["postgresIsResponding"]),
                          ("STOPPED", True),
                          "the state from before the migration, the probe from after its restart")

@@ -15,7 +15,7 @@ Command parsed(const Arguments& arguments) {
 }
 
 TEST(HostCommandLine, CallKeepsItsArgumentRawAndFriendlyVerbsPrepareTheirs) {
-    Command command = parsed({"--plugin", "/tmp/p.so", "--json", "call", "anything", "-"});
+    Command command = parsed({"--plugin", "/tmp/p.so", "call", "anything", "--json", "-"});
     EXPECT_EQ(command.pluginPath, "/tmp/p.so");
     EXPECT_TRUE(command.json && !command.human);
     EXPECT_EQ(command.operation, "anything");
@@ -25,6 +25,19 @@ TEST(HostCommandLine, CallKeepsItsArgumentRawAndFriendlyVerbsPrepareTheirs) {
     Command waiting = parsed({"--wait", "3", "call", "getStateWithRequest"});
     EXPECT_EQ(waiting.lockWait, std::chrono::seconds(3));
     EXPECT_EQ(command.lockWait, std::nullopt) << "without --wait, the lock is awaited for ever";
+
+    // The host's options stand before or after the verb, the verb's only after it.
+    for (const Arguments& anywhere : {Arguments{"-q", "--json", "status", "--details"},
+                                      {"status", "--details", "--json", "-q"},
+                                      {"--json", "status", "-q", "--details"}}) {
+        Command status = parsed(anywhere);
+        EXPECT_TRUE(status.json && status.quiet && status.verb == "status")
+            << ::testing::PrintToString(anywhere);
+        EXPECT_EQ(std::get<PlistDictionary>(status.argument),
+                  (PlistDictionary{{"variant", "withDetails"}}));
+    }
+    EXPECT_EQ(parsed({"--version"}).answer, VELNOR_VERSION "\n");
+    EXPECT_NE(parsed({"setup", "--help"}).answer->find("--data-location"), std::string::npos);
 
     const PlistDictionary write{
         {"configuration", PlistDictionary{{"port", "5434"}, {"search_path", "a=b"}, {"x", ""}}}};
@@ -42,7 +55,7 @@ TEST(HostCommandLine, RefusesWhatTheUsageDoesNotAllow) {
         {}, {"--plugin"}, {"frobnicate"}, {"call"}, {"call", "op", "argument", "extra"},
         {"status", "--details", "--details"}, {"start", "now"}, {"settings", "port"},
         {"settings", "=5432"}, {"setup", "--upgrade", "--data-location", "/srv/db"},
-        {"status", "--json"}, {"--wait", "-1", "status"}, {"--wait=1.5", "status"}};
+        {"--details", "status"}, {"--wait", "-1", "status"}, {"--wait=1.5", "status"}};
     // clang-format on
     for (const Arguments& arguments : refused) {
         support::Result<Command> result = parseCommandLine(arguments);

@@ -1,0 +1,258 @@
+#include "Explanations.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include "SafePath.h"
+
+namespace velnor::host {
+namespace {
+
+struct CodeWords {
+    std::string_view code;
+    std::string_view words;
+};
+
+// Start and stop each wait four half seconds for the server's answer.
+constexpr CodeWords kCodeWords[] = {
+    {"CANNOT_START_SERVICE_TIMEOUT_ERR", "the server did not answer within 2 s"},
+    {"CANNOT_START_SERVICE_ERR", "launchd could not run the server's job"},
+    {"CANNOT_STOP_SERVICE_TIMEOUT_ERR", "the server still answered 2 s after the stop"},
+    {"CANNOT_STOP_SERVICE_ERR", "launchd could not stop the server's job"},
+};
+
+// Fields of the protocol's own bookkeeping, which tell a person nothing.
+constexpr std::string_view kProtocolFields[] = {"setStateVersion", "readStatus", "writeStatus"};
+
+// The third word of a client's process title: where it connects from, "[local]" for the
+// socket or "ADDRESS(PORT)"; the server's own processes (background writer, ...) have none.
+bool isClientHost(std::string_view host) {
+    return host == "[local]" || (host.ends_with(')') && host.find('(') != std::string_view::npos);
+}
+
+std::vector<std::string> words(std::string_view text) {
+    std::vector<std::string> split;
+    std::istringstream stream{std::string(text)};
+    for (std::string word; stream >> word;) {
+        split.push_back(word);
+    }
+    return split;
+}
+
+// The start of a /proc file, at most limit bytes: empty when the process has ended.
+std::string readSmallFile(const std::string& path, std::size_t limit) {
+    std::ifstream in(path, std::ios::binary);
+    std::string text(limit, '\0');
+    in.read(text.data(), static_cast<std::streamsize>(limit));
+    text.resize(static_cast<std::size_t>(in.gcount()));
+    return text;
+}
+
+// The process's arguments joined by spaces (a title the server set may already be one).
+std::string processTitle(pid_t pid) {
+    std::string title = readSmallFile("/proc/" + std::to_string(pid) + "/cmdline", 4096);
+    while (!title.empty() && title.back() == '\0') {
+        title.pop_back();
+    }
+    for (char& byte : title) {
+        byte = byte == '\0' ? ' ' : byte;
+    }
+    return title;
+}
+
+// The parent of the process, from its stat line after the command's closing parenthesis.
+pid_t parentOf(pid_t pid) {
+    std::string stat = readSmallFile("/proc/" + std::to_string(pid) + "/stat", 1024);
+    std::size_t close = stat.rfind(')');
+    if (close == std::string::npos) {
+        return 0;
+    }
+    std::vector<std::string> fields = words(std::string_view(stat).substr(close + 1));
+    return fields.size() > 1 ? static_cast<pid_t>(std::atoi(fields[1].c_str())) : 0;
+}
+
+bool runsServerProgram(pid_t pid) {
+    char target[4096];
+    std::string link = "/proc/" + std::to_string(pid) + "/exe";
+    ssize_t length = readlink(link.c_str(), target, sizeof target - 1);
+    return length > 0 && std::string_view(target, static_cast<std::size_t>(length))
+                             .starts_with("/usr/bin/postgres");
+}
+
+std::vector<pid_t> processIds() {
+    std::vector<pid_t> pids;
+    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+    if (!proc) {
+        return pids;
+    }
+    while (dirent* entry = readdir(proc.get())) {
+        if (pid_t pid = static_cast<pid_t>(std::atoi(entry->d_name)); pid > 0) {
+            pids.push_back(pid);
+        }
+    }
+    return pids;
+}
+
+support::Result<support::UniqueFd> openLog(const std::string& path) {
+    support::Result<support::UniqueFd> where = support::openSafely(path);
+    if (!where) {
+        return where;
+    }
+    support::Result<support::UniqueFd> log =
+        support::reopen(where->get(), O_RDONLY | O_NONBLOCK | O_NOCTTY, path);
+    if (!log) {
+        return log;
+    }
+    struct stat status;
+    if (fstat(log->get(), &status) != 0) {
+        return support::couldNot("read the log", path, errno);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return support::couldNot("read the log", path, "it is not a regular file");
+    }
+    return log;
+}
+
+}  // namespace
+
+std::optional<std::string_view> errorWords(std::string_view code) {
+    for (const CodeWords& known : kCodeWords) {
+        if (known.code == code) {
+            return known.words;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string failureSentence(std::string_view verb, std::string_view code) {
+    std::string sentence = std::string(verb) + " failed: ";
+    if (std::optional<std::string_view> known = errorWords(code)) {
+        return sentence + std::string(*known) + " (" + std::string(code) + ")";
+    }
+    return sentence + std::string(code);
+}
+
+PlistDictionary failureObject(std::string_view verb, std::string_view operation,
+                              const PlistValue& response, const std::string& thrown,
+                              int exitStatus) {
+    PlistDictionary failure;
+    if (!verb.empty()) {
+        failure.set("verb", PlistValue(std::string(verb)));
+    }
+    failure.set("operation", PlistValue(std::string(operation)));
+    const PlistDictionary* answer = response.asDictionary();
+    const PlistValue* error = answer != nullptr ? answer->find("error") : nullptr;
+    if (error != nullptr && error->asString() != nullptr) {
+        const std::string& code = *error->asString();
+        failure.set("code", PlistValue(code));
+        failure.set("words", PlistValue(std::string(errorWords(code).value_or(code))));
+    } else if (!thrown.empty()) {
+        // Named as "type: what" when it was thrown.
+        std::size_t colon = thrown.find(": ");
+        failure.set("exception",
+                    PlistDictionary{{"type", PlistValue(thrown.substr(0, colon))},
+                                    {"what", PlistValue(colon == std::string::npos
+                                                            ? std::string()
+                                                            : thrown.substr(colon + 2))}});
+    }
+    failure.set("exitStatus", PlistValue::integer(exitStatus));
+    PlistDictionary object{{"failure", PlistValue(std::move(failure))}};
+    if (!response.isAbsent()) {
+        object.set("response", response);
+    }
+    return object;
+}
+
+PlistValue humanView(const PlistValue& response) {
+    const PlistDictionary* answer = response.asDictionary();
+    if (answer == nullptr) {
+        return response;
+    }
+    PlistDictionary shown = *answer;
+    for (std::string_view field : kProtocolFields) {
+        shown.remove(field);
+    }
+    if (const PlistValue* state = shown.find("state"); state && state->asString()) {
+        std::string lower = *state->asString();
+        for (char& letter : lower) {
+            letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+        }
+        shown.set("state", PlistValue(std::move(lower)));
+    }
+    return PlistValue(std::move(shown));
+}
+
+support::Result<LogMark> markLog(const std::string& path) {
+    support::Result<support::UniqueFd> log = openLog(path);
+    if (!log) {
+        if (log.error() == ENOENT) {
+            return LogMark{path, 0};
+        }
+        return log.failure();
+    }
+    struct stat status;
+    fstat(log->get(), &status);
+    return LogMark{path, status.st_size};
+}
+
+support::Result<std::string> appendedSince(const LogMark& mark, std::size_t limit) {
+    support::Result<support::UniqueFd> log = openLog(mark.path);
+    if (!log) {
+        return log.failure();
+    }
+    struct stat status;
+    fstat(log->get(), &status);
+    off_t from = status.st_size < mark.size ? 0 : mark.size;
+    bool cut = static_cast<std::size_t>(status.st_size - from) > limit;
+    if (cut) {
+        from = status.st_size - static_cast<off_t>(limit);
+    }
+    std::string text(static_cast<std::size_t>(status.st_size - from), '\0');
+    ssize_t got = pread(log->get(), text.data(), text.size(), from);
+    if (got < 0) {
+        return support::couldNot("read the log", mark.path, errno);
+    }
+    text.resize(static_cast<std::size_t>(got));
+    if (cut) {
+        text.erase(0, text.find('\n') == std::string::npos ? 0 : text.find('\n') + 1);
+    }
+    return text;
+}
+
+std::optional<ClientTitle> parseClientTitle(pid_t pid, std::string_view title) {
+    constexpr std::string_view kPrefix = "postgres: ";
+    if (!title.starts_with(kPrefix)) {
+        return std::nullopt;
+    }
+    std::vector<std::string> fields = words(title.substr(kPrefix.size()));
+    if (fields.size() < 4 || !isClientHost(fields[2])) {
+        return std::nullopt;
+    }
+    ClientTitle client{pid, fields[0], fields[1], fields[2], fields[3]};
+    for (std::size_t index = 4; index < fields.size(); ++index) {
+        client.state += " " + fields[index];
+    }
+    return client;
+}
+
+std::vector<ClientTitle> serverClients() {
+    std::vector<ClientTitle> clients;
+    for (pid_t pid : processIds()) {
+        std::optional<ClientTitle> client = parseClientTitle(pid, processTitle(pid));
+        if (client && runsServerProgram(parentOf(pid))) {
+            clients.push_back(std::move(*client));
+        }
+    }
+    return clients;
+}
+
+}  // namespace velnor::host

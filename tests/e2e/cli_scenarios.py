@@ -1,0 +1,53 @@
+#!/usr/bin/python3
+"""velnor as an administrator types it: a failed start that explains itself with the server's
+own log lines, in words or as JSON."""
+
+import glob
+import os
+import subprocess
+import sys
+
+sys.dont_write_bytecode = True
+import harness  # noqa: E402
+from harness import DATA_DIR, LOG_FILE, sandbox  # noqa: E402
+
+CHECKPOINT_LOST = "PANIC:  could not locate a valid checkpoint record"
+
+
+class CommandLine(harness.ScenarioCase):
+    def typed(self, *arguments):
+        """velnor as typed, without --json: exit status, output and errors."""
+        done = subprocess.run([self.host.velnor, "--plugin", self.host.plugin, *arguments],
+                              capture_output=True, text=True, timeout=60)
+        return done.returncode, done.stdout, done.stderr
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_failed_start_shows_the_servers_log(self):
+        """A server that cannot recover (its WAL is gone) fails the start: the words, the code,
+        and the lines it logged since; with --json, an object naming the failure."""
+        self.assert_started(self.velnor("start"))
+        self.velnor("stop")
+        self.wait_for_server_to_end()
+        with open(LOG_FILE) as log:
+            before = log.read()
+        for segment in glob.glob(os.path.join(DATA_DIR, "pg_wal", "0*")):
+            os.remove(segment)
+
+        status, out, err = self.typed("start")
+        self.assertEqual((status, out), (1, ""), err)
+        self.assertIn("velnor: start failed: the server did not answer within 2 s "
+                      "(CANNOT_START_SERVICE_TIMEOUT_ERR)\n"
+                      f'velnor: the server\'s log "{LOG_FILE}" since the start:\n', err)
+        self.assertIn(CHECKPOINT_LOST, err)
+        self.assertNotIn(before.splitlines()[0], err, "only what the start added")
+
+        answer = self.host("start")
+        self.assertEqual((answer.status, answer.response), (1, {"error": "CANNOT_START_SERVICE_TIMEOUT_ERR"}))
+        self.assertEqual(answer.failure, {"verb": "start", "operation": "startServiceWithVariant",
+                                          "code": "CANNOT_START_SERVICE_TIMEOUT_ERR",
+                                          "words": "the server did not answer within 2 s",
+                                          "exitStatus": 1})
+
+
+if __name__ == "__main__":
+    sys.exit(harness.scenario_main(CommandLine, __file__, __doc__))

@@ -1,0 +1,58 @@
+#!/usr/bin/python3
+"""The Debian package installed with apt-get in a sandbox: the service's tour through the
+installed programs, the manual pages and the completion of the verbs."""
+
+import os
+import subprocess
+import sys
+
+sys.dont_write_bytecode = True
+import harness  # noqa: E402
+from harness import sandbox  # noqa: E402
+
+VELNOR = "/usr/bin/velnor"
+COMPLETE = ('source /usr/share/bash-completion/completions/velnor; complete -p velnor; '
+            'COMP_WORDS=($WORDS); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _velnor; echo "${COMPREPLY[*]}"')
+
+
+def run(command, **kwargs):
+    done = subprocess.run(command, capture_output=True, text=True, timeout=300, cwd="/", **kwargs)
+    return done.returncode, done.stdout, done.stderr
+
+
+class InstalledPackage(harness.ScenarioCase):
+    @sandbox("--initdb")
+    def test_installed_package_tour(self):
+        package = os.environ.get("VELNOR_PACKAGE", "")
+        if not os.path.exists(package):
+            harness.skip(f"no package at {package!r}: scripts/package builds it")
+        status, out, err = run(["apt-get", "install", "-y", "-q", package],
+                               env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})
+        self.assertEqual(status, 0, out + err)
+
+        environment = {key: value for key, value in os.environ.items() if key != "VELNOR_PLUGIN"}
+        tour = [  # arguments, exit status, output
+            (["--version"], 0, "0.1\n"), (["status"], 3, "state: stopped\n"), (["start", "-q"], 0, ""),
+            (["status"], 0, "state: running\n"), (["status", "--json"], 0, '{\n  "state": "RUNNING"\n}\n'),
+            (["stop", "-q"], 0, ""), (None, 0, ""),
+            (["status"], 3, "state: stopped\n"),
+        ]
+        for arguments, expected, text in tour:
+            if arguments is None:
+                self.wait_for_server_to_end()
+                continue
+            status, out, err = run([VELNOR, *arguments], env=environment)
+            self.assertEqual((status, out), (expected, text), f"{arguments}: {err}")
+
+        for page, path in (("velnor", "/usr/share/man/man1/velnor.1.gz"),
+                           ("velnord", "/usr/share/man/man8/velnord.8.gz")):
+            self.assertEqual(run(["man", "-w", page])[1], path + "\n")
+        for words, completions in (("velnor st", "status start stop"),
+                                   ("velnor status --d", "--details --direct"),
+                                   ("velnor --json re", "restart")):
+            status, out, err = run(["bash", "-c", COMPLETE], env={"WORDS": words})
+            self.assertEqual(out, f"complete -F _velnor velnor\n{completions}\n", f"{words}: {err}")
+
+
+if __name__ == "__main__":
+    sys.exit(harness.scenario_main(InstalledPackage, __file__, __doc__))
