@@ -80,10 +80,20 @@ def require_root():
         skip("the end-to-end tests need root (they build sandboxes)")
 
 
+def under_systemd():
+    """Whether the tests run with systemd as the sandbox's service manager (VELNOR_E2E_SYSTEMD)."""
+    return os.environ.get("VELNOR_E2E_SYSTEMD", "") not in ("", "0")
+
+
+def sandbox_options(options):
+    return ("--systemd", *options) if under_systemd() else tuple(options)
+
+
 def run_in_sandbox(options, command, binds=()):
     """Runs command in a fresh sandbox built with options; a machine that cannot build one skips."""
     bind_options = [option for path in binds for option in ("--bind", path)]
-    status = subprocess.run([SANDBOX, *options, *bind_options, "--", *command]).returncode
+    status = subprocess.run([SANDBOX, *sandbox_options(options), *bind_options, "--",
+                             *command]).returncode
     if status == SKIP:
         skip("this machine cannot run the sandbox")
     return status
