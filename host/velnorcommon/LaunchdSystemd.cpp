@@ -16,6 +16,7 @@
 #include "LaunchdJob.h"
 #include "LaunchdJobs.h"
 #include "PathNames.h"
+#include "ProcessStat.h"
 #include "Result.h"
 
 namespace velnor {
@@ -118,7 +119,14 @@ struct UnitState {
 
     // A stop asked for is under way, or queued and about to be.
     bool stopping() const { return activeState == "deactivating" || pendingJobType == "stop"; }
-    bool running() const { return mainPid != 0 || stopping(); }
+    // A main process that has ended is one until systemd has reaped it.
+    bool running() const {
+        if (mainPid == 0) {
+            return false;
+        }
+        auto stat = readProcessStat("/proc", static_cast<pid_t>(mainPid));
+        return stat && stat->running();
+    }
     bool up() const { return !stopping() && activeState != "inactive" && activeState != "failed"; }
 };
 

@@ -60,7 +60,7 @@ class SystemdJobs {
     // with the reason logged, when it neither runs nor has a job file, or systemd refuses.
     bool stop(const std::string& label);
 
-    // True while the job's unit has a main process, or is stopping.
+    // True while the job's unit has a main process that has not ended, stopping included.
     bool isRunning(const std::string& label) const;
 
   private:

@@ -11,6 +11,7 @@ import json
 import os
 import plistlib
 import pwd
+import re
 import stat
 import subprocess
 import sys
@@ -23,6 +24,7 @@ PYTHON = "/usr/bin/python3"
 SKIP = 77  # CTest's SKIP_RETURN_CODE, and the sandbox's status when this machine cannot run one
 
 JOB_FILE = "/System/Library/LaunchDaemons/org.postgresql.postgres.plist"
+JOB_UNIT = "velnor-launchd-org.postgresql.postgres.service"
 DATA_DIR = "/var/pgsql"
 SOCKET_DIR = "/var/pgsql_socket"
 LOG_DIR = "/Library/Logs/PostgreSQL"
@@ -357,6 +359,17 @@ class ScenarioCase(unittest.TestCase):
         expected = [argument.replace("unix_socket_directory=", "unix_socket_directories=")
                     for argument in read_job_file()["ProgramArguments"]]
         self.assertEqual(command_line(pid), [SERVER, *expected[1:]], "arguments of the server")
+
+    def assert_unit_runs_server(self, pid):
+        """systemctl status of the job's unit shows the server and its children, all _postgres's."""
+        status = subprocess.run(["systemctl", "status", "--no-pager", "--lines=0", JOB_UNIT],
+                                capture_output=True, text=True).stdout
+        shown = {int(word) for word in re.findall(r"[├└]─(\d+) ", status)}
+        children = {int(child) for child in subprocess.run(
+            ["pgrep", "-P", str(pid)], capture_output=True, text=True).stdout.split()}
+        self.assertEqual(shown, {pid, *children}, f"the unit's processes: {status}")
+        self.assertEqual({os.stat(f"/proc/{shown_pid}").st_uid for shown_pid in shown}, {ACCOUNT_ID},
+                         "owner of the unit's processes")
 
     def running_server(self):
         pid = postmaster()
