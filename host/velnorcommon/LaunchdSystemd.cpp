@@ -50,16 +50,6 @@ bool isUnescapedByte(char byte, bool first) {
            (byte >= '0' && byte <= '9') || byte == ':' || byte == '_' || (byte == '.' && !first);
 }
 
-int hexValue(char digit) {
-    if (digit >= '0' && digit <= '9') {
-        return digit - '0';
-    }
-    if (digit >= 'a' && digit <= 'f') {
-        return digit - 'a' + 10;
-    }
-    return -1;
-}
-
 struct BusUnref {
     void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
 };
@@ -436,36 +426,6 @@ std::optional<std::string> unitNameOfLabel(const std::string& label) {
         return std::nullopt;
     }
     return unit;
-}
-
-std::optional<std::string> labelOfUnitName(const std::string& unit) {
-    const std::string_view name(unit);
-    if (!name.starts_with(kUnitPrefix) || !name.ends_with(kUnitSuffix)) {
-        return std::nullopt;
-    }
-    const std::string_view escaped =
-        name.substr(kUnitPrefix.size(), name.size() - kUnitPrefix.size() - kUnitSuffix.size());
-    std::string label;
-    for (std::size_t index = 0; index < escaped.size(); ++index) {
-        if (escaped[index] != '\\') {
-            label += escaped[index];
-            continue;
-        }
-        const int high = index + 3 < escaped.size() && escaped[index + 1] == 'x'
-                             ? hexValue(escaped[index + 2])
-                             : -1;
-        const int low = high >= 0 ? hexValue(escaped[index + 3]) : -1;
-        if (low < 0) {
-            return std::nullopt;
-        }
-        label += static_cast<char>(high * 16 + low);
-        index += 3;
-    }
-    // Only the one spelling that unitNameOfLabel gives names a job's unit.
-    if (unitNameOfLabel(label) != unit) {
-        return std::nullopt;
-    }
-    return label;
 }
 
 SystemdJobs::SystemdJobs(std::vector<std::string> jobFolders, FailureLog log)

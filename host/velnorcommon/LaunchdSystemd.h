@@ -34,9 +34,6 @@ bool systemdRunsThisMachine();
 // unit's name would be longer than systemd takes.
 std::optional<std::string> unitNameOfLabel(const std::string& label);
 
-// The label of the job that the unit runs; nothing when the name is not of such a unit.
-std::optional<std::string> labelOfUnitName(const std::string& unit);
-
 class SystemdJobs {
   public:
     // Receives one line for each failure, without the log prefix.

@@ -206,6 +206,11 @@ def process_ids(pid):
     return int(fields["Uid"][0]), int(fields["Gid"][0]), sorted(int(g) for g in fields["Groups"])
 
 
+def parent_of(pid):
+    with open(f"/proc/{pid}/stat") as stat:
+        return int(stat.read().rpartition(")")[2].split()[1])
+
+
 def postmaster(data_dir=DATA_DIR):
     """The pid of the server running on data_dir, or None."""
     try:
