@@ -215,9 +215,9 @@ support::Status awaitUnitGone(sd_bus* bus, const std::string& unit, const UnitSt
             return {};
         }
         if (monotonicMilliseconds() >= deadline) {
-            return support::couldNot("start after its stop", unit,
-                                     "the unit is still " + (*now)->activeState + " after " +
-                                         std::to_string(allowed) + " ms");
+            return support::Failure{ETIMEDOUT, "its unit " + unit + " is still " +
+                                                   (*now)->activeState + " after " +
+                                                   std::to_string(allowed) + " ms"};
         }
         const timespec pause{0, kGonePollMilliseconds * 1000000};
         ::nanosleep(&pause, nullptr);
