@@ -22,8 +22,6 @@ namespace {
 
 // What a daemon finds in PATH unless its job says otherwise.
 constexpr const char* kDaemonPath = "/usr/bin:/bin:/usr/sbin:/sbin";
-// A daemon's files are not writable by others unless it says so itself.
-constexpr mode_t kDaemonUmask = 022;
 constexpr mode_t kOutputFileMode = 0644;
 
 // ----- Working out the plan, in the host -----
@@ -184,6 +182,7 @@ struct ChildPlan {
     const char* workingDirectory;
     const char* standardOutPath;
     const char* standardErrorPath;
+    mode_t umask;
     int channel;
 };
 
@@ -273,7 +272,7 @@ void closeHostDescriptorsOnExec() {
         failInChild(channel, Stage::Session, errno);
     }
     resetSignals();
-    ::umask(kDaemonUmask);
+    ::umask(plan.umask);
     // The account comes first, so that the job's folder and files are reached with its own
     // rights, never with the host's.
     if (plan.credentials != nullptr) {
@@ -475,6 +474,7 @@ support::Result<LaunchPlan> planLaunch(const LaunchdJob& job) {
     plan.workingDirectory = job.workingDirectory.value_or("/");
     plan.standardOutPath = job.standardOutPath.value_or("/dev/null");
     plan.standardErrorPath = job.standardErrorPath.value_or("/dev/null");
+    plan.umask = job.umask.value_or(kDaemonUmask);
     return plan;
 }
 
@@ -502,6 +502,7 @@ LaunchOutcome launchDetached(const LaunchPlan& plan,
                               plan.workingDirectory.c_str(),
                               plan.standardOutPath.c_str(),
                               plan.standardErrorPath.c_str(),
+                              plan.umask,
                               childEnd.get()};
     const pid_t intermediate = ::fork();
     if (intermediate < 0) {

@@ -22,6 +22,9 @@ struct JobCredentials {
     std::vector<gid_t> supplementaryGroups;
 };
 
+// A daemon's files are not writable by others unless its job says so itself (Umask).
+constexpr mode_t kDaemonUmask = 022;
+
 // Everything that the new process needs, worked out in the host beforehand, so that the
 // process itself only makes system calls between fork and exec.
 struct LaunchPlan {
@@ -32,6 +35,7 @@ struct LaunchPlan {
     std::string workingDirectory;
     std::string standardOutPath;
     std::string standardErrorPath;
+    mode_t umask = kDaemonUmask;
 };
 
 // The plan for the job. The environment is a fixed PATH, then HOME, USER, LOGNAME and SHELL of
@@ -60,7 +64,7 @@ struct LaunchOutcome {
 };
 
 // Runs the plan in a new process whose parent is not the host (the host never holds a zombie),
-// in a session of its own, with default signal handling, umask 022, standard input from
+// in a session of its own, with default signal handling, the plan's umask, standard input from
 // /dev/null and no descriptor of the host's. The process takes the job's account before
 // anything else, so that it enters the working folder and opens its output files (appending,
 // created 0644 when missing, owned by the job's account) with the job's rights only: a job

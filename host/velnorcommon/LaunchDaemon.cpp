@@ -8,6 +8,7 @@
 
 #include "HostLog.h"
 #include "LaunchdJobs.h"
+#include "LaunchdSystemd.h"
 #include "PlistNode.h"
 #include "PlistText.h"
 #include "Result.h"
@@ -113,13 +114,25 @@ bool SetLaunchDaemonServiceConfigArgs(const std::string& path, const LaunchArgum
     return replaced.ok();
 }
 
+namespace {
+
+// Where systemd runs the machine it runs the jobs; elsewhere the host library does.
+template <typename Action>
+bool withJobsOfThisMachine(Action action) {
+    if (systemdRunsThisMachine()) {
+        return action(SystemdJobs::onThisMachine());
+    }
+    return action(LaunchdJobs::onThisMachine());
+}
+
+}  // namespace
+
 bool SetLaunchDaemonServiceState(const std::string& label, int state) {
-    LaunchdJobs jobs = LaunchdJobs::onThisMachine();
     switch (state) {
         case 1:
-            return jobs.start(label);
+            return withJobsOfThisMachine([&](auto jobs) { return jobs.start(label); });
         case 0:
-            return jobs.stop(label);
+            return withJobsOfThisMachine([&](auto jobs) { return jobs.stop(label); });
         default:
             logHostFailure(support::couldNot("change the state of job", label,
                                              "the state " + std::to_string(state) + " is unknown")
@@ -129,7 +142,7 @@ bool SetLaunchDaemonServiceState(const std::string& label, int state) {
 }
 
 bool GetLaunchDaemonServiceState(const std::string& label) {
-    return LaunchdJobs::onThisMachine().isRunning(label);
+    return withJobsOfThisMachine([&](const auto& jobs) { return jobs.isRunning(label); });
 }
 
 }  // namespace velnor

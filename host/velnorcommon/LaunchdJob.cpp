@@ -59,6 +59,23 @@ class JobKeys {
         return static_cast<int>(number);
     }
 
+    // A file mode creation mask: an integer from 0 to 0777, or nothing when the key is absent.
+    std::optional<mode_t> mask(const char* key) {
+        plist_t node = plist_dict_get_item(dictionary_, key);
+        if (node == nullptr) {
+            return std::nullopt;
+        }
+        std::uint64_t number = kNotAMask;
+        if (plist_get_node_type(node) == PLIST_UINT) {
+            plist_get_uint_val(node, &number);
+        }
+        if (number > kLargestMask) {
+            refuse(std::string(key) + " is not an integer from 0 to 0777 (511)");
+            return std::nullopt;
+        }
+        return static_cast<mode_t>(number);
+    }
+
     std::vector<std::pair<std::string, std::string>> textsByName(const char* key) {
         std::vector<std::pair<std::string, std::string>> entries;
         plist_t node = plist_dict_get_item(dictionary_, key);
@@ -93,6 +110,9 @@ class JobKeys {
     }
 
     plist_t dictionary_;
+    static constexpr std::uint64_t kLargestMask = 0777;
+    static constexpr std::uint64_t kNotAMask = kLargestMask + 1;
+
     const std::string& path_;
     std::optional<support::Failure> failure_;
 };
@@ -128,6 +148,7 @@ support::Result<LaunchdJob> readLaunchdJob(int file, const std::string& path) {
     job.standardOutPath = keys.text("StandardOutPath");
     job.standardErrorPath = keys.text("StandardErrorPath");
     job.environmentVariables = keys.textsByName("EnvironmentVariables");
+    job.umask = keys.mask("Umask");
     job.exitTimeOutSeconds = keys.positiveNumber("ExitTimeOut", kDefaultExitTimeOutSeconds);
     if (keys.failure()) {
         return *keys.failure();

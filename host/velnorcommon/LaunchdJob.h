@@ -1,6 +1,8 @@
 // What a job file tells the launchd stand-in about running its job.
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
 #include <utility>
@@ -24,13 +26,16 @@ struct LaunchdJob {
     std::optional<std::string> standardOutPath;
     std::optional<std::string> standardErrorPath;
     std::vector<std::pair<std::string, std::string>> environmentVariables;
+    // Umask: the file mode creation mask the program starts with; a daemon's default otherwise.
+    std::optional<mode_t> umask;
     // ExitTimeOut: how long a stopping job's process may take to end before it is killed.
     int exitTimeOutSeconds = kDefaultExitTimeOutSeconds;
 };
 
 // The job that the open job file describes; path names it in messages. Fails when the file
 // cannot be read, is not a dictionary, has no ProgramArguments with at least one string, or
-// holds one of the keys above with a value of the wrong kind, or an ExitTimeOut that is not a
+// holds one of the keys above with a value of the wrong kind, a Umask that is not an integer
+// from 0 to 0777, or an ExitTimeOut that is not a
 // whole number of seconds from 1 to INT_MAX (launchd reads 0 as "never kill", which would leave a
 // stop that hangs for ever). Other keys, of any kind, are not
 // looked at.

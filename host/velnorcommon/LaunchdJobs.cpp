@@ -35,12 +35,6 @@ constexpr const char* kProcRoot = "/proc";
 constexpr mode_t kRecordFolderMode = 0755;
 constexpr mode_t kRecordFileMode = 0644;
 
-// A label names the job file and the record, so it must be one plain file name.
-bool isUsableLabel(const std::string& label) {
-    return !label.empty() && label != "." && label != ".." &&
-           label.find('/') == std::string::npos && label.find('\0') == std::string::npos;
-}
-
 bool isSameRunningProcess(const StartedProcess& process) {
     auto stat = readProcessStat(kProcRoot, process.pid);
     return stat && stat->running() && stat->startTime == process.startTime;
@@ -163,6 +157,38 @@ std::optional<JobFile> findJobFile(const std::vector<std::string>& folders,
 
 }  // namespace
 
+bool isUsableLabel(const std::string& label) {
+    return !label.empty() && label != "." && label != ".." &&
+           label.find('/') == std::string::npos && label.find('\0') == std::string::npos;
+}
+
+std::vector<std::string> jobFoldersOfThisMachine() {
+    return {"/System/Library/LaunchDaemons", "/Library/LaunchDaemons"};
+}
+
+bool hasJobFile(const std::vector<std::string>& jobFolders, const std::string& label) {
+    return findJobFile(jobFolders, label).has_value();
+}
+
+support::Result<LaunchdJob> readJobOfLabel(const std::vector<std::string>& jobFolders,
+                                           const std::string& label) {
+    auto jobFile = findJobFile(jobFolders, label);
+    if (!jobFile) {
+        return support::Failure{ENOENT, "there is no job file " + label + ".plist"};
+    }
+    // launchd runs nothing from a file that another account could have written or replaced.
+    if (!jobFile->refusal.empty()) {
+        return support::Failure{EPERM, jobFile->refusal};
+    }
+    // Read through the descriptor that was checked: the path may lead elsewhere by now.
+    auto readable =
+        support::reopen(jobFile->descriptor.get(), O_RDONLY | O_NONBLOCK | O_NOCTTY, jobFile->path);
+    if (!readable) {
+        return readable.failure();
+    }
+    return readLaunchdJob(readable->get(), jobFile->path);
+}
+
 std::string formatJobRecord(const JobRecord& record) {
     return std::to_string(record.process.pid) + " " + std::to_string(record.process.startTime) +
            " " + std::to_string(record.exitTimeOutSeconds) + "\n";
@@ -203,9 +229,7 @@ LaunchdJobs::LaunchdJobs(Folders folders, FailureLog log)
     : folders_(std::move(folders)), log_(std::move(log)) {}
 
 LaunchdJobs LaunchdJobs::onThisMachine() {
-    return LaunchdJobs(
-        {{"/System/Library/LaunchDaemons", "/Library/LaunchDaemons"}, "/var/run/velnor/launchd"},
-        &logHostFailure);
+    return LaunchdJobs({jobFoldersOfThisMachine(), "/var/run/velnor/launchd"}, &logHostFailure);
 }
 
 std::string LaunchdJobs::recordPath(const std::string& label) const {
@@ -273,21 +297,7 @@ bool LaunchdJobs::start(const std::string& label) {
             return false;
         }
     }
-    auto jobFile = findJobFile(folders_.jobFolders, label);
-    if (!jobFile) {
-        return refuse("start", label, "there is no job file " + label + ".plist");
-    }
-    // launchd runs nothing from a file that another account could have written or replaced.
-    if (!jobFile->refusal.empty()) {
-        return refuse("start", label, jobFile->refusal);
-    }
-    // Read through the descriptor that was checked: the path may lead elsewhere by now.
-    auto readable =
-        support::reopen(jobFile->descriptor.get(), O_RDONLY | O_NONBLOCK | O_NOCTTY, jobFile->path);
-    if (!readable) {
-        return refuse("start", label, readable.message());
-    }
-    auto job = readLaunchdJob(readable->get(), jobFile->path);
+    auto job = readJobOfLabel(folders_.jobFolders, label);
     if (!job) {
         return refuse("start", label, job.message());
     }
@@ -323,7 +333,7 @@ bool LaunchdJobs::stop(const std::string& label) {
     // The running job is stopped by its record, whatever has become of its file since.
     auto running = runningJob(label);
     if (!running) {
-        if (!findJobFile(folders_.jobFolders, label)) {
+        if (!hasJobFile(folders_.jobFolders, label)) {
             return refuse("stop", label, "there is no job file " + label + ".plist");
         }
         return true;

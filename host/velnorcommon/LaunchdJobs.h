@@ -24,9 +24,27 @@
 #include <vector>
 
 #include "JobLaunch.h"
+#include "LaunchdJob.h"
 #include "Result.h"
 
 namespace velnor {
+
+// A label names the job file (and the direct backend's record), so it must be one plain file
+// name.
+bool isUsableLabel(const std::string& label);
+
+// Where this machine's job files are, searched in order: /System/Library/LaunchDaemons, then
+// /Library/LaunchDaemons.
+std::vector<std::string> jobFoldersOfThisMachine();
+
+// Whether one of the job folders holds a file for label, usable or not.
+bool hasJobFile(const std::vector<std::string>& jobFolders, const std::string& label);
+
+// The job that label's file describes, the first of the job folders that holds one, read as
+// launchd reads it: only when the file and every folder above it are root's alone, and through
+// the descriptor that was checked. Fails with the reason, ENOENT when no folder holds one.
+support::Result<LaunchdJob> readJobOfLabel(const std::vector<std::string>& jobFolders,
+                                           const std::string& label);
 
 // What the record of a started job holds.
 struct JobRecord {

@@ -11,6 +11,7 @@ import json
 import os
 import plistlib
 import pwd
+import re
 import stat
 import subprocess
 import sys
@@ -23,6 +24,7 @@ PYTHON = "/usr/bin/python3"
 SKIP = 77  # CTest's SKIP_RETURN_CODE, and the sandbox's status when this machine cannot run one
 
 JOB_FILE = "/System/Library/LaunchDaemons/org.postgresql.postgres.plist"
+JOB_UNIT = "velnor-launchd-org.postgresql.postgres.service"
 DATA_DIR = "/var/pgsql"
 SOCKET_DIR = "/var/pgsql_socket"
 LOG_DIR = "/Library/Logs/PostgreSQL"
@@ -80,10 +82,20 @@ def require_root():
         skip("the end-to-end tests need root (they build sandboxes)")
 
 
+def under_systemd():
+    """Whether the tests run with systemd as the sandbox's service manager (VELNOR_E2E_SYSTEMD)."""
+    return os.environ.get("VELNOR_E2E_SYSTEMD", "") not in ("", "0")
+
+
+def sandbox_options(options):
+    return ("--systemd", *options) if under_systemd() else tuple(options)
+
+
 def run_in_sandbox(options, command, binds=()):
     """Runs command in a fresh sandbox built with options; a machine that cannot build one skips."""
     bind_options = [option for path in binds for option in ("--bind", path)]
-    status = subprocess.run([SANDBOX, *options, *bind_options, "--", *command]).returncode
+    status = subprocess.run([SANDBOX, *sandbox_options(options), *bind_options, "--",
+                             *command]).returncode
     if status == SKIP:
         skip("this machine cannot run the sandbox")
     return status
@@ -196,6 +208,11 @@ def process_ids(pid):
     with open(f"/proc/{pid}/status") as status:
         fields = {key: value.split() for key, _, value in (line.partition(":") for line in status)}
     return int(fields["Uid"][0]), int(fields["Gid"][0]), sorted(int(g) for g in fields["Groups"])
+
+
+def parent_of(pid):
+    with open(f"/proc/{pid}/stat") as stat:
+        return int(stat.read().rpartition(")")[2].split()[1])
 
 
 def postmaster(data_dir=DATA_DIR):
@@ -352,6 +369,17 @@ class ScenarioCase(unittest.TestCase):
         expected = [argument.replace("unix_socket_directory=", "unix_socket_directories=")
                     for argument in read_job_file()["ProgramArguments"]]
         self.assertEqual(command_line(pid), [SERVER, *expected[1:]], "arguments of the server")
+
+    def assert_unit_runs_server(self, pid):
+        """systemctl status of the job's unit shows the server and its children, all _postgres's."""
+        status = subprocess.run(["systemctl", "status", "--no-pager", "--lines=0", JOB_UNIT],
+                                capture_output=True, text=True).stdout
+        shown = {int(word) for word in re.findall(r"[├└]─(\d+) ", status)}
+        children = {int(child) for child in subprocess.run(
+            ["pgrep", "-P", str(pid)], capture_output=True, text=True).stdout.split()}
+        self.assertEqual(shown, {pid, *children}, f"the unit's processes: {status}")
+        self.assertEqual({os.stat(f"/proc/{shown_pid}").st_uid for shown_pid in shown}, {ACCOUNT_ID},
+                         "owner of the unit's processes")
 
     def running_server(self):
         pid = postmaster()

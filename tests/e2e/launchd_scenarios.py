@@ -51,13 +51,16 @@ class LaunchdScenarios(harness.ScenarioCase):
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_server_ignoring_sigterm_is_killed_after_exit_time_out(self):
         """A job whose main process ignores SIGTERM, its server beside it: both are gone
-        ExitTimeOut seconds after the stop, and not before."""
+        ExitTimeOut seconds after the stop, and not before. The main process has the job's Umask
+        (the server sets its own)."""
         job = read_job_file()
         server = " ".join(f"'{argument}'" for argument in job["ProgramArguments"])
         job.update(ProgramArguments=["/bin/sh", "-c", f"trap '' TERM; {server} & wait"],
-                   ExitTimeOut=EXIT_TIME_OUT)
+                   ExitTimeOut=EXIT_TIME_OUT, Umask=0o027)
         write_job_file(job)
         self.assert_started(self.velnor("start"))
+        with open(f"/proc/{harness.parent_of(self.running_server())}/status") as status:
+            self.assertIn("Umask:\t0027\n", status.read(), "the umask of the job's process")
         began = time.monotonic()
         self.assertEqual(self.velnor("stop", status=1).response,
                          {"error": "CANNOT_STOP_SERVICE_TIMEOUT_ERR"}, "the server still answers")

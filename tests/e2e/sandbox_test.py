@@ -16,7 +16,7 @@ import unittest
 # The tests run from the source tree, which the sandbox binds in: leave no byte code there.
 sys.dont_write_bytecode = True
 import harness  # noqa: E402
-from harness import ACCOUNT_ID, SANDBOX
+from harness import ACCOUNT_ID, SANDBOX, sandbox_options
 
 # Real paths that a sandbox writes to inside; none of it may reach the machine.
 TOUCHED_PATHS = ["/System", "/Library", "/var/pgsql", "/var/pgsql_socket", "/var/empty",
@@ -66,7 +66,15 @@ def machine_state():
             column = rows.readline().split().index("uid")
             owned += [row for row in rows if int(row.split()[column]) == ACCOUNT_ID]
     return {"paths": {path: fingerprint(path) for path in TOUCHED_PATHS}, "mounts": mount_points,
-            "shared_memory_files": sorted(glob.glob("/dev/shm/PostgreSQL.*")), "ipc_of_account": owned}
+            "shared_memory_files": sorted(glob.glob("/dev/shm/PostgreSQL.*")), "ipc_of_account": owned,
+            "cgroups": sandbox_cgroups()}
+
+
+def sandbox_cgroups():
+    """The cgroups that sandboxes under systemd make at the top of the cgroup2 hierarchy."""
+    with open("/proc/self/mountinfo") as mounts:
+        tops = [line.split()[4] for line in mounts if line.split(" - ")[1].startswith("cgroup2 ")]
+    return sorted(glob.glob(os.path.join(tops[0], "velnor-sandbox.*"))) if tops else []
 
 
 def processes_in(namespaces):
@@ -95,7 +103,8 @@ class Sandbox(unittest.TestCase):
         with open(script, "w") as out:
             out.write(BUSY_SANDBOX)
         sandbox = subprocess.Popen(
-            [SANDBOX, "--initdb", "--socket-dir", "--bind", self.scratch, "--", "bash", script, ending],
+            [SANDBOX, *sandbox_options(["--initdb", "--socket-dir"]), "--bind", self.scratch, "--",
+             "bash", script, ending],
             stdout=subprocess.PIPE, text=True)
         self.addCleanup(lambda: sandbox.poll() is None and sandbox.kill())
         namespaces = sandbox.stdout.readline().split()
@@ -121,6 +130,8 @@ class Sandbox(unittest.TestCase):
                 self.assertEqual(sandbox.wait(timeout=60), status, f"status after {how}")
                 if signal_number == signal.SIGKILL:
                     harness.wait_until(lambda: not processes_in(namespaces), "the sandbox's end")
+                    harness.wait_until(lambda: sandbox_cgroups() == before["cgroups"],
+                                       "the removal of the sandbox's cgroup")
                 self.assertEqual(processes_in(namespaces), [], f"processes left after {how}")
                 after = machine_state()
                 self.assertEqual(after["paths"], before["paths"], f"real files changed after {how}")
@@ -128,6 +139,7 @@ class Sandbox(unittest.TestCase):
                 self.assertEqual(after["shared_memory_files"], before["shared_memory_files"],
                                  f"POSIX shared memory left after {how}")
                 self.assertEqual(after["ipc_of_account"], [], f"System V IPC left after {how}")
+                self.assertEqual(after["cgroups"], before["cgroups"], f"cgroups left after {how}")
 
 
 if __name__ == "__main__":

@@ -104,6 +104,8 @@ class Scenarios(harness.ScenarioCase):
         self.assert_started(self.velnor("start"))
         pid = self.running_server()
         self.assert_job_process(pid)
+        if harness.under_systemd():
+            self.assert_unit_runs_server(pid)
         self.assert_state("RUNNING")
         self.assertEqual(harness.psql("SHOW unix_socket_directories"), SOCKET_DIR)
         self.assertEqual(harness.attributes(LOG_FILE), regular_file(0o600),

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "LaunchDaemon.h"
+#include "LaunchdSystemd.h"
 #include "ProcessTableReader.h"
 #include "PropertyListFile.h"
 
@@ -54,6 +55,25 @@ TEST(LaunchDaemonArguments, ArgumentsThatCannotBeWrittenExactlyLeaveTheJobFileWh
     }
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path), {}), 1)
         << "a temporary stays";
+}
+
+// The e2e job's label needs no escape; other labels are escaped as systemd escapes unit names,
+// one way back for each, and one that makes too long a name has no unit.
+TEST(SystemdJobs, UnitNamesAreTheLabelsEscaped) {
+    const std::string longest(255 - std::string("velnor-launchd-.service").size(), 'a');
+    const std::pair<std::string, std::optional<std::string>> rows[] = {
+        {"org.postgresql.postgres", "velnor-launchd-org.postgresql.postgres.service"},
+        {"a-b c:d_e", "velnor-launchd-a\\x2db\\x20c:d_e.service"},
+        {".hidden", "velnor-launchd-\\x2ehidden.service"},
+        {"caf\xc3\xa9\\", "velnor-launchd-caf\\xc3\\xa9\\x5c.service"},
+        {longest, "velnor-launchd-" + longest + ".service"},
+        {longest + "a", std::nullopt},
+        {"", std::nullopt},
+        {"a/b", std::nullopt},
+    };
+    for (const auto& [label, unit] : rows) {
+        EXPECT_EQ(unitNameOfLabel(label), unit) << label;
+    }
 }
 
 // The process table read from a crafted /proc: the real one is read whenever a stop looks for

@@ -1,0 +1,531 @@
+#include "LaunchdSystemd.h"
+
+#include <signal.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-daemon.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+#include "HostLog.h"
+#include "JobLaunch.h"
+#include "LaunchdJob.h"
+#include "LaunchdJobs.h"
+#include "PathNames.h"
+#include "ProcessStat.h"
+#include "Result.h"
+
+namespace velnor {
+namespace {
+
+constexpr std::string_view kUnitPrefix = "velnor-launchd-";
+constexpr std::string_view kUnitSuffix = ".service";
+// systemd takes unit names of up to 255 bytes.
+constexpr std::size_t kLongestUnitName = 255;
+
+constexpr const char* kSystemd = "org.freedesktop.systemd1";
+constexpr const char* kSystemdPath = "/org/freedesktop/systemd1";
+constexpr const char* kManager = "org.freedesktop.systemd1.Manager";
+constexpr const char* kUnitInterface = "org.freedesktop.systemd1.Unit";
+constexpr const char* kServiceInterface = "org.freedesktop.systemd1.Service";
+constexpr const char* kJobInterface = "org.freedesktop.systemd1.Job";
+constexpr const char* kNoSuchUnit = "org.freedesktop.systemd1.NoSuchUnit";
+constexpr const char* kUnknownObject = "org.freedesktop.DBus.Error.UnknownObject";
+constexpr const char* kUnitExists = "org.freedesktop.systemd1.UnitExists";
+// As root, systemd answers on its own socket even where no message bus runs.
+constexpr const char* kSystemdPrivateSocket = "unix:path=/run/systemd/private";
+
+// How often a start looks whether the old unit has gone, and how long beyond the old unit's stop
+// timeout it waits for systemd to have killed and forgotten it.
+constexpr long kGonePollMilliseconds = 20;
+constexpr std::int64_t kKillSettleMilliseconds = 5000;
+constexpr std::uint64_t kMicrosecondsPerSecond = 1000000;
+
+bool isUnescapedByte(char byte, bool first) {
+    return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
+           (byte >= '0' && byte <= '9') || byte == ':' || byte == '_' || (byte == '.' && !first);
+}
+
+struct BusUnref {
+    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+};
+struct MessageUnref {
+    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+};
+using Bus = std::unique_ptr<sd_bus, BusUnref>;
+using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
+
+// An sd-bus error that frees itself.
+class BusError {
+  public:
+    BusError() = default;
+    BusError(const BusError&) = delete;
+    BusError& operator=(const BusError&) = delete;
+    ~BusError() { sd_bus_error_free(&error_); }
+
+    sd_bus_error* get() { return &error_; }
+    bool is(const char* name) const { return sd_bus_error_has_name(&error_, name) != 0; }
+    // systemd's own words when it sent any, else the system's for result.
+    std::string reason(int result) const {
+        return error_.message != nullptr ? error_.message : support::systemReason(-result);
+    }
+
+  private:
+    sd_bus_error error_ = SD_BUS_ERROR_NULL;
+};
+
+support::Result<Bus> connectToSystemd() {
+    sd_bus* bus = nullptr;
+    if (sd_bus_new(&bus) >= 0) {
+        Bus owned(bus);
+        if (sd_bus_set_address(bus, kSystemdPrivateSocket) >= 0 && sd_bus_start(bus) >= 0) {
+            return owned;
+        }
+    }
+    bus = nullptr;
+    const int opened = sd_bus_open_system(&bus);
+    if (opened < 0) {
+        return support::couldNot("connect to", "systemd", -opened);
+    }
+    return Bus(bus);
+}
+
+std::int64_t monotonicMilliseconds() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// What systemd says of a loaded unit.
+struct UnitState {
+    std::string activeState;
+    std::string pendingJobType;  // empty when no job is queued for the unit
+    std::uint32_t mainPid = 0;
+    std::uint64_t timeoutStopMicroseconds = 0;
+
+    // A stop asked for is under way, or queued and about to be.
+    bool stopping() const { return activeState == "deactivating" || pendingJobType == "stop"; }
+    // A main process that has ended is one until systemd has reaped it.
+    bool running() const {
+        if (mainPid == 0) {
+            return false;
+        }
+        auto stat = readProcessStat("/proc", static_cast<pid_t>(mainPid));
+        return stat && stat->running();
+    }
+    bool up() const { return !stopping() && activeState != "inactive" && activeState != "failed"; }
+};
+
+// What the unit's queued job does, when one is queued: systemd answers a StopUnit before the
+// unit's state shows it.
+int readPendingJobType(sd_bus* bus, const char* object, BusError& error, UnitState& state) {
+    sd_bus_message* reply = nullptr;
+    int result = sd_bus_get_property(bus, kSystemd, object, kUnitInterface, "Job", error.get(),
+                                     &reply, "(uo)");
+    Message owned(reply);
+    std::uint32_t id = 0;
+    const char* jobObject = nullptr;
+    if (result >= 0) {
+        result = sd_bus_message_read(reply, "(uo)", &id, &jobObject);
+    }
+    if (result < 0 || id == 0) {
+        return result;
+    }
+    char* type = nullptr;
+    BusError jobError;
+    result = sd_bus_get_property_string(bus, kSystemd, jobObject, kJobInterface, "JobType",
+                                        jobError.get(), &type);
+    if (result < 0) {
+        // The job has finished meanwhile.
+        return jobError.is(kUnknownObject) ? 0 : result;
+    }
+    state.pendingJobType = type;
+    ::free(type);
+    return 0;
+}
+
+// Reads the properties of the unit at object; an object that has gone (the unit was forgotten
+// meanwhile) shows as kUnknownObject in error.
+int readUnitProperties(sd_bus* bus, const char* object, BusError& error, UnitState& state) {
+    char* activeState = nullptr;
+    int result = sd_bus_get_property_string(bus, kSystemd, object, kUnitInterface, "ActiveState",
+                                            error.get(), &activeState);
+    if (result < 0) {
+        return result;
+    }
+    state.activeState = activeState;
+    ::free(activeState);
+    result = sd_bus_get_property_trivial(bus, kSystemd, object, kServiceInterface, "MainPID",
+                                         error.get(), 'u', &state.mainPid);
+    if (result >= 0) {
+        result =
+            sd_bus_get_property_trivial(bus, kSystemd, object, kServiceInterface, "TimeoutStopUSec",
+                                        error.get(), 't', &state.timeoutStopMicroseconds);
+    }
+    return result < 0 ? result : readPendingJobType(bus, object, error, state);
+}
+
+// The unit's state; nothing when systemd has no such unit loaded.
+support::Result<std::optional<UnitState>> stateOfUnit(sd_bus* bus, const std::string& unit) {
+    BusError error;
+    sd_bus_message* reply = nullptr;
+    int result = sd_bus_call_method(bus, kSystemd, kSystemdPath, kManager, "GetUnit", error.get(),
+                                    &reply, "s", unit.c_str());
+    Message owned(reply);
+    if (result < 0) {
+        if (error.is(kNoSuchUnit)) {
+            return std::optional<UnitState>();
+        }
+        return support::couldNot("ask systemd about", unit, error.reason(result), -result);
+    }
+    const char* object = nullptr;
+    if ((result = sd_bus_message_read(reply, "o", &object)) < 0) {
+        return support::couldNot("read systemd's answer about", unit, -result);
+    }
+    UnitState state;
+    BusError propertyError;
+    result = readUnitProperties(bus, object, propertyError, state);
+    if (result < 0) {
+        // Forgotten between the questions: it has gone.
+        if (propertyError.is(kUnknownObject)) {
+            return std::optional<UnitState>();
+        }
+        return support::couldNot("ask systemd about", unit, propertyError.reason(result), -result);
+    }
+    return std::optional<UnitState>(std::move(state));
+}
+
+// Waits until systemd has forgotten the unit, which it does once the unit has ended (killing
+// what is left of it once its stop timeout has passed). Fails when it is still there after that.
+support::Status awaitUnitGone(sd_bus* bus, const std::string& unit, const UnitState& state) {
+    const std::int64_t allowed = static_cast<std::int64_t>(std::min<std::uint64_t>(
+                                     state.timeoutStopMicroseconds / 1000, INT32_MAX)) +
+                                 kKillSettleMilliseconds;
+    const std::int64_t deadline = monotonicMilliseconds() + allowed;
+    for (;;) {
+        auto now = stateOfUnit(bus, unit);
+        if (!now) {
+            return now.failure();
+        }
+        if (!now->has_value()) {
+            return {};
+        }
+        if (monotonicMilliseconds() >= deadline) {
+            return support::Failure{ETIMEDOUT, "its unit " + unit + " is still " +
+                                                   (*now)->activeState + " after " +
+                                                   std::to_string(allowed) + " ms"};
+        }
+        const timespec pause{0, kGonePollMilliseconds * 1000000};
+        ::nanosleep(&pause, nullptr);
+    }
+}
+
+// Appends one (sv) property whose value has a basic type.
+template <typename Value>
+int appendProperty(sd_bus_message* message, const char* name, const char* type, Value value) {
+    return sd_bus_message_append(message, "(sv)", name, type, value);
+}
+
+// A NULL-terminated array of pointers into strings, for sd-bus.
+std::vector<char*> pointersTo(std::vector<std::string>& strings) {
+    std::vector<char*> pointers;
+    for (auto& text : strings) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+int appendStrings(sd_bus_message* message, const char* name, std::vector<std::string> strings) {
+    auto pointers = pointersTo(strings);
+    int result = sd_bus_message_open_container(message, 'r', "sv");
+    if (result >= 0) {
+        result = sd_bus_message_append(message, "s", name);
+    }
+    if (result >= 0) {
+        result = sd_bus_message_open_container(message, 'v', "as");
+    }
+    if (result >= 0) {
+        result = sd_bus_message_append_strv(message, pointers.data());
+    }
+    if (result >= 0) {
+        result = sd_bus_message_close_container(message);
+    }
+    return result >= 0 ? sd_bus_message_close_container(message) : result;
+}
+
+// ExecStart: the program, its argument vector exactly as the job gives it, and a failure that
+// counts as one.
+int appendExecStart(sd_bus_message* message, const std::string& program,
+                    std::vector<std::string> arguments) {
+    auto pointers = pointersTo(arguments);
+    int result = sd_bus_message_open_container(message, 'r', "sv");
+    if (result >= 0) {
+        result = sd_bus_message_append(message, "s", "ExecStart");
+    }
+    if (result >= 0) {
+        result = sd_bus_message_open_container(message, 'v', "a(sasb)");
+    }
+    if (result >= 0) {
+        result = sd_bus_message_open_container(message, 'a', "(sasb)");
+    }
+    if (result >= 0) {
+        result = sd_bus_message_open_container(message, 'r', "sasb");
+    }
+    if (result >= 0) {
+        result = sd_bus_message_append(message, "s", program.c_str());
+    }
+    if (result >= 0) {
+        result = sd_bus_message_append_strv(message, pointers.data());
+    }
+    if (result >= 0) {
+        result = sd_bus_message_append(message, "b", 0);
+    }
+    for (int open = 4; result >= 0 && open > 0; --open) {
+        result = sd_bus_message_close_container(message);
+    }
+    return result;
+}
+
+// Where a standard file goes: the job's file, appended to, or nowhere.
+int appendOutput(sd_bus_message* message, const char* fileProperty, const char* property,
+                 const std::optional<std::string>& path) {
+    return path ? appendProperty(message, fileProperty, "s", path->c_str())
+                : appendProperty(message, property, "s", "null");
+}
+
+// systemd runs only absolute paths; the direct backend runs a relative one from the job's
+// working folder.
+std::string absoluteProgram(const LaunchPlan& plan) {
+    return plan.executable.front() == '/'
+               ? plan.executable
+               : support::joinedPath(plan.workingDirectory, plan.executable);
+}
+
+int appendJobProperties(sd_bus_message* message, const std::string& label, const LaunchdJob& job,
+                        const LaunchPlan& plan) {
+    const std::string description = "launchd job " + label;
+    int result = appendProperty(message, "Description", "s", description.c_str());
+    // Running once executed, as the direct backend's start answers.
+    if (result >= 0) {
+        result = appendProperty(message, "Type", "s", "exec");
+    }
+    if (result >= 0) {
+        result = appendExecStart(message, absoluteProgram(plan), plan.arguments);
+    }
+    if (result >= 0 && job.userName) {
+        result = appendProperty(message, "User", "s", job.userName->c_str());
+    }
+    if (result >= 0 && job.groupName) {
+        result = appendProperty(message, "Group", "s", job.groupName->c_str());
+    }
+    if (result >= 0) {
+        result = appendProperty(message, "WorkingDirectory", "s", plan.workingDirectory.c_str());
+    }
+    if (result >= 0) {
+        result = appendStrings(message, "Environment", plan.environment);
+    }
+    if (result >= 0) {
+        result = appendOutput(message, "StandardOutputFileToAppend", "StandardOutput",
+                              job.standardOutPath);
+    }
+    if (result >= 0) {
+        result = appendOutput(message, "StandardErrorFileToAppend", "StandardError",
+                              job.standardErrorPath);
+    }
+    if (result >= 0) {
+        result = appendProperty(message, "UMask", "u", static_cast<std::uint32_t>(plan.umask));
+    }
+    if (result >= 0) {
+        result = appendProperty(
+            message, "TimeoutStopUSec", "t",
+            static_cast<std::uint64_t>(job.exitTimeOutSeconds) * kMicrosecondsPerSecond);
+    }
+    // launchd's stop: SIGTERM to the job's process, SIGKILL to all that is left at the end.
+    if (result >= 0) {
+        result = appendProperty(message, "KillMode", "s", "mixed");
+    }
+    if (result >= 0) {
+        result = appendProperty(message, "KillSignal", "i", static_cast<std::int32_t>(SIGTERM));
+    }
+    if (result >= 0) {
+        result = appendProperty(message, "SendSIGKILL", "b", 1);
+    }
+    // A unit that failed would otherwise stay loaded, and its name could not be used again.
+    if (result >= 0) {
+        result = appendProperty(message, "CollectMode", "s", "inactive-or-failed");
+    }
+    return result;
+}
+
+// Asks systemd for the job's transient unit; does not wait for it to run.
+support::Status startTransientUnit(sd_bus* bus, const std::string& unit, const std::string& label,
+                                   const LaunchdJob& job, const LaunchPlan& plan) {
+    sd_bus_message* request = nullptr;
+    int result = sd_bus_message_new_method_call(bus, &request, kSystemd, kSystemdPath, kManager,
+                                                "StartTransientUnit");
+    Message owned(request);
+    if (result >= 0) {
+        result = sd_bus_message_append(request, "ss", unit.c_str(), "replace");
+    }
+    if (result >= 0) {
+        result = sd_bus_message_open_container(request, 'a', "(sv)");
+    }
+    if (result >= 0) {
+        result = appendJobProperties(request, label, job, plan);
+    }
+    if (result >= 0) {
+        result = sd_bus_message_close_container(request);
+    }
+    if (result >= 0) {
+        result = sd_bus_message_append(request, "a(sa(sv))", 0);
+    }
+    if (result < 0) {
+        return support::couldNot("describe to systemd", unit, -result);
+    }
+    BusError error;
+    sd_bus_message* reply = nullptr;
+    result = sd_bus_call(bus, request, 0, error.get(), &reply);
+    Message ownedReply(reply);
+    if (result < 0) {
+        return support::Failure{error.is(kUnitExists) ? EEXIST : -result,
+                                "systemd refused the unit " + unit + ": " + error.reason(result)};
+    }
+    return {};
+}
+
+}  // namespace
+
+bool systemdRunsThisMachine() {
+    return sd_booted() > 0;
+}
+
+std::optional<std::string> unitNameOfLabel(const std::string& label) {
+    if (!isUsableLabel(label)) {
+        return std::nullopt;
+    }
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string unit(kUnitPrefix);
+    for (std::size_t index = 0; index < label.size(); ++index) {
+        const char byte = label[index];
+        if (isUnescapedByte(byte, index == 0)) {
+            unit += byte;
+        } else {
+            const auto value = static_cast<unsigned char>(byte);
+            unit += "\\x";
+            unit += kHex[value >> 4];
+            unit += kHex[value & 0xf];
+        }
+    }
+    unit += kUnitSuffix;
+    if (unit.size() > kLongestUnitName) {
+        return std::nullopt;
+    }
+    return unit;
+}
+
+SystemdJobs::SystemdJobs(std::vector<std::string> jobFolders, FailureLog log)
+    : jobFolders_(std::move(jobFolders)), log_(std::move(log)) {}
+
+SystemdJobs SystemdJobs::onThisMachine() {
+    return SystemdJobs(jobFoldersOfThisMachine(), &logHostFailure);
+}
+
+bool SystemdJobs::start(const std::string& label) {
+    const auto unit = unitNameOfLabel(label);
+    if (!unit) {
+        return refuse("start", label, "the label is not a file name of a unit's length");
+    }
+    auto bus = connectToSystemd();
+    if (!bus) {
+        return refuse("start", label, bus.message());
+    }
+    auto state = stateOfUnit(bus->get(), *unit);
+    if (!state) {
+        return refuse("start", label, state.message());
+    }
+    if (state->has_value()) {
+        if ((*state)->up()) {
+            return true;
+        }
+        if (auto gone = awaitUnitGone(bus->get(), *unit, **state); !gone) {
+            return refuse("start", label, gone.message());
+        }
+    }
+    auto job = readJobOfLabel(jobFolders_, label);
+    if (!job) {
+        return refuse("start", label, job.message());
+    }
+    auto plan = planLaunch(*job);
+    if (!plan) {
+        return refuse("start", label, plan.message());
+    }
+    auto started = startTransientUnit(bus->get(), *unit, label, *job, *plan);
+    if (!started && started.error() == EEXIST) {
+        // Another host started it in between: it runs, as asked.
+        return true;
+    }
+    return started.ok() || refuse("start", label, started.message());
+}
+
+bool SystemdJobs::stop(const std::string& label) {
+    const auto unit = unitNameOfLabel(label);
+    if (!unit) {
+        return refuse("stop", label, "the label is not a file name of a unit's length");
+    }
+    auto bus = connectToSystemd();
+    if (!bus) {
+        return refuse("stop", label, bus.message());
+    }
+    auto state = stateOfUnit(bus->get(), *unit);
+    if (!state) {
+        return refuse("stop", label, state.message());
+    }
+    if (!state->has_value()) {
+        if (!hasJobFile(jobFolders_, label)) {
+            return refuse("stop", label, "there is no job file " + label + ".plist");
+        }
+        return true;
+    }
+    // A stop already under way keeps its job, and so its deadline.
+    BusError error;
+    sd_bus_message* reply = nullptr;
+    const int result = sd_bus_call_method(bus->get(), kSystemd, kSystemdPath, kManager, "StopUnit",
+                                          error.get(), &reply, "ss", unit->c_str(), "replace");
+    Message owned(reply);
+    if (result < 0 && !error.is(kNoSuchUnit)) {
+        return refuse("stop", label,
+                      "systemd refused to stop " + *unit + ": " + error.reason(result));
+    }
+    return true;
+}
+
+bool SystemdJobs::isRunning(const std::string& label) const {
+    const auto unit = unitNameOfLabel(label);
+    if (!unit) {
+        return false;
+    }
+    auto bus = connectToSystemd();
+    if (!bus) {
+        log_(support::couldNot("ask about job", label, bus.message()).message);
+        return false;
+    }
+    auto state = stateOfUnit(bus->get(), *unit);
+    if (!state) {
+        log_(support::couldNot("ask about job", label, state.message()).message);
+        return false;
+    }
+    return state->has_value() && (*state)->running();
+}
+
+bool SystemdJobs::refuse(const char* action, const std::string& label,
+                         const std::string& why) const {
+    log_(support::couldNot(std::string(action) + " job", label, why).message);
+    return false;
+}
+
+}  // namespace velnor
