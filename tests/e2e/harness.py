@@ -354,7 +354,8 @@ class ScenarioCase(unittest.TestCase):
         return pid
 
     def wait_for_server_to_end(self):
-        wait_until(lambda: postmaster() is None, "the server has ended")
+        # The server removes its pid file a moment before its last process ends.
+        wait_until(lambda: postmaster() is None and not server_titles(), "the server has ended")
 
 
 def scenario_names(case):
