@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <optional>
 
 #include "SafePath.h"
 #include "UniqueFd.h"
@@ -25,39 +26,41 @@ support::Result<support::Attributes> resolved(const FileAttributes& attributes) 
     return support::resolveAttributes(attributes.permissions, attributes.owner, attributes.group);
 }
 
-// The entry at an absolute path that crosses no symbolic link at all, resolved by the kernel in
-// one call: no link is followed, so there is nothing to trust. ELOOP when a link is on the way.
-support::Result<support::UniqueFd> openWithoutLinks(const std::string& path) {
+// Whether an absolute path that crosses no symbolic link at all names a folder, resolved by the
+// kernel in one call: no link is followed, so there is nothing to trust. Nothing when that call
+// cannot tell (a link on the way, an entry that is no folder, or any other failure).
+std::optional<bool> folderWithoutLinksExists(const std::string& path) {
+    if (path.empty() || path.front() != '/') {
+        return std::nullopt;
+    }
     open_how how{};
-    how.flags = O_PATH | O_CLOEXEC;
+    how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
     how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-    support::UniqueFd entry(
+    support::UniqueFd folder(
         static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof(how))));
-    if (!entry.valid()) {
-        return support::Failure{errno, {}};
+    if (folder.valid()) {
+        return true;
     }
-    return entry;
-}
-
-// The entry at path, the links on the way followed only where that is safe.
-support::Result<support::UniqueFd> openEntry(const std::string& path) {
-    // The idle housekeeping tests its two folders every few seconds, and they hold no link: one
-    // call then does what the walk name by name does in two per name.
-    if (!path.empty() && path.front() == '/') {
-        auto entry = openWithoutLinks(path);
-        if (entry || entry.error() == ENOENT) {
-            return entry;
-        }
+    if (errno == ENOENT) {
+        return false;
     }
-    return support::openSafely(path);
+    return std::nullopt;
 }
 
 }  // namespace
 
 bool fileExists(const std::string& path, bool* isDirectory) {
+    // The idle housekeeping tests its two folders every few seconds, and they hold no link: one
+    // call then does what the walk name by name does in two per name.
+    if (std::optional<bool> folder = folderWithoutLinksExists(path)) {
+        if (*folder && isDirectory != nullptr) {
+            *isDirectory = true;
+        }
+        return *folder;
+    }
     // A path that crosses a link which is not safe to follow counts as missing: whoever then
     // creates it meets the link again and says why it stops there.
-    auto entry = openEntry(path);
+    auto entry = support::openSafely(path);
     struct stat status;
     if (!entry || fstat(entry->get(), &status) != 0) {
         return false;
