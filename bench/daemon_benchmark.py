@@ -134,14 +134,15 @@ def status_runs(arguments, table):
     # The daemon holds a lock of its own here, so that direct runs need not wait for it to end and
     # the three kinds take turns under the same load.
     daemon = Daemon(arguments.velnord, arguments.plugin, 10, lock="/run/velnor/benchmark-daemon.lock")
-    samples = {"daemon": [], "direct": [], "pg_ctl": []}
+    samples = {"daemon": [], "direct": [], "pg_ctl": [], "/bin/true": []}
     for _ in range(arguments.runs):
-        samples["daemon"].append(timed_run(velnor))
-        samples["direct"].append(timed_run(direct))
+        samples["daemon"].append(timed_run(velnor, **as_root))
+        samples["direct"].append(timed_run(direct, **as_root))
         samples["pg_ctl"].append(pg_ctl_run())
+        samples["/bin/true"].append(timed_run(["/bin/true"], **as_root))
     daemon.stop()
     for name, runs in samples.items():
-        table.add(f"{name} status, {len(runs)} runs, whole process", f"median {milliseconds(statistics.median(runs))}, "
+        table.add(f"{name}{'' if name.startswith('/') else ' status'}, {len(runs)} runs, whole process", f"median {milliseconds(statistics.median(runs))}, "
                   f"p90 {milliseconds(quantile(runs, 0.9))}")
     for name, target in [("daemon", "<= 0.5"), ("direct", "<= 1.5")]:
         ratio = statistics.median(samples[name]) / statistics.median(samples["pg_ctl"])
@@ -163,6 +164,12 @@ def idle_tick(arguments, table):
     per_tick = float(re.search(r"per_tick_ns ([\d.]+)", measured).group(1))
     table.add(f"idle tick, {arguments.ticks} ticks (velnord --bench-idle)", f"{per_tick / 1000:.2f} us per tick",
               "<= 5 us")
+    # What one system call costs here: a tick makes four.
+    began = time.perf_counter()
+    for _ in range(arguments.ticks):
+        os.getppid()
+    table.add("  one system call here (getppid, from Python)",
+              f"{(time.perf_counter() - began) / arguments.ticks * 1e6:.2f} us")
     # One tick of the serving daemon, seen from outside: the worker's system calls between two of
     # its timed waits. An existence test opens a path from the root (and looks at what it found).
     daemon = Daemon(arguments.velnord, arguments.plugin, 0.25)
@@ -174,9 +181,9 @@ def idle_tick(arguments, table):
     lines = [re.sub(r"^\[pid\s+\d+\] ", "", line) for line in traced.communicate()[1].splitlines()]
     daemon.stop()
     waits = [index for index, line in enumerate(lines) if "FUTEX_WAIT_BITSET" in line]
-    tick = [line.split("(")[0] + "(" + line.split("(")[1].split(",")[0] + ", " +
-            line.split(",")[1].strip() + ")" if "," in line else line
-            for line in (lines[waits[0] + 1:waits[1]] if len(waits) >= 2 else [])
+    between = lines[waits[0] + 1:waits[1]] if len(waits) >= 2 else []
+    # Each call by its name and first two arguments.
+    tick = [re.sub(r"^(\w+\([^,)]*(?:, [^,)]*)?).*$", r"\1)", line) for line in between
             if not line.startswith("futex(")]
     tests = sum(1 for line in tick if re.match(r"open\w*\(AT_FDCWD", line))
     table.add("idle tick, existence tests in one tick (strace)", f"{tests} ({len(tick)} calls: {'; '.join(tick)})",
