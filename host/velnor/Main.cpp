@@ -158,21 +158,42 @@ void printLogMessage(const std::string& message) {
 
 // The call sent to the daemon: the same checks, output and exit statuses as in-process; the
 // plug-in's messages arrive while it runs.
+// The style that a friendly verb's prepared argument is for; nothing for `call`'s raw argument,
+// whose meaning depends on the operation's style.
+std::optional<OperationStyle> styleOfPreparedArgument(const OperationArgument& argument) {
+    if (std::holds_alternative<PlistDictionary>(argument)) {
+        return OperationStyle::Request;
+    }
+    if (std::holds_alternative<PlistValue>(argument)) {
+        return OperationStyle::Service;
+    }
+    if (std::holds_alternative<std::int32_t>(argument)) {
+        return OperationStyle::Idle;
+    }
+    return std::nullopt;
+}
+
 int runThroughDaemon(const Command& command, DaemonClient& daemon) {
-    support::Result<OperationStyle> style = daemon.styleOf(command.operation);
-    if (!style) {
-        return style.error() == EINVAL ? usageError(style.message())
-                                       : (complain(style.message()), kExitUnavailable);
+    // A friendly verb sends its call at once and the daemon checks the style: one round trip.
+    std::optional<OperationStyle> expected = styleOfPreparedArgument(command.argument);
+    std::optional<OperationArgument> argument = command.argument;
+    if (!expected) {
+        support::Result<OperationStyle> style = daemon.styleOf(command.operation);
+        if (!style) {
+            return style.error() == EINVAL ? usageError(style.message())
+                                           : (complain(style.message()), kExitUnavailable);
+        }
+        int status = kExitNormal;
+        argument = argumentFor(command, *style, &status);
+        if (!argument) {
+            return status;
+        }
     }
-    int status = kExitNormal;
-    std::optional<OperationArgument> argument = argumentFor(command, *style, &status);
-    if (!argument) {
-        return status;
-    }
-    support::Result<Outcome> outcome = daemon.call(command.operation, *argument, printLogMessage);
+    support::Result<Outcome> outcome =
+        daemon.call(command.operation, *argument, expected, printLogMessage);
     if (!outcome) {
-        complain(outcome.message());
-        return kExitUnavailable;
+        return outcome.error() == EINVAL ? usageError(outcome.message())
+                                         : (complain(outcome.message()), kExitUnavailable);
     }
     return report(command, *outcome);
 }

@@ -86,6 +86,12 @@ print(b"serves root only" in data, client.recv(1) == b"")"""])
             reply = read_frame(client)
             self.assertEqual(reply["kind"] if reply else None, "error", what)
             self.assertIsNone(read_frame(client), f"the connection ends after {what}")
+        # A call for another style is told so, as the in-process host tells it, and may go on.
+        client = connect()
+        for style, kind in [("service", "error"), ("request", "outcome")]:
+            client.sendall(frame({"version": VERSION, "operation": "getStateWithRequest", "request": {},
+                                  "style": style}))
+            self.assertEqual(read_frame(client)["kind"], kind, f"a call for a {style} operation")
         self.assertEqual(self.velnor("status").response, {"state": "STOPPED"})
         self.assertIsNone(daemon.poll(), "velnord still runs")
 
