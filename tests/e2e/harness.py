@@ -216,6 +216,34 @@ def server_titles():
     return titles
 
 
+def server_processes():
+    """pid → title of every process of the service account that runs the server program, or that
+    is ending (its program no longer readable: title None), zombies included."""
+    found = {}
+    for pid in (int(entry) for entry in os.listdir("/proc") if entry.isdigit()):
+        try:
+            if os.stat(f"/proc/{pid}").st_uid != ACCOUNT_ID:
+                continue
+        except FileNotFoundError:
+            continue
+        try:
+            program = os.readlink(f"/proc/{pid}/exe")
+        except OSError:
+            program = None
+        if program is None or program == SERVER:
+            try:
+                found[pid] = command_line(pid)[0] if program else None
+            except (OSError, IndexError):
+                found[pid] = None
+    return found
+
+
+def server_settled():
+    """No connection's backend (the probe's) is still there or on its way out: a process-table
+    scan now meets only the server's own processes."""
+    return all(title is not None and "[local]" not in title for title in server_processes().values())
+
+
 def as_account(command, **kwargs):
     """Runs command inside the sandbox as the service account, the way an administrator would."""
     return subprocess.run(["setpriv", f"--reuid={ACCOUNT_ID}", f"--regid={ACCOUNT_ID}",
@@ -331,6 +359,8 @@ class ScenarioCase(unittest.TestCase):
         """A start that succeeded: no response, the expected messages, then at most three waits."""
         self.assertIsNone(answer.response, "a successful start answers nothing")
         self.assert_log(answer, [*before, Waits(WAITING_TO_RESPOND)], "the start")
+        # The probe's backend ends on its own time; the next call's scan must not meet it ending.
+        wait_until(server_settled, "the probe's connection has ended")
 
     def assert_stopped(self, answer, before=()):
         """A stop that succeeded: no response, the expected messages, then at most three waits."""
@@ -354,8 +384,9 @@ class ScenarioCase(unittest.TestCase):
         return pid
 
     def wait_for_server_to_end(self):
-        # The server removes its pid file a moment before its last process ends.
-        wait_until(lambda: postmaster() is None and not server_titles(), "the server has ended")
+        # The server removes its pid file a moment before its last process ends, and a process
+        # on its way out is still in the table that the next call scans.
+        wait_until(lambda: postmaster() is None and not server_processes(), "the server has ended")
 
 
 def scenario_names(case):
