@@ -112,16 +112,20 @@ class Host:
     def __call__(self, *arguments, uid=0, environment=None, timeout=120):
         """velnor --json with arguments, run as uid, with environment added to root's."""
         command = [self.velnor, "--plugin", self.plugin, "--json", *arguments]
+        connections = connection_backends()
         began = time.monotonic()
         done = subprocess.run(as_user(uid, command) if uid else command, capture_output=True,
                               text=True, timeout=timeout, env={**os.environ, **(environment or {})})
+        took = time.monotonic() - began
+        # The probe's connection ends on its own time; the next call's scan must not meet it.
+        wait_until(lambda: connection_backends() <= connections, "the probe's connection has ended")
         out = done.stdout.strip()
         try:
             response = json.loads(out) if out else None
         except json.JSONDecodeError as error:
             raise AssertionError(f"velnor {' '.join(arguments)} printed no JSON ({error}): {out!r}")
         log = [line[line.index(LOG_PREFIX):] for line in done.stderr.splitlines() if LOG_PREFIX in line]
-        return Answer(done.returncode, response, log, done.stderr, time.monotonic() - began)
+        return Answer(done.returncode, response, log, done.stderr, took)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -217,31 +221,35 @@ def server_titles():
 
 
 def server_processes():
-    """pid → title of every process of the service account that runs the server program, or that
-    is ending (its program no longer readable: title None), zombies included."""
+    """pid → title of every process of the server program, zombies and processes on their way
+    out included (known by the name the kernel keeps for them; their title: None)."""
     found = {}
     for pid in (int(entry) for entry in os.listdir("/proc") if entry.isdigit()):
         try:
-            if os.stat(f"/proc/{pid}").st_uid != ACCOUNT_ID:
-                continue
-        except FileNotFoundError:
-            continue
-        try:
-            program = os.readlink(f"/proc/{pid}/exe")
+            with open(f"/proc/{pid}/stat") as status:
+                name = status.read().split("(", 1)[1].rsplit(")", 1)[0]
         except OSError:
-            program = None
-        if program is None or program == SERVER:
+            continue
+        if name == os.path.basename(SERVER)[:15]:
             try:
-                found[pid] = command_line(pid)[0] if program else None
+                found[pid] = command_line(pid)[0]
             except (OSError, IndexError):
                 found[pid] = None
     return found
 
 
-def server_settled():
-    """No connection's backend (the probe's) is still there or on its way out: a process-table
-    scan now meets only the server's own processes."""
-    return all(title is not None and "[local]" not in title for title in server_processes().values())
+def connection_backends():
+    """How many of the server's processes serve a connection, or are on their way out: a
+    process-table scan that meets one ending logs that it could not read its arguments."""
+    return sum(1 for title in server_processes().values() if title is None or "[local]" in title)
+
+
+def leaving_no_connection_behind(run):
+    """Runs run() and returns what it returned once the connections that it made have ended."""
+    before = connection_backends()
+    result = run()
+    wait_until(lambda: connection_backends() <= before, "the connections made meanwhile have ended")
+    return result
 
 
 def as_account(command, **kwargs):
@@ -260,14 +268,15 @@ def psql(sql, socket_dir=SOCKET_DIR):
     if done.returncode != 0:
         raise AssertionError(f"psql -c {sql!r} failed: {done.stderr.strip()}")
     backend, _, rows = done.stdout.partition("\n")
-    wait_until(lambda: not process_alive(int(backend)), f"the session of psql -c {sql!r} has ended")
+    wait_until(lambda: int(backend) not in server_processes(), f"the session of psql -c {sql!r} has ended")
     return rows.strip()
 
 
 def answers(socket_dir=SOCKET_DIR):
     """True when a server accepts a connection on socket_dir."""
-    return subprocess.run(["psql", "-X", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres", "-c",
-                           "SELECT 1"], capture_output=True, timeout=60).returncode == 0
+    return leaving_no_connection_behind(lambda: subprocess.run(
+        ["psql", "-X", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres", "-c", "SELECT 1"],
+        capture_output=True, timeout=60).returncode == 0)
 
 
 class Client:
@@ -359,8 +368,6 @@ class ScenarioCase(unittest.TestCase):
         """A start that succeeded: no response, the expected messages, then at most three waits."""
         self.assertIsNone(answer.response, "a successful start answers nothing")
         self.assert_log(answer, [*before, Waits(WAITING_TO_RESPOND)], "the start")
-        # The probe's backend ends on its own time; the next call's scan must not meet it ending.
-        wait_until(server_settled, "the probe's connection has ended")
 
     def assert_stopped(self, answer, before=()):
         """A stop that succeeded: no response, the expected messages, then at most three waits."""
