@@ -113,7 +113,8 @@ print(b"serves root only" in data, client.recv(1) == b"")"""])
         self.assertTrue(harness.answers(), "the server that the start started answers")
         daemon = self.start_daemon()
         connect().sendall(frame({"version": VERSION, "operation": "stopServiceWithVariant"}))
-        harness.wait_until(lambda: harness.postmaster() is None, "the stop went on without its client")
+        harness.wait_until(lambda: harness.postmaster() is None and not harness.server_processes(),
+                           "the stop went on without its client")
         self.assertEqual(self.velnor("status").response, {"state": "STOPPED"})
         self.assertIsNone(daemon.poll(), "velnord still runs")
 
