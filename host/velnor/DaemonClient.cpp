@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "ControlProtocol.h"
+#include "ExitStatus.h"
 
 namespace velnor::host {
 namespace {
@@ -41,9 +42,10 @@ support::Result<PlistDictionary> DaemonClient::nextReply() {
     if (kind != nullptr && *kind == "error") {
         const std::string* text = textAt(*reply, "error");
         const PlistValue* status = reply->find("status");
-        // An operation that the plug-in lacks is the caller's mistake, as it is in-process.
+        // An operation that the plug-in lacks is the caller's mistake, as it is in-process; one
+        // of another style is one that this command cannot call.
         if (status != nullptr && text != nullptr) {
-            return support::Failure{EINVAL, *text};
+            return support::Failure{status->asInteger() == kExitUsage ? EINVAL : ENOTSUP, *text};
         }
         return daemonFailure("refused the call: " + (text ? *text : std::string("no reason")));
     }
@@ -75,8 +77,13 @@ support::Result<OperationStyle> DaemonClient::styleOf(const std::string& operati
 
 support::Result<Outcome> DaemonClient::call(const std::string& operation,
                                             const OperationArgument& argument,
+                                            std::optional<OperationStyle> expectedStyle,
                                             const std::function<void(const std::string&)>& onLog) {
-    support::Result<PlistDictionary> reply = exchange(callRequest(operation, argument));
+    PlistDictionary request = callRequest(operation, argument);
+    if (expectedStyle) {
+        request.set("style", PlistValue(styleName(*expectedStyle)));
+    }
+    support::Result<PlistDictionary> reply = exchange(request);
     for (;;) {
         if (!reply) {
             return reply.failure();

@@ -23,8 +23,12 @@ class DaemonClient {
     // understood.
     support::Result<OperationStyle> styleOf(const std::string& operation);
 
-    // Runs the call in the daemon; each log message is passed to onLog as it arrives.
+    // Runs the call in the daemon; each log message is passed to onLog as it arrives. With
+    // expectedStyle, the daemon first checks that the operation has that style: the call then
+    // needs no styleOf before it. Fails with error() EINVAL and the daemon's message when the
+    // plug-in has no such operation, ENOTSUP when its style is another.
     support::Result<Outcome> call(const std::string& operation, const OperationArgument& argument,
+                                  std::optional<OperationStyle> expectedStyle,
                                   const std::function<void(const std::string&)>& onLog);
 
   private:

@@ -216,8 +216,10 @@ int conclude(const Command& command, const OperationArgument& argument, const Ca
     }
     support::Result<Outcome> outcome = call(command.operation, argument);
     if (!outcome) {
-        complain(outcome.message());
-        return kExitUnavailable;
+        // The daemon refuses an operation the plug-in lacks, or an argument of another style,
+        // as the in-process host does: a usage error.
+        return outcome.error() == EINVAL ? usageError(outcome.message())
+                                         : (complain(outcome.message()), kExitUnavailable);
     }
     int status = report(command, *outcome);
     if (status == kExitErrorResponse && mark) {
@@ -306,31 +308,52 @@ void printLogMessage(const std::string& message) {
                  message.ends_with('\n') ? "" : "\n");
 }
 
+// The style that a friendly verb's prepared argument is for; nothing for `call`'s raw argument,
+// whose meaning depends on the operation's style.
+std::optional<OperationStyle> styleOfPreparedArgument(const OperationArgument& argument) {
+    if (std::holds_alternative<PlistDictionary>(argument)) {
+        return OperationStyle::Request;
+    }
+    if (std::holds_alternative<PlistValue>(argument)) {
+        return OperationStyle::Service;
+    }
+    if (std::holds_alternative<std::int32_t>(argument)) {
+        return OperationStyle::Idle;
+    }
+    return std::nullopt;
+}
+
 // The call sent to the daemon: the same checks, output and exit statuses as in-process; the
 // plug-in's messages arrive while it runs. The verb's further calls each connect again.
 int runThroughDaemon(const Command& command, DaemonClient& daemon) {
-    support::Result<OperationStyle> style = daemon.styleOf(command.operation);
-    if (!style) {
-        return style.error() == EINVAL ? usageError(style.message())
-                                       : (complain(style.message()), kExitUnavailable);
-    }
-    int status = kExitNormal;
-    std::optional<OperationArgument> argument = argumentFor(command, *style, &status);
-    if (!argument) {
-        return status;
+    // A friendly verb sends its call at once and the daemon checks the style: one round trip.
+    std::optional<OperationStyle> expected = styleOfPreparedArgument(command.argument);
+    std::optional<OperationArgument> argument = command.argument;
+    if (!expected) {
+        support::Result<OperationStyle> style = daemon.styleOf(command.operation);
+        if (!style) {
+            return style.error() == EINVAL ? usageError(style.message())
+                                           : (complain(style.message()), kExitUnavailable);
+        }
+        int status = kExitNormal;
+        argument = argumentFor(command, *style, &status);
+        if (!argument) {
+            return status;
+        }
     }
     auto onLog = command.quiet ? [](const std::string&) {} : printLogMessage;
     bool first = true;
     Call call = [&](const std::string& name,
                     const OperationArgument& argument) -> support::Result<Outcome> {
+        const std::optional<OperationStyle> style = styleOfPreparedArgument(argument);
         if (std::exchange(first, false)) {
-            return daemon.call(name, argument, onLog);
+            return daemon.call(name, argument, style, onLog);
         }
         std::optional<DaemonClient> again = DaemonClient::connect(kControlSocketPath);
         if (!again) {
             return support::Failure{ECONNREFUSED, "velnord no longer answers"};
         }
-        return again->call(name, argument, onLog);
+        return again->call(name, argument, style, onLog);
     };
     return conclude(command, *argument, call);
 }

@@ -76,6 +76,21 @@ class JobKeys {
         return static_cast<mode_t>(number);
     }
 
+    // A boolean, or false when the key is absent.
+    bool flag(const char* key) {
+        plist_t node = plist_dict_get_item(dictionary_, key);
+        if (node == nullptr) {
+            return false;
+        }
+        if (plist_get_node_type(node) != PLIST_BOOLEAN) {
+            refuse(std::string(key) + " is not a boolean");
+            return false;
+        }
+        std::uint8_t value = 0;
+        plist_get_bool_val(node, &value);
+        return value != 0;
+    }
+
     std::vector<std::pair<std::string, std::string>> textsByName(const char* key) {
         std::vector<std::pair<std::string, std::string>> entries;
         plist_t node = plist_dict_get_item(dictionary_, key);
@@ -150,6 +165,8 @@ support::Result<LaunchdJob> readLaunchdJob(int file, const std::string& path) {
     job.environmentVariables = keys.textsByName("EnvironmentVariables");
     job.umask = keys.mask("Umask");
     job.exitTimeOutSeconds = keys.positiveNumber("ExitTimeOut", kDefaultExitTimeOutSeconds);
+    job.runAtLoad = keys.flag("RunAtLoad");
+    job.disabled = keys.flag("Disabled");
     if (keys.failure()) {
         return *keys.failure();
     }

@@ -30,15 +30,17 @@ struct LaunchdJob {
     std::optional<mode_t> umask;
     // ExitTimeOut: how long a stopping job's process may take to end before it is killed.
     int exitTimeOutSeconds = kDefaultExitTimeOutSeconds;
+    // RunAtLoad and Disabled: whether a long-running host starts the job when it starts.
+    bool runAtLoad = false;
+    bool disabled = false;
 };
 
 // The job that the open job file describes; path names it in messages. Fails when the file
 // cannot be read, is not a dictionary, has no ProgramArguments with at least one string, or
-// holds one of the keys above with a value of the wrong kind, a Umask that is not an integer
-// from 0 to 0777, or an ExitTimeOut that is not a
-// whole number of seconds from 1 to INT_MAX (launchd reads 0 as "never kill", which would leave a
-// stop that hangs for ever). Other keys, of any kind, are not
-// looked at.
+// holds one of the keys above with a value of the wrong kind (RunAtLoad and Disabled are
+// booleans), a Umask that is not an integer from 0 to 0777, or an ExitTimeOut that is not a whole
+// number of seconds from 1 to INT_MAX (launchd reads 0 as "never kill", which would leave a stop
+// that hangs for ever). Other keys, of any kind, are not looked at.
 support::Result<LaunchdJob> readLaunchdJob(int file, const std::string& path);
 
 }  // namespace velnor

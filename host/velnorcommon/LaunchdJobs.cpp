@@ -1,5 +1,6 @@
 #include "LaunchdJobs.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -17,6 +18,7 @@ extern "C" {
 #include <cstdint>
 #include <ctime>
 #include <limits>
+#include <memory>
 #include <string_view>
 
 #include "HostLog.h"
@@ -370,6 +372,30 @@ bool LaunchdJobs::isRunning(const std::string& label) const {
         return isSameRunningProcess(running->process);
     }
     return true;
+}
+
+std::vector<PendingStop> LaunchdJobs::pendingStops() const {
+    std::vector<PendingStop> pending;
+    std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(folders_.recordFolder.c_str()),
+                                               &::closedir);
+    if (!folder) {
+        return pending;
+    }
+    constexpr std::string_view kMarkSuffix = ".stopping";
+    while (const dirent* entry = ::readdir(folder.get())) {
+        const std::string_view name = entry->d_name;
+        if (name.size() <= kMarkSuffix.size() || !name.ends_with(kMarkSuffix)) {
+            continue;
+        }
+        const std::string label(name.substr(0, name.size() - kMarkSuffix.size()));
+        const auto running = runningJob(label);
+        const auto mark = running ? stopMarkOf(label, running->process) : std::nullopt;
+        if (mark) {
+            const std::int64_t left = mark->killAtMilliseconds - bootClockMilliseconds();
+            pending.push_back({label, std::max<std::int64_t>(left, 0)});
+        }
+    }
+    return pending;
 }
 
 support::Status LaunchdJobs::writeRecord(const std::string& label, const JobRecord& record) const {

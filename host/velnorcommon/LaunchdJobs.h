@@ -58,6 +58,13 @@ struct StopMark {
     std::int64_t killAtMilliseconds;  // CLOCK_BOOTTIME
 };
 
+// A job asked to stop whose process still runs: in how many milliseconds (0 when already past)
+// its ExitTimeOut ends and a state query of the job kills what is left of it.
+struct PendingStop {
+    std::string label;
+    std::int64_t millisecondsLeft;
+};
+
 class LaunchdJobs {
   public:
     struct Folders {
@@ -94,6 +101,11 @@ class LaunchdJobs {
     bool isRunning(const std::string& label) const;
 
     std::string recordPath(const std::string& label) const;
+
+    // Every job asked to stop whose process still runs, from the marks in the record folder; a
+    // long-running host queries each job's state when its time has come, so that the SIGKILL
+    // comes on time without waiting for someone's next call.
+    std::vector<PendingStop> pendingStops() const;
 
   private:
     std::string stopMarkPath(const std::string& label) const;

@@ -225,6 +225,15 @@ bool ControlServer::answer(int socket, const PlistDictionary& request) {
                                       {"style", PlistValue(styleName(operation->style))}});
         return true;
     }
+    // A client that knows the style it prepared its argument for says so, and is told, as the
+    // in-process host would tell it, when the operation has another.
+    if (const std::string* expected = textAt(request, "style");
+        expected != nullptr && *expected != styleName(operation->style)) {
+        reply(socket, errorReply("the plug-in's " + *name + " is a " + styleName(operation->style) +
+                                     " operation, which this command cannot call",
+                                 kExitUnavailable));
+        return true;
+    }
     Result<OperationArgument> argument = argumentOfRequest(request, operation->style);
     if (!argument) {
         reply(socket, errorReply(argument.message()));

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
@@ -22,7 +23,9 @@
 #include "HostEnvironment.h"
 #include "HostLock.h"
 #include "HostLog.h"
+#include "LaunchdJobs.h"
 #include "PluginLoader.h"
+#include "RunAtLoad.h"
 #include "ServiceManagerNotice.h"
 #include "WebConsole.h"
 #include "Worker.h"
@@ -60,6 +63,9 @@ struct Options {
     bool foreground = false;
     bool help = false;
     std::optional<WebListen> web = WebListen{};
+    // For the benchmark, not in the usage: run this many idle ticks through the worker, print
+    // the time they took, and end instead of serving.
+    std::optional<std::int64_t> benchIdleTicks;
 };
 
 void complain(const std::string& message) {
@@ -101,6 +107,14 @@ support::Result<Options> parseOptions(const std::vector<std::string_view>& argum
                 return support::Failure{EINVAL, "--idle-interval needs seconds above 0"};
             }
             options.idleInterval = std::chrono::duration<double>(*seconds);
+        } else if (argument == "--bench-idle" && hasValue) {
+            std::string_view text = arguments[++index];
+            std::int64_t ticks = 0;
+            auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), ticks);
+            if (error != std::errc() || end != text.data() + text.size() || ticks <= 0) {
+                return support::Failure{EINVAL, "--bench-idle needs a count above 0"};
+            }
+            options.benchIdleTicks = ticks;
         } else {
             return support::Failure{EINVAL,
                                     "unexpected argument \"" + std::string(argument) + "\""};
@@ -154,6 +168,37 @@ std::unique_ptr<WebConsole> startWebConsole(const Options& options, const Plugin
     return std::move(*console);
 }
 
+// What the daemon ran in its life, for its log and the benchmark that reads it.
+void logCounts(const WorkerCounts& counts) {
+    ::syslog(LOG_INFO,
+             "ran %llu calls, %llu idle ticks and %llu state queries at stop deadlines; plug-in "
+             "calls overlapping another: %llu",
+             static_cast<unsigned long long>(counts.calls),
+             static_cast<unsigned long long>(counts.ticks),
+             static_cast<unsigned long long>(counts.stopQueries),
+             static_cast<unsigned long long>(counts.overlaps));
+}
+
+// The idle tick as the daemon runs it, count times in a row, timed; nothing is served.
+int measureIdleTicks(const PluginModule& module, std::int64_t count) {
+    const PluginDescriptor& plugin = module.descriptor();
+    ServiceManagerNotice notice;
+    Worker worker(
+        plugin, findOperation(plugin, "doIdleAtCount"), std::chrono::hours(24),
+        [&notice](const std::string& what) { notice.ran(what); }, nullptr);
+    std::optional<Worker::Clock::duration> took = worker.runTicks(count);
+    if (!took) {
+        complain("the plug-in has no idle operation");
+        return kExitUnavailable;
+    }
+    const double nanoseconds = std::chrono::duration<double, std::nano>(*took).count();
+    std::printf("ticks %lld total_ns %.0f per_tick_ns %.1f overlaps %llu\n",
+                static_cast<long long>(count), nanoseconds,
+                nanoseconds / static_cast<double>(count),
+                static_cast<unsigned long long>(worker.counts().overlaps));
+    return kExitNormal;
+}
+
 int serve(const Options& options, const PluginModule& module, ServiceManagerNotice& notice) {
     support::Result<support::UniqueFd> stop = stopSignals();
     if (!stop) {
@@ -167,14 +212,16 @@ int serve(const Options& options, const PluginModule& module, ServiceManagerNoti
     }
     const PluginDescriptor& plugin = module.descriptor();
     std::atomic<WebConsole*> console = nullptr;
-    Worker worker(plugin, findOperation(plugin, "doIdleAtCount"),
-                  std::chrono::duration_cast<Worker::Clock::duration>(options.idleInterval),
-                  [&notice, &console](const std::string& what) {
-                      notice.ran(what);
-                      if (WebConsole* web = console.load()) {
-                          web->ran(what);
-                      }
-                  });
+    Worker worker(
+        plugin, findOperation(plugin, "doIdleAtCount"),
+        std::chrono::duration_cast<Worker::Clock::duration>(options.idleInterval),
+        [&notice, &console](const std::string& what) {
+            notice.ran(what);
+            if (WebConsole* web = console.load()) {
+                web->ran(what);
+            }
+        },
+        [] { return LaunchdJobs::onThisMachine().pendingStops(); });
     relayLogMessages(worker);
     std::unique_ptr<WebConsole> web = startWebConsole(options, plugin, worker);
     console = web.get();
@@ -189,6 +236,7 @@ int serve(const Options& options, const PluginModule& module, ServiceManagerNoti
     worker.stop();
     server.close();
     setLogSink(nullptr);
+    logCounts(worker.counts());
     if (!served) {
         complain(served.message());
         return kExitUnavailable;
@@ -226,6 +274,11 @@ int run(const Options& options) {
         complain("the plug-in's initialize failed: " + *failure);
         return kExitUnavailable;
     }
+    if (options.benchIdleTicks) {
+        return measureIdleTicks(**module, *options.benchIdleTicks);
+    }
+    // As launchd does at boot, before the first call is served.
+    startJobsThatRunAtLoad(kRunAtLoadFolder);
     ServiceManagerNotice notice;
     return serve(options, **module, notice);
 }

@@ -1,14 +1,28 @@
 #include "Worker.h"
 
+#include <algorithm>
+
+#include "LaunchDaemon.h"
+
 namespace velnor::host {
+namespace {
+
+// A stop still pending once its deadline's query has run means that its process survived the
+// SIGKILL; it is asked about again after this long rather than at once, over and over.
+constexpr std::chrono::seconds kStopRetry{1};
+
+}  // namespace
 
 Worker::Worker(const PluginDescriptor& plugin, const HostOperation* idleOperation,
-               Clock::duration idleInterval, WorkerReport report)
+               Clock::duration idleInterval, WorkerReport report, PendingStopsSource pendingStops)
     : plugin_(plugin),
       idleOperation_(idleOperation),
       idleInterval_(idleInterval),
       report_(std::move(report)),
+      pendingStops_(std::move(pendingStops)),
       nextTick_(Clock::now() + idleInterval) {
+    // A stop that a host before this one began is seen to its end too.
+    learnStopDeadline({});
     thread_ = std::thread([this] { loop(); });
 }
 
@@ -24,11 +38,31 @@ std::optional<Outcome> Worker::call(const HostOperation& operation, OperationArg
         if (stopping_) {
             return std::nullopt;
         }
-        queue_.push_back(Job{&operation, std::move(argument), std::move(relay), Clock::now(), {}});
+        queue_.push_back(
+            Job{&operation, std::move(argument), std::move(relay), Clock::now(), {}, 0, {}});
         done = queue_.back().done.get_future();
     }
     wake_.notify_one();
     return done.get();
+}
+
+std::optional<Worker::Clock::duration> Worker::runTicks(std::int64_t count) {
+    std::future<std::optional<Clock::duration>> ticked;
+    {
+        std::lock_guard lock(mutex_);
+        if (stopping_ || idleOperation_ == nullptr) {
+            return std::nullopt;
+        }
+        queue_.push_back(Job{nullptr, {}, {}, Clock::now(), {}, count, {}});
+        ticked = queue_.back().ticked.get_future();
+    }
+    wake_.notify_one();
+    return ticked.get();
+}
+
+WorkerCounts Worker::counts() const {
+    std::lock_guard lock(countsMutex_);
+    return counts_;
 }
 
 void Worker::relay(int priority, const std::string& message) {
@@ -48,11 +82,34 @@ void Worker::stop() {
     }
 }
 
-// A tick is due once its time has come, unless a call that arrived before that time waits.
-// Called with the mutex held.
+// Something timed is due once its moment has come, unless a call that arrived before that
+// moment waits. Called with the mutex held.
+bool Worker::isDue(Clock::time_point moment) const {
+    return Clock::now() >= moment && (queue_.empty() || queue_.front().arrived > moment);
+}
+
 bool Worker::tickIsDue() const {
-    return idleOperation_ != nullptr && Clock::now() >= nextTick_ &&
-           (queue_.empty() || queue_.front().arrived > nextTick_);
+    return idleOperation_ != nullptr && isDue(nextTick_);
+}
+
+bool Worker::stopQueryIsDue() const {
+    return stopDeadline_ && isDue(stopDeadline_->at);
+}
+
+// Sleeps until a call arrives, the next tick or the next stop's deadline.
+void Worker::waitForWork(std::unique_lock<std::mutex>& lock) {
+    std::optional<Clock::time_point> wakeAt;
+    if (idleOperation_ != nullptr) {
+        wakeAt = nextTick_;
+    }
+    if (stopDeadline_) {
+        wakeAt = wakeAt ? std::min(*wakeAt, stopDeadline_->at) : stopDeadline_->at;
+    }
+    if (wakeAt) {
+        wake_.wait_until(lock, *wakeAt);
+    } else {
+        wake_.wait(lock);
+    }
 }
 
 void Worker::loop() {
@@ -64,29 +121,50 @@ void Worker::loop() {
             lock.lock();
             continue;
         }
+        if (stopQueryIsDue()) {
+            lock.unlock();
+            queryStopAtDeadline();
+            lock.lock();
+            continue;
+        }
         if (queue_.empty()) {
-            if (idleOperation_ != nullptr) {
-                wake_.wait_until(lock, nextTick_);
-            } else {
-                wake_.wait(lock);
-            }
+            waitForWork(lock);
             continue;
         }
         Job job = std::move(queue_.front());
         queue_.pop_front();
         lock.unlock();
-        runJob(job);
+        if (job.operation == nullptr) {
+            runTicks(job);
+        } else {
+            runJob(job);
+        }
         lock.lock();
     }
     // Calls that never had their turn are told so; their clients hear that the daemon stops.
     for (Job& job : queue_) {
-        job.done.set_value(std::nullopt);
+        if (job.operation == nullptr) {
+            job.ticked.set_value(std::nullopt);
+        } else {
+            job.done.set_value(std::nullopt);
+        }
     }
     queue_.clear();
 }
 
+// Every entry into the plug-in goes through here, so that an overlap would be counted.
+Outcome Worker::enterPlugin(const HostOperation& operation, const OperationArgument& argument) {
+    const bool overlapped = inside_.fetch_add(1) != 0;
+    Outcome outcome = callWithNewHandler(plugin_, operation, argument);
+    inside_.fetch_sub(1);
+    std::lock_guard lock(countsMutex_);
+    counts_.overlaps += overlapped ? 1 : 0;
+    ++(operation.style == OperationStyle::Idle ? counts_.ticks : counts_.calls);
+    return outcome;
+}
+
 void Worker::tick() {
-    Outcome outcome = callWithNewHandler(plugin_, *idleOperation_, idleCount_);
+    Outcome outcome = enterPlugin(*idleOperation_, idleCount_);
     // The count goes round as a signed 32-bit integer does, without overflowing one.
     idleCount_ = static_cast<std::int32_t>(static_cast<std::uint32_t>(idleCount_) + 1U);
     nextTick_ = Clock::now() + idleInterval_;
@@ -95,14 +173,57 @@ void Worker::tick() {
     }
 }
 
+void Worker::runTicks(Job& job) {
+    const Clock::time_point began = Clock::now();
+    for (std::int64_t done = 0; done < job.ticks; ++done) {
+        tick();
+    }
+    job.ticked.set_value(Clock::now() - began);
+}
+
 void Worker::runJob(Job& job) {
     currentRelay_ = std::move(job.relay);
-    Outcome outcome = callWithNewHandler(plugin_, *job.operation, job.argument);
+    Outcome outcome = enterPlugin(*job.operation, job.argument);
     currentRelay_ = nullptr;
     if (report_) {
         report_(job.operation->name);
     }
     job.done.set_value(std::move(outcome));
+    // A stop, restart or settings change may have asked the job to stop.
+    learnStopDeadline({});
+}
+
+// The query finds the job past its ExitTimeOut and kills what is left of it.
+void Worker::queryStopAtDeadline() {
+    std::string label;
+    {
+        std::lock_guard lock(mutex_);
+        label = stopDeadline_->label;
+    }
+    GetLaunchDaemonServiceState(label);
+    {
+        std::lock_guard lock(countsMutex_);
+        ++counts_.stopQueries;
+    }
+    learnStopDeadline(label);
+}
+
+void Worker::learnStopDeadline(const std::string& queriedLabel) {
+    std::optional<StopDeadline> earliest;
+    const std::vector<PendingStop> pending =
+        pendingStops_ ? pendingStops_() : std::vector<PendingStop>{};
+    const Clock::time_point now = Clock::now();
+    for (const PendingStop& stop : pending) {
+        Clock::duration left = std::chrono::milliseconds(stop.millisecondsLeft);
+        if (stop.label == queriedLabel && stop.millisecondsLeft == 0) {
+            left = kStopRetry;
+        }
+        if (!earliest || now + left < earliest->at) {
+            earliest = StopDeadline{now + left, stop.label};
+        }
+    }
+    std::lock_guard lock(mutex_);
+    stopDeadline_ = std::move(earliest);
 }
 
 }  // namespace velnor::host

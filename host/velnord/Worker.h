@@ -2,6 +2,7 @@
 // calls in the order they arrived and, between them, the idle tick every interval.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -12,8 +13,10 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "Invocation.h"
+#include "LaunchdJobs.h"
 #include "PluginInterface.h"
 
 namespace velnor::host {
@@ -21,13 +24,28 @@ namespace velnor::host {
 // Told after each idle tick and each call, on the worker's thread: what ran, and when.
 using WorkerReport = std::function<void(const std::string& what)>;
 
+// The stops whose process still runs, and when each one's ExitTimeOut ends.
+using PendingStopsSource = std::function<std::vector<PendingStop>()>;
+
+// What the worker has run so far: plug-in calls, idle ticks, the state queries it made when a
+// stop's ExitTimeOut ended, and how often a plug-in call began while another was still inside
+// (never, as long as the worker is the only thread that calls the plug-in).
+struct WorkerCounts {
+    std::uint64_t calls = 0;
+    std::uint64_t ticks = 0;
+    std::uint64_t stopQueries = 0;
+    std::uint64_t overlaps = 0;
+};
+
 class Worker {
   public:
     using Clock = std::chrono::steady_clock;
 
     // idleOperation is the plug-in's doIdleAtCount, or nullptr when it has none (no ticks).
+    // pendingStops tells, after each call, which stopping jobs need a state query at their
+    // deadline; empty for none.
     Worker(const PluginDescriptor& plugin, const HostOperation* idleOperation,
-           Clock::duration idleInterval, WorkerReport report);
+           Clock::duration idleInterval, WorkerReport report, PendingStopsSource pendingStops);
     ~Worker();
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
@@ -40,33 +58,59 @@ class Worker {
     // Passes a log message to the relay of the call running now, if any; on the worker's thread.
     void relay(int priority, const std::string& message);
 
+    // Runs count idle ticks back to back in the worker's turn, as the interval would run them,
+    // and answers how long they took; nothing when the plug-in has no idle operation or the
+    // worker stopped before its turn. For measuring the tick.
+    std::optional<Clock::duration> runTicks(std::int64_t count);
+
+    WorkerCounts counts() const;
+
     // Lets the running call or tick finish, drops the calls still waiting, and ends the thread.
     void stop();
 
   private:
     struct Job {
-        const HostOperation* operation;
+        const HostOperation* operation;  // nullptr for a run of ticks
         OperationArgument argument;
         std::function<void(int, const std::string&)> relay;
         Clock::time_point arrived;
         std::promise<std::optional<Outcome>> done;
+        std::int64_t ticks = 0;
+        std::promise<std::optional<Clock::duration>> ticked;
+    };
+    struct StopDeadline {
+        Clock::time_point at;
+        std::string label;
     };
 
     void loop();
+    bool isDue(Clock::time_point moment) const;
     bool tickIsDue() const;
+    bool stopQueryIsDue() const;
+    void waitForWork(std::unique_lock<std::mutex>& lock);
     void tick();
     void runJob(Job& job);
+    void runTicks(Job& job);
+    Outcome enterPlugin(const HostOperation& operation, const OperationArgument& argument);
+    void queryStopAtDeadline();
+    void learnStopDeadline(const std::string& queriedLabel);
 
     const PluginDescriptor& plugin_;
     const HostOperation* idleOperation_;
     const Clock::duration idleInterval_;
     WorkerReport report_;
+    PendingStopsSource pendingStops_;
 
     std::mutex mutex_;
     std::condition_variable wake_;
     std::deque<Job> queue_;
     bool stopping_ = false;
     Clock::time_point nextTick_;
+    // The earliest end of a pending stop's ExitTimeOut; set and read only with the mutex held.
+    std::optional<StopDeadline> stopDeadline_;
+    mutable std::mutex countsMutex_;
+    WorkerCounts counts_;
+    std::atomic<int> inside_{0};
     // Touched only by the worker's thread.
     std::int32_t idleCount_ = 0;
     std::function<void(int, const std::string&)> currentRelay_;

@@ -7,9 +7,17 @@
 // chmod because changing the owner may clear the set-id bits that chmod would have set.
 #include "platform/FileSystem.h"
 
+#include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <optional>
 
 #include "SafePath.h"
+#include "UniqueFd.h"
 
 namespace velnor::platform {
 namespace {
@@ -18,9 +26,38 @@ support::Result<support::Attributes> resolved(const FileAttributes& attributes) 
     return support::resolveAttributes(attributes.permissions, attributes.owner, attributes.group);
 }
 
+// Whether an absolute path that crosses no symbolic link at all names a folder, resolved by the
+// kernel in one call: no link is followed, so there is nothing to trust. Nothing when that call
+// cannot tell (a link on the way, an entry that is no folder, or any other failure).
+std::optional<bool> folderWithoutLinksExists(const std::string& path) {
+    if (path.empty() || path.front() != '/') {
+        return std::nullopt;
+    }
+    open_how how{};
+    how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    support::UniqueFd folder(
+        static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof(how))));
+    if (folder.valid()) {
+        return true;
+    }
+    if (errno == ENOENT) {
+        return false;
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 bool fileExists(const std::string& path, bool* isDirectory) {
+    // The idle housekeeping tests its two folders every few seconds, and they hold no link: one
+    // call then does what the walk name by name does in two per name.
+    if (std::optional<bool> folder = folderWithoutLinksExists(path)) {
+        if (*folder && isDirectory != nullptr) {
+            *isDirectory = true;
+        }
+        return *folder;
+    }
     // A path that crosses a link which is not safe to follow counts as missing: whoever then
     // creates it meets the link again and says why it stops there.
     auto entry = support::openSafely(path);

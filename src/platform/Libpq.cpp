@@ -1,21 +1,102 @@
 #include "platform/Libpq.h"
 
+#include <dlfcn.h>
+#include <syslog.h>
+
+#include <mutex>
+#include <string>
+
+#include "Result.h"
+#include "handler/Constants.h"
+#include "platform/SystemLog.h"
+
 namespace velnor::platform {
+namespace {
+
+// The library's run-time name: the interface that the header above describes.
+constexpr const char* kLibpqName = "libpq.so.5";
+
+// The few functions of the library that the probe calls.
+struct LibpqFunctions {
+    decltype(&PQconnectdb) connectdb = nullptr;
+    decltype(&PQstatus) status = nullptr;
+    decltype(&PQserverVersion) serverVersion = nullptr;
+    decltype(&PQfinish) finish = nullptr;
+};
+
+// What the dynamic linker said about its last failure.
+std::string lastLoadError() {
+    const char* error = ::dlerror();
+    return error != nullptr ? error : "unknown failure";
+}
+
+template <typename Function>
+bool resolve(void* library, const char* name, Function* function) {
+    *function = reinterpret_cast<Function>(::dlsym(library, name));
+    return *function != nullptr;
+}
+
+support::Status resolveAll(void* library, LibpqFunctions* functions) {
+    if (!resolve(library, "PQconnectdb", &functions->connectdb) ||
+        !resolve(library, "PQstatus", &functions->status) ||
+        !resolve(library, "PQserverVersion", &functions->serverVersion) ||
+        !resolve(library, "PQfinish", &functions->finish)) {
+        return support::couldNot("load", kLibpqName, lastLoadError());
+    }
+    return {};
+}
+
+support::Result<LibpqFunctions> loadLibpq() {
+    // Never closed: the functions stay valid for the process's life.
+    void* library = ::dlopen(kLibpqName, RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+        return support::couldNot("load", kLibpqName, lastLoadError());
+    }
+    LibpqFunctions functions;
+    if (support::Status resolved = resolveAll(library, &functions); !resolved) {
+        return resolved.failure();
+    }
+    return functions;
+}
+
+// The library's functions once loaded; nothing, with the reason logged, while it cannot be. A
+// failed load is tried again at the next probe, so that installing the library needs no restart.
+const LibpqFunctions* libpq() {
+    static std::mutex loading;
+    static LibpqFunctions loaded;
+    std::lock_guard lock(loading);
+    if (loaded.connectdb != nullptr) {
+        return &loaded;
+    }
+    support::Result<LibpqFunctions> functions = loadLibpq();
+    if (!functions) {
+        syslog(LOG_ERR, std::string(postgres::kLogPrefix) + functions.message());
+        return nullptr;
+    }
+    loaded = *functions;
+    return &loaded;
+}
+
+}  // namespace
 
 PGconn* pqConnectdb(const char* conninfo) {
-    return PQconnectdb(conninfo);
+    const LibpqFunctions* functions = libpq();
+    return functions != nullptr ? functions->connectdb(conninfo) : nullptr;
 }
 
 ConnStatusType pqStatus(const PGconn* connection) {
-    return PQstatus(connection);
+    // Only a loaded library made the connection.
+    return connection != nullptr ? libpq()->status(connection) : CONNECTION_BAD;
 }
 
 int pqServerVersion(const PGconn* connection) {
-    return PQserverVersion(connection);
+    return connection != nullptr ? libpq()->serverVersion(connection) : 0;
 }
 
 void pqFinish(PGconn* connection) {
-    PQfinish(connection);
+    if (connection != nullptr) {
+        libpq()->finish(connection);
+    }
 }
 
 }  // namespace velnor::platform

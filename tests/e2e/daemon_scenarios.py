@@ -1,21 +1,28 @@
 #!/usr/bin/python3
 """velnord on its own: who it serves, what it does with frames it cannot use, a client that
-vanishes mid-operation, SIGTERM while an operation runs, and the idle tick's housekeeping."""
+vanishes mid-operation, SIGTERM while an operation runs, the idle tick's housekeeping, a stop's
+SIGKILL on time, the jobs that run at load, and a direct velnor that loads no libpq."""
 
 import os
 import plistlib
+import select
 import signal
 import socket
 import struct
 import subprocess
 import sys
+import tempfile
+import time
 
 sys.dont_write_bytecode = True
 import harness  # noqa: E402
-from harness import ACCOUNT_ID, CREATED_SOCKET_DIR, LOG_DIR, sandbox  # noqa: E402
+from harness import ACCOUNT_ID, CREATED_SOCKET_DIR, LOG_DIR, read_job_file, sandbox, write_job_file  # noqa: E402
 
 SOCKET = "/run/velnor/velnord.sock"
 VERSION = 1
+RECORDS = "/var/run/velnor/launchd"
+LOAD_FOLDER = "/Library/LaunchDaemons"
+EXIT_TIME_OUT = 3
 
 
 def frame(message):
@@ -44,9 +51,10 @@ def connect():
 
 
 class Daemon(harness.ScenarioCase):
-    def start_daemon(self, interval=10):
+    def start_daemon(self, interval=10, log=None):
         velnord = os.path.join(os.path.dirname(self.host.velnor), "velnord")
-        daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", str(interval)])
+        daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", str(interval),
+                                   *(["--foreground"] if log else [])], stderr=log)
         self.addCleanup(lambda: daemon.poll() is None and daemon.kill())
         harness.wait_until(lambda: os.path.exists(SOCKET), "velnord serves")
         return daemon
@@ -78,6 +86,15 @@ print(b"serves root only" in data, client.recv(1) == b"")"""])
             reply = read_frame(client)
             self.assertEqual(reply["kind"] if reply else None, "error", what)
             self.assertIsNone(read_frame(client), f"the connection ends after {what}")
+        # A call for another style is told so, as the in-process host tells it, and may go on.
+        client = connect()
+        for style, kind in [("service", "error"), ("request", "outcome")]:
+            client.sendall(frame({"version": VERSION, "operation": "getStateWithRequest", "request": {},
+                                  "style": style}))
+            reply = read_frame(client)
+            while reply["kind"] == "log":
+                reply = read_frame(client)
+            self.assertEqual(reply["kind"], kind, f"a call for a {style} operation")
         self.assertEqual(self.velnor("status", status=3).response, {"state": "STOPPED"})
         self.assertIsNone(daemon.poll(), "velnord still runs")
 
@@ -96,7 +113,8 @@ print(b"serves root only" in data, client.recv(1) == b"")"""])
         self.assertTrue(harness.answers(), "the server that the start started answers")
         daemon = self.start_daemon()
         connect().sendall(frame({"version": VERSION, "operation": "stopServiceWithVariant"}))
-        harness.wait_until(lambda: harness.postmaster() is None, "the stop went on without its client")
+        harness.wait_until(lambda: harness.postmaster() is None and not harness.server_processes(),
+                           "the stop went on without its client")
         self.assertEqual(self.velnor("status", status=3).response, {"state": "STOPPED"})
         self.assertIsNone(daemon.poll(), "velnord still runs")
 
@@ -107,6 +125,57 @@ print(b"serves root only" in data, client.recv(1) == b"")"""])
         # One interval, and a second's grace for a loaded machine.
         harness.wait_until(lambda: os.path.isdir(LOG_DIR), "the log folder is back", seconds=3)
         self.assertEqual(harness.attributes(LOG_DIR), harness.folder(0o755), "the log folder")
+
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_a_job_ignoring_sigterm_is_killed_on_time_with_no_later_call(self):
+        job = read_job_file()
+        server = " ".join(f"'{argument}'" for argument in job["ProgramArguments"])
+        job.update(ProgramArguments=["/bin/sh", "-c", f"trap '' TERM; {server} & wait"],
+                   ExitTimeOut=EXIT_TIME_OUT)
+        write_job_file(job)
+        self.start_daemon()
+        self.assert_started(self.velnor("start"))
+        with open(os.path.join(RECORDS, "org.postgresql.postgres")) as record:
+            ending = os.pidfd_open(int(record.read().split()[0]))
+        began = time.monotonic()
+        self.assertEqual(self.velnor("stop", status=1).response,
+                         {"error": "CANNOT_STOP_SERVICE_TIMEOUT_ERR"}, "the server still answers")
+        # Nobody calls velnor again: velnord itself kills the job when its ExitTimeOut ends.
+        self.assertTrue(select.select([ending], [], [], EXIT_TIME_OUT + 10)[0], "the job ended")
+        took = time.monotonic() - began
+        self.assertTrue(EXIT_TIME_OUT <= took < EXIT_TIME_OUT + 1.5, f"killed after {took:.1f} s")
+
+    @sandbox()
+    def test_jobs_that_run_at_load_start_with_the_daemon_and_untrusted_files_are_skipped(self):
+        os.makedirs(LOAD_FOLDER, mode=0o755, exist_ok=True)
+        sleeper = {"ProgramArguments": ["/bin/sleep", "1000"], "RunAtLoad": True}
+        jobs = {"runs": sleeper, "disabled": {**sleeper, "Disabled": True},
+                "not-at-load": {**sleeper, "RunAtLoad": False}, "writable": sleeper,
+                "broken": {**sleeper, "RunAtLoad": "yes"}}
+        for label, job in jobs.items():
+            with open(os.path.join(LOAD_FOLDER, f"test.{label}.plist"), "wb") as out:
+                plistlib.dump(job, out)
+        os.chmod(os.path.join(LOAD_FOLDER, "test.writable.plist"), 0o666)
+        os.symlink("test.runs.plist", os.path.join(LOAD_FOLDER, "test.link.plist"))
+        with tempfile.TemporaryFile("w+") as log:
+            self.start_daemon(log=log)
+            log.seek(0)
+            messages = log.read()
+        started = sorted(name for name in os.listdir(RECORDS) if name.startswith("test."))
+        self.assertEqual(started, ["test.runs"], "only the job that runs at load was started")
+        for label in ["writable", "broken", "link"]:
+            self.assertIn(f"/test.{label}.plist", messages, f"the skipped {label} file is logged")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_a_direct_status_loads_no_libpq_and_a_probe_loads_it(self):
+        needed = subprocess.run(["readelf", "-d", self.host.plugin], capture_output=True, text=True)
+        self.assertNotIn("libpq", needed.stdout, "the plug-in does not link libpq")
+        for arguments, loads in [(["status"], False), (["status", "--details"], True)]:
+            run = subprocess.run([self.host.velnor, "--direct", "--plugin", self.host.plugin, *arguments],
+                                 capture_output=True, text=True, env={**os.environ, "LD_DEBUG": "files"})
+            self.assertEqual(run.returncode, 0, run.stderr[-2000:])
+            self.assertEqual("libpq.so.5" in run.stderr, loads, f"velnor {' '.join(arguments)}")
 
 
 if __name__ == "__main__":

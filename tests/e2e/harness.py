@@ -125,9 +125,13 @@ class Host:
     def __call__(self, *arguments, uid=0, environment=None, timeout=120):
         """velnor --json with arguments, run as uid, with environment added to root's."""
         command = [self.velnor, "--plugin", self.plugin, "--json", *arguments]
+        connections = connection_backends()
         began = time.monotonic()
         done = subprocess.run(as_user(uid, command) if uid else command, capture_output=True,
                               text=True, timeout=timeout, env={**os.environ, **(environment or {})})
+        took = time.monotonic() - began
+        # The probe's connection ends on its own time; the next call's scan must not meet it.
+        wait_until(lambda: connection_backends() <= connections, "the probe's connection has ended")
         out = done.stdout.strip()
         try:
             response = json.loads(out) if out else None
@@ -137,7 +141,7 @@ class Host:
         if isinstance(response, dict) and "failure" in response and response.keys() <= {"failure", "response"}:
             failure, response = response["failure"], response.get("response")
         log = [line[line.index(LOG_PREFIX):] for line in done.stderr.splitlines() if LOG_PREFIX in line]
-        return Answer(done.returncode, response, log, done.stderr, time.monotonic() - began, failure)
+        return Answer(done.returncode, response, log, done.stderr, took, failure)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -237,6 +241,38 @@ def server_titles():
     return titles
 
 
+def server_processes():
+    """pid → title of every process of the server program, zombies and processes on their way
+    out included (known by the name the kernel keeps for them; their title: None)."""
+    found = {}
+    for pid in (int(entry) for entry in os.listdir("/proc") if entry.isdigit()):
+        try:
+            with open(f"/proc/{pid}/stat") as status:
+                name = status.read().split("(", 1)[1].rsplit(")", 1)[0]
+        except OSError:
+            continue
+        if name == os.path.basename(SERVER)[:15]:
+            try:
+                found[pid] = command_line(pid)[0]
+            except (OSError, IndexError):
+                found[pid] = None
+    return found
+
+
+def connection_backends():
+    """How many of the server's processes serve a connection, or are on their way out: a
+    process-table scan that meets one ending logs that it could not read its arguments."""
+    return sum(1 for title in server_processes().values() if title is None or "[local]" in title)
+
+
+def leaving_no_connection_behind(run):
+    """Runs run() and returns what it returned once the connections that it made have ended."""
+    before = connection_backends()
+    result = run()
+    wait_until(lambda: connection_backends() <= before, "the connections made meanwhile have ended")
+    return result
+
+
 def as_account(command, **kwargs):
     """Runs command inside the sandbox as the service account, the way an administrator would."""
     return subprocess.run(["setpriv", f"--reuid={ACCOUNT_ID}", f"--regid={ACCOUNT_ID}",
@@ -253,14 +289,15 @@ def psql(sql, socket_dir=SOCKET_DIR):
     if done.returncode != 0:
         raise AssertionError(f"psql -c {sql!r} failed: {done.stderr.strip()}")
     backend, _, rows = done.stdout.partition("\n")
-    wait_until(lambda: not process_alive(int(backend)), f"the session of psql -c {sql!r} has ended")
+    wait_until(lambda: int(backend) not in server_processes(), f"the session of psql -c {sql!r} has ended")
     return rows.strip()
 
 
 def answers(socket_dir=SOCKET_DIR):
     """True when a server accepts a connection on socket_dir."""
-    return subprocess.run(["psql", "-X", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres", "-c",
-                           "SELECT 1"], capture_output=True, timeout=60).returncode == 0
+    return leaving_no_connection_behind(lambda: subprocess.run(
+        ["psql", "-X", "-h", socket_dir, "-U", ACCOUNT, "-d", "postgres", "-c", "SELECT 1"],
+        capture_output=True, timeout=60).returncode == 0)
 
 
 class Client:
@@ -387,7 +424,9 @@ class ScenarioCase(unittest.TestCase):
         return pid
 
     def wait_for_server_to_end(self):
-        wait_until(lambda: postmaster() is None, "the server has ended")
+        # The server removes its pid file a moment before its last process ends, and a process
+        # on its way out is still in the table that the next call scans.
+        wait_until(lambda: postmaster() is None and not server_processes(), "the server has ended")
 
 
 def scenario_names(case):

@@ -1,0 +1,310 @@
+#!/usr/bin/python3
+"""What the daemon buys, measured inside a sandbox with the server stopped, printed as a table.
+
+Run by hand, as root: build/bench/daemon-benchmark [--runs 200] (the launcher that the build
+writes starts the sandbox and this script inside it). Nothing is asserted: the figures are
+printed beside their targets.
+
+- velnor status through velnord, direct velnor status and pg_ctl status, whole processes
+  (median and p90);
+- the idle tick in the settled state: the system calls of one tick (strace on the daemon) and
+  the time per tick over many ticks (velnord --bench-idle, the worker's own tick);
+- many clients sending state reports at once: every reply arrives, in order, none overlapping
+  (the daemon's own count), with the latency's p50 and p99;
+- many mixed operations through the socket: velnord's resident memory and descriptors before
+  and after.
+"""
+
+import argparse
+import os
+import plistlib
+import re
+import signal
+import socket
+import statistics
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+SOCKET = "/run/velnor/velnord.sock"
+PG_CTL = "/usr/lib/postgresql/15/bin/pg_ctl"
+DATA_DIR = "/var/pgsql"
+ACCOUNT_ID = 216
+VERSION = 1
+
+
+def quantile(samples, fraction):
+    ordered = sorted(samples)
+    return ordered[min(len(ordered) - 1, int(fraction * len(ordered)))]
+
+
+def milliseconds(seconds):
+    return f"{seconds * 1000:.2f} ms"
+
+
+def timed_run(command, account=None):
+    """Seconds that command took as a whole process, started with posix_spawn (the way that
+    costs least, whatever the size of this Python process), run as root or as account."""
+    if account is not None:
+        # Kept as the saved ids, so that root comes back afterwards; the program gets none.
+        os.setgroups([])
+        os.setresgid(account, account, 0)
+        os.setresuid(account, account, 0)
+    try:
+        with open(os.devnull, "wb") as null:
+            began = time.perf_counter()
+            pid = os.posix_spawn(command[0], command, os.environ,
+                                 file_actions=[(os.POSIX_SPAWN_DUP2, null.fileno(), 1),
+                                               (os.POSIX_SPAWN_DUP2, null.fileno(), 2)])
+            status = os.waitpid(pid, 0)[1]
+            took = time.perf_counter() - began
+    finally:
+        if account is not None:
+            os.setresuid(0, 0, 0)
+            os.setresgid(0, 0, 0)
+    return took, os.waitstatus_to_exitcode(status)
+
+
+def frame(message):
+    body = plistlib.dumps(message, fmt=plistlib.FMT_BINARY)
+    return struct.pack(">I", len(body)) + body
+
+
+def read_exactly(connection, size):
+    data = b""
+    while len(data) < size:
+        chunk = connection.recv(size - len(data))
+        if not chunk:
+            return None
+        data += chunk
+    return data
+
+
+def read_frame(connection):
+    prefix = read_exactly(connection, 4)
+    return plistlib.loads(read_exactly(connection, struct.unpack(">I", prefix)[0])) if prefix else None
+
+
+def outcome_of(connection, request):
+    """Sends one request and answers the reply that ends it (logs skipped)."""
+    connection.sendall(frame(request))
+    while True:
+        reply = read_frame(connection)
+        if reply is None or reply["kind"] != "log":
+            return reply
+
+
+def connect():
+    client = socket.socket(socket.AF_UNIX)
+    client.connect(SOCKET)
+    return client
+
+
+class Daemon:
+    def __init__(self, velnord, plugin, interval, lock=None):
+        self.log = tempfile.TemporaryFile("w+")
+        environment = {**os.environ, **({"VELNOR_LOCK_FILE": lock} if lock else {})}
+        self.process = subprocess.Popen([velnord, "--plugin", plugin, "--foreground", "--idle-interval",
+                                         str(interval)], stderr=self.log, env=environment)
+        while not os.path.exists(SOCKET):
+            if self.process.poll() is not None:
+                sys.exit("velnord ended before it served")
+            time.sleep(0.01)
+
+    def resources(self):
+        with open(f"/proc/{self.process.pid}/status") as status:
+            rss = int(re.search(r"VmRSS:\s+(\d+) kB", status.read()).group(1))
+        return rss, len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def stop(self):
+        """Ends the daemon and answers the line in which it counted what it ran."""
+        self.process.send_signal(signal.SIGTERM)
+        self.process.wait(timeout=30)
+        self.log.seek(0)
+        counts = [line for line in self.log.read().splitlines() if "overlapping" in line]
+        return counts[-1] if counts else "no count logged"
+
+
+class Table:
+    def __init__(self):
+        self.rows = []
+
+    def add(self, what, figure, target=""):
+        self.rows.append((what, figure, target))
+
+    def print(self):
+        widths = [max(len(row[column]) for row in self.rows) for column in range(3)]
+        for row in [("measure", "figure", "target"), tuple("-" * width for width in widths), *self.rows]:
+            print("| " + " | ".join(cell.ljust(width) for cell, width in zip(row, widths)) + " |")
+
+
+def status_runs(arguments, table):
+    commands = {
+        "daemon": [arguments.velnor, "--plugin", arguments.plugin, "status"],
+        "direct": [arguments.velnor, "--direct", "--plugin", arguments.plugin, "status"],
+        "pg_ctl": [PG_CTL, "status", "-D", DATA_DIR],
+        # What starting a process alone costs here.
+        "/bin/true": ["/bin/true"],
+    }
+    # pg_ctl refuses root: it runs as the service account. It answers 3 for a stopped server.
+    accounts = {"pg_ctl": ACCOUNT_ID}
+    expected = {"pg_ctl": 3}
+    # The daemon holds a lock of its own here, so that direct runs need not wait for it to end and
+    # the kinds take turns under the same load.
+    daemon = Daemon(arguments.velnord, arguments.plugin, 10, lock="/run/velnor/benchmark-daemon.lock")
+    samples = {name: [] for name in commands}
+    for _ in range(arguments.runs):
+        for name, command in commands.items():
+            took, status = timed_run(command, accounts.get(name))
+            if status != expected.get(name, 0):
+                sys.exit(f"{' '.join(command)} exited {status}")
+            samples[name].append(took)
+    daemon.stop()
+    for name, runs in samples.items():
+        label = name if name.startswith("/") else f"{name} status"
+        table.add(f"{label}, {len(runs)} runs, whole process",
+                  f"median {milliseconds(statistics.median(runs))}, p90 {milliseconds(quantile(runs, 0.9))}")
+    for name, target in [("daemon", "<= 0.5"), ("direct", "<= 1.5")]:
+        ratio = statistics.median(samples[name]) / statistics.median(samples["pg_ctl"])
+        table.add(f"{name} / pg_ctl (medians)", f"{ratio:.2f}", target)
+
+
+def idle_tick(arguments, table):
+    measured = subprocess.run([arguments.velnord, "--plugin", arguments.plugin, "--bench-idle",
+                               str(arguments.ticks)], capture_output=True, text=True, check=True).stdout
+    per_tick = float(re.search(r"per_tick_ns ([\d.]+)", measured).group(1))
+    table.add(f"idle tick, {arguments.ticks} ticks (velnord --bench-idle)", f"{per_tick / 1000:.2f} us per tick",
+              "<= 5 us")
+    # What one system call costs here: a tick makes four.
+    began = time.perf_counter()
+    for _ in range(arguments.ticks):
+        os.getppid()
+    table.add("  one system call here (getppid, from Python)",
+              f"{(time.perf_counter() - began) / arguments.ticks * 1e6:.2f} us")
+    # One tick of the serving daemon, seen from outside: the worker's system calls between two of
+    # its timed waits. An existence test opens a path from the root (and looks at what it found).
+    daemon = Daemon(arguments.velnord, arguments.plugin, 0.25)
+    time.sleep(0.5)
+    traced = subprocess.Popen(["strace", "-f", "-qq", "-p", str(daemon.process.pid), "-e", "signal=none"],
+                              stderr=subprocess.PIPE, text=True)
+    time.sleep(1.2)
+    traced.send_signal(signal.SIGINT)
+    lines = [re.sub(r"^\[pid\s+\d+\] ", "", line) for line in traced.communicate()[1].splitlines()]
+    daemon.stop()
+    waits = [index for index, line in enumerate(lines) if "FUTEX_WAIT_BITSET" in line]
+    between = lines[waits[0] + 1:waits[1]] if len(waits) >= 2 else []
+    # Each call by its name and first two arguments.
+    tick = [re.sub(r"^(\w+\([^,)]*(?:, [^,)]*)?).*$", r"\1)", line) for line in between
+            if not line.startswith("futex(")]
+    tests = sum(1 for line in tick if re.match(r"open\w*\(AT_FDCWD", line))
+    table.add("idle tick, existence tests in one tick (strace)", f"{tests} ({len(tick)} calls: {'; '.join(tick)})",
+              "2")
+
+
+def concurrent_clients(arguments, table):
+    daemon = Daemon(arguments.velnord, arguments.plugin, 10)
+    latencies, failures = [], []
+    lock = threading.Lock()
+
+    def client(number):
+        mine = []
+        with connect() as connection:
+            for index in range(arguments.reports):
+                began = time.perf_counter()
+                reply = outcome_of(connection, {"version": VERSION, "operation": "getStateWithRequest",
+                                                "request": {}})
+                mine.append(time.perf_counter() - began)
+                if reply != {"kind": "outcome", "answered": True, "response": {"state": "STOPPED"}}:
+                    failures.append(f"client {number}, report {index}: {reply}")
+        with lock:
+            latencies.extend(mine)
+
+    threads = [threading.Thread(target=client, args=(number,)) for number in range(arguments.clients)]
+    began = time.perf_counter()
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    took = time.perf_counter() - began
+    counts = daemon.stop()
+    expected = arguments.clients * arguments.reports
+    table.add(f"{arguments.clients} clients x {arguments.reports} state reports: replies",
+              f"{len(latencies)} of {expected}, {len(failures)} wrong or out of order", "all, in order")
+    table.add("  latency per report", f"p50 {milliseconds(quantile(latencies, 0.5))}, "
+              f"p99 {milliseconds(quantile(latencies, 0.99))}; {expected / took:.0f} reports/s")
+    table.add("  velnord's own count", re.sub(r"^.*?ran ", "ran ", counts), "0 overlapping")
+    for failure in failures[:5]:
+        print(failure, file=sys.stderr)
+
+
+MIXED = [
+    {"version": VERSION, "operation": "getStateWithRequest", "request": {}},
+    {"version": VERSION, "operation": "getStateWithRequest", "request": {"variant": "withDetails"}},
+    {"version": VERSION, "operation": "readSettingsWithRequest", "request": {}},
+    {"version": VERSION, "operation": "getLogPathsWithRequest", "request": {}},
+    {"version": VERSION, "operation": "doIdleAtCount", "count": 7},
+    {"version": VERSION, "operation": "getStateWithRequest", "describe": True},
+    {"version": VERSION, "operation": "noSuchOperation"},
+]
+
+
+def mixed_operations(arguments, table):
+    daemon = Daemon(arguments.velnord, arguments.plugin, 10)
+
+    def run(count):
+        connection = connect()
+        for index in range(count):
+            if index % 50 == 49:
+                # A malformed frame: an error, and the daemon closes the connection.
+                connection.sendall(struct.pack(">I", 5) + b"hello")
+                read_frame(connection)
+                connection.close()
+                connection = connect()
+            elif index % 100 == 99:
+                # A client that goes mid-operation.
+                connection.sendall(frame(MIXED[1]))
+                connection.close()
+                connection = connect()
+            else:
+                outcome_of(connection, MIXED[index % len(MIXED)])
+        connection.close()
+
+    # Warm: libpq loaded, the allocator's arenas in use.
+    run(200)
+    time.sleep(0.2)
+    before = daemon.resources()
+    run(arguments.mixed)
+    time.sleep(0.2)
+    after = daemon.resources()
+    daemon.stop()
+    table.add(f"{arguments.mixed} mixed operations: velnord's RSS",
+              f"{before[0]} kB -> {after[0]} kB ({after[0] - before[0]:+d} kB)", "growth < 1024 kB")
+    table.add("  velnord's open descriptors", f"{before[1]} -> {after[1]}", "equal")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--velnor", required=True)
+    parser.add_argument("--velnord", required=True)
+    parser.add_argument("--plugin", required=True)
+    parser.add_argument("--runs", type=int, default=200)
+    parser.add_argument("--ticks", type=int, default=100000)
+    parser.add_argument("--clients", type=int, default=50)
+    parser.add_argument("--reports", type=int, default=100)
+    parser.add_argument("--mixed", type=int, default=10000)
+    arguments = parser.parse_args()
+    if os.path.exists(SOCKET):
+        sys.exit("a velnord runs already: the benchmark starts its own")
+    table = Table()
+    status_runs(arguments, table)
+    idle_tick(arguments, table)
+    concurrent_clients(arguments, table)
+    mixed_operations(arguments, table)
+    table.print()
+
+
+if __name__ == "__main__":
+    main()
