@@ -38,15 +38,9 @@ int usageError(const std::string& message) {
     return kExitUsage;
 }
 
-bool fileExists(const std::string& path) {
-    struct stat status;
-    return stat(path.c_str(), &status) == 0;
-}
-
 std::string pluginPathFor(const Command& command) {
-    const std::string bundled = bundledPluginPath(VELNOR_PLUGIN_FROM_PROGRAM);
-    return choosePluginPath(command.pluginPath, std::getenv("VELNOR_PLUGIN"), bundled, bundled,
-                            fileExists);
+    return choosePluginPath(command.pluginPath, std::getenv("VELNOR_PLUGIN"),
+                            VELNOR_PLUGIN_FROM_PROGRAM);
 }
 
 // The argument the operation is called with, or nothing with the exit status in status: the

@@ -47,15 +47,14 @@ std::string lastLoaderError() {
 }  // namespace
 
 std::string choosePluginPath(const std::optional<std::string>& option, const char* environment,
-                             const std::string& installed, const std::string& buildTree,
-                             const std::function<bool(const std::string&)>& exists) {
+                             std::string_view fromProgramFolder) {
     if (option) {
         return *option;
     }
     if (environment != nullptr && *environment != '\0') {
         return environment;
     }
-    return exists(installed) ? installed : buildTree;
+    return bundledPluginPath(fromProgramFolder);
 }
 
 std::string bundledPluginPath(std::string_view fromProgramFolder) {

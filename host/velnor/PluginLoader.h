@@ -13,11 +13,9 @@
 namespace velnor::host {
 
 // The module to load: the --plugin option, else the VELNOR_PLUGIN environment value (when set
-// and not empty), else the installed module when exists says it is there, else the module of
-// the build tree.
+// and not empty), else the module that belongs with the running program (bundledPluginPath).
 std::string choosePluginPath(const std::optional<std::string>& option, const char* environment,
-                             const std::string& installed, const std::string& buildTree,
-                             const std::function<bool(const std::string&)>& exists);
+                             std::string_view fromProgramFolder);
 
 // The plug-in module that belongs with the running program (/proc/self/exe): in a build folder
 // (marked by a velnor-build-tree file beside the program) the module built there, else the one

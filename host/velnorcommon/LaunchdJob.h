@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "Export.h"
 #include "Result.h"
 
 namespace velnor {
@@ -41,6 +42,6 @@ struct LaunchdJob {
 // booleans), a Umask that is not an integer from 0 to 0777, or an ExitTimeOut that is not a whole
 // number of seconds from 1 to INT_MAX (launchd reads 0 as "never kill", which would leave a stop
 // that hangs for ever). Other keys, of any kind, are not looked at.
-support::Result<LaunchdJob> readLaunchdJob(int file, const std::string& path);
+VELNOR_EXPORT support::Result<LaunchdJob> readLaunchdJob(int file, const std::string& path);
 
 }  // namespace velnor

@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "Export.h"
 #include "JobLaunch.h"
 #include "LaunchdJob.h"
 #include "Result.h"
@@ -78,7 +79,7 @@ class LaunchdJobs {
 
     // The machine's jobs: /System/Library/LaunchDaemons, then /Library/LaunchDaemons, records
     // under /var/run/velnor/launchd, failures to the system log.
-    static LaunchdJobs onThisMachine();
+    VELNOR_EXPORT static LaunchdJobs onThisMachine();
 
     // True at once when the job runs and was not asked to stop; otherwise true once its program
     // has been executed (it may end at any time after that). A job asked to stop whose process
@@ -105,7 +106,7 @@ class LaunchdJobs {
     // Every job asked to stop whose process still runs, from the marks in the record folder; a
     // long-running host queries each job's state when its time has come, so that the SIGKILL
     // comes on time without waiting for someone's next call.
-    std::vector<PendingStop> pendingStops() const;
+    VELNOR_EXPORT std::vector<PendingStop> pendingStops() const;
 
   private:
     std::string stopMarkPath(const std::string& label) const;

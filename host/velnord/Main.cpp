@@ -45,8 +45,8 @@ constexpr std::string_view kHelp =
     "whenever velnord answers.\n"
     "\n"
     "Options:\n"
-    "  --plugin PATH            the plug-in module to load; else $VELNOR_PLUGIN, else the\n"
-    "                           installed module, else the one in the build tree\n"
+    "  --plugin PATH            the plug-in module to load; else $VELNOR_PLUGIN, else the one\n"
+    "                           installed with velnord\n"
     "  --idle-interval SECONDS  seconds between idle ticks (default 10; a fraction is allowed)\n"
     "  --foreground             also print every log message on standard error\n"
     "  --web-listen ADDR:PORT   serve the web console there (default 127.0.0.1:8471); the\n"
@@ -121,10 +121,6 @@ support::Result<Options> parseOptions(const std::vector<std::string_view>& argum
         }
     }
     return options;
-}
-
-bool fileExists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
 }
 
 // SIGTERM and SIGINT, blocked in every thread and read from a descriptor by the accept loop, so
@@ -251,9 +247,8 @@ int run(const Options& options) {
     }
     setDefaultPostgresEnvironment();
     openlog("velnord", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
-    std::string pluginPath =
-        choosePluginPath(options.pluginPath, std::getenv("VELNOR_PLUGIN"), VELNOR_INSTALLED_PLUGIN,
-                         VELNOR_BUILD_TREE_PLUGIN, fileExists);
+    std::string pluginPath = choosePluginPath(options.pluginPath, std::getenv("VELNOR_PLUGIN"),
+                                              VELNOR_PLUGIN_FROM_PROGRAM);
     support::Result<std::unique_ptr<PluginModule>> module = PluginModule::open(pluginPath);
     if (!module) {
         complain(module.message());
