@@ -53,6 +53,27 @@ class InstalledPackage(harness.ScenarioCase):
             status, out, err = run(["bash", "-c", COMPLETE], env={"WORDS": words})
             self.assertEqual(out, f"complete -F _velnor velnor\n{completions}\n", f"{words}: {err}")
 
+    @sandbox()
+    def test_installed_tree_runs_from_anywhere(self):
+        build = os.path.dirname(self.host.velnor)
+        status, out, err = run(["cmake", "--install", build, "--prefix", "/opt/velnor"])
+        self.assertEqual(status, 0, out + err)
+        programs = ["bin/velnor", "sbin/velnord", "lib/velnor/plugins/velnor_postgres.so"]
+        for program in programs:
+            dynamic = run(["readelf", "-d", f"/opt/velnor/{program}"])[1]
+            runpath = dynamic.split("Library runpath: [", 1)[1].split("]", 1)[0]
+            self.assertNotIn("", runpath.split(":"), f"{program}: an empty runpath element")
+        environment = {key: value for key, value in os.environ.items() if key != "VELNOR_PLUGIN"}
+        done = subprocess.run(["/opt/velnor/bin/velnor", "--version"], capture_output=True,
+                              text=True, cwd="/tmp", env=environment)
+        self.assertEqual((done.returncode, done.stdout), (0, "0.1\n"), done.stderr)
+        # Without its plug-in, the installed program never reaches into the build tree.
+        os.remove("/opt/velnor/lib/velnor/plugins/velnor_postgres.so")
+        done = subprocess.run(["/opt/velnor/bin/velnor", "status"], capture_output=True,
+                              text=True, cwd="/tmp", env=environment)
+        self.assertEqual(done.returncode, 69, done.stderr)
+        self.assertIn("/opt/velnor/lib/velnor/plugins/velnor_postgres.so", done.stderr)
+
 
 if __name__ == "__main__":
     sys.exit(harness.scenario_main(InstalledPackage, __file__, __doc__))
