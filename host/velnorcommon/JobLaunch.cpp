@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +24,7 @@ namespace {
 // What a daemon finds in PATH unless its job says otherwise.
 constexpr const char* kDaemonPath = "/usr/bin:/bin:/usr/sbin:/sbin";
 constexpr mode_t kOutputFileMode = 0644;
+constexpr int kOutputFlags = O_WRONLY | O_APPEND | O_CREAT;
 
 // ----- Working out the plan, in the host -----
 
@@ -282,10 +284,8 @@ void closeHostDescriptorsOnExec() {
         failInChild(channel, Stage::WorkingDirectory, errno);
     }
     openOnto(channel, Stage::StandardInput, "/dev/null", O_RDONLY, STDIN_FILENO);
-    openOnto(channel, Stage::StandardOutput, plan.standardOutPath, O_WRONLY | O_APPEND | O_CREAT,
-             STDOUT_FILENO);
-    openOnto(channel, Stage::StandardError, plan.standardErrorPath, O_WRONLY | O_APPEND | O_CREAT,
-             STDERR_FILENO);
+    openOnto(channel, Stage::StandardOutput, plan.standardOutPath, kOutputFlags, STDOUT_FILENO);
+    openOnto(channel, Stage::StandardError, plan.standardErrorPath, kOutputFlags, STDERR_FILENO);
     closeHostDescriptorsOnExec();
 
     auto stat = readProcessStat("/proc/self/stat");
@@ -303,6 +303,51 @@ void closeHostDescriptorsOnExec() {
     }
     ::execve(plan.executable, plan.argv, plan.envp);
     failInChild(channel, Stage::Execute, errno);
+}
+
+// Sends the opened file up with the report that says so.
+void sendDescriptor(int channel, Stage stage, int fd) {
+    Report report{ReportKind::SetUp, stage, 0, 0, 0};
+    iovec part{&report, sizeof report};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof fd)] = {};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof fd);
+    std::memcpy(CMSG_DATA(header), &fd, sizeof fd);
+    while (::sendmsg(channel, &message, 0) < 0 && errno == EINTR) {
+    }
+}
+
+// What the child that opens a job's file is given, as plain pointers made before fork.
+struct OpenPlan {
+    const JobCredentials* credentials;
+    const char* workingDirectory;
+    const char* path;
+    Stage stage;
+    mode_t umask;
+    int channel;
+};
+
+[[noreturn]] void openAsAccountInChild(const OpenPlan& plan) {
+    ::umask(plan.umask);
+    if (plan.credentials != nullptr) {
+        switchAccount(plan.channel, *plan.credentials);
+    }
+    if (::chdir(plan.workingDirectory) != 0) {
+        failInChild(plan.channel, Stage::WorkingDirectory, errno);
+    }
+    const int fd = ::open(plan.path, kOutputFlags | O_NOCTTY | O_CLOEXEC, kOutputFileMode);
+    if (fd < 0) {
+        failInChild(plan.channel, plan.stage, errno);
+    }
+    sendDescriptor(plan.channel, plan.stage, fd);
+    ::_exit(0);
 }
 
 // The first child only starts the daemon and ends, so that the daemon's parent is not the
@@ -452,6 +497,34 @@ void reap(pid_t child) {
     }
 }
 
+// The file that the child opened, or why it could not.
+support::Result<support::UniqueFd> receiveDescriptor(const LaunchPlan& plan, int channel,
+                                                     Stage stage, const std::string& path) {
+    Report report{};
+    iovec part{&report, sizeof report};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    ssize_t got = 0;
+    while ((got = ::recvmsg(channel, &message, MSG_CMSG_CLOEXEC)) < 0 && errno == EINTR) {
+    }
+    const cmsghdr* header = got == sizeof report ? CMSG_FIRSTHDR(&message) : nullptr;
+    if (got == sizeof report && report.kind == ReportKind::Failed) {
+        return stageFailure(plan, report.stage, report.error);
+    }
+    if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
+        return support::couldNot(
+            stage == Stage::StandardOutput ? "open for standard output" : "open for standard error",
+            path, "the process that opens it ended first", EIO);
+    }
+    int fd = -1;
+    std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
+    return support::UniqueFd(fd);
+}
+
 }  // namespace
 
 support::Result<LaunchPlan> planLaunch(const LaunchdJob& job) {
@@ -476,6 +549,36 @@ support::Result<LaunchPlan> planLaunch(const LaunchdJob& job) {
     plan.standardErrorPath = job.standardErrorPath.value_or("/dev/null");
     plan.umask = job.umask.value_or(kDaemonUmask);
     return plan;
+}
+
+support::Result<support::UniqueFd> openAsJobAccount(const LaunchPlan& plan, OutputFile which) {
+    const bool output = which == OutputFile::StandardOutput;
+    const std::string& path = output ? plan.standardOutPath : plan.standardErrorPath;
+    const Stage stage = output ? Stage::StandardOutput : Stage::StandardError;
+    // Datagrams keep the report and its descriptor together.
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+        return support::couldNot("create a socket pair for", path, errno);
+    }
+    support::UniqueFd hostEnd(ends[0]);
+    support::UniqueFd childEnd(ends[1]);
+    const OpenPlan openPlan{plan.credentials ? &*plan.credentials : nullptr,
+                            plan.workingDirectory.c_str(),
+                            path.c_str(),
+                            stage,
+                            plan.umask,
+                            childEnd.get()};
+    const pid_t child = ::fork();
+    if (child < 0) {
+        return stageFailure(plan, Stage::Fork, errno);
+    }
+    if (child == 0) {
+        openAsAccountInChild(openPlan);
+    }
+    childEnd.reset();
+    auto opened = receiveDescriptor(plan, hostEnd.get(), stage, path);
+    reap(child);
+    return opened;
 }
 
 LaunchOutcome launchDetached(const LaunchPlan& plan,

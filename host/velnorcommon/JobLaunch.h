@@ -12,6 +12,7 @@
 
 #include "LaunchdJob.h"
 #include "Result.h"
+#include "UniqueFd.h"
 
 namespace velnor {
 
@@ -74,5 +75,15 @@ struct LaunchOutcome {
 // executed or has failed to; it does not wait for the program to do anything.
 LaunchOutcome launchDetached(const LaunchPlan& plan,
                              const std::function<bool(const StartedProcess&)>& beforeProgram);
+
+// One of the files that a job's program writes to.
+enum class OutputFile { StandardOutput, StandardError };
+
+// The plan's file for which, opened for appending (created 0644 less the job's umask when
+// missing) exactly as the program's own process would open it: by a short-lived child that takes
+// the job's account first and, from the job's working folder, hands the descriptor back. So a
+// link that the account laid where its output goes can never make the host write elsewhere.
+// Fails, in the words that launchDetached uses, when the account may not open it.
+support::Result<support::UniqueFd> openAsJobAccount(const LaunchPlan& plan, OutputFile which);
 
 }  // namespace velnor

@@ -18,6 +18,7 @@
 #include "PathNames.h"
 #include "ProcessStat.h"
 #include "Result.h"
+#include "UniqueFd.h"
 
 namespace velnor {
 namespace {
@@ -291,11 +292,39 @@ int appendExecStart(sd_bus_message* message, const std::string& program,
     return result;
 }
 
-// Where a standard file goes: the job's file, appended to, or nowhere.
-int appendOutput(sd_bus_message* message, const char* fileProperty, const char* property,
-                 const std::optional<std::string>& path) {
-    return path ? appendProperty(message, fileProperty, "s", path->c_str())
-                : appendProperty(message, property, "s", "null");
+// The job's output files, opened as its account; a file that the job does not name is not
+// opened, and its output goes nowhere.
+struct OutputFiles {
+    support::UniqueFd output;
+    support::UniqueFd error;
+};
+
+support::Result<OutputFiles> openOutputFiles(const LaunchdJob& job, const LaunchPlan& plan) {
+    OutputFiles files;
+    if (job.standardOutPath) {
+        auto opened = openAsJobAccount(plan, OutputFile::StandardOutput);
+        if (!opened) {
+            return opened.failure();
+        }
+        files.output = std::move(*opened);
+    }
+    if (job.standardErrorPath) {
+        auto opened = openAsJobAccount(plan, OutputFile::StandardError);
+        if (!opened) {
+            return opened.failure();
+        }
+        files.error = std::move(*opened);
+    }
+    return files;
+}
+
+// Where a standard file goes: the file already opened, or nowhere. systemd is handed the
+// descriptor, never the path: it would open a path as root, following whatever link the job's
+// account had laid there.
+int appendOutput(sd_bus_message* message, const char* fdProperty, const char* property,
+                 const support::UniqueFd& file) {
+    return file.valid() ? appendProperty(message, fdProperty, "h", file.get())
+                        : appendProperty(message, property, "s", "null");
 }
 
 // systemd runs only absolute paths; the direct backend runs a relative one from the job's
@@ -307,7 +336,7 @@ std::string absoluteProgram(const LaunchPlan& plan) {
 }
 
 int appendJobProperties(sd_bus_message* message, const std::string& label, const LaunchdJob& job,
-                        const LaunchPlan& plan) {
+                        const LaunchPlan& plan, const OutputFiles& files) {
     const std::string description = "launchd job " + label;
     int result = appendProperty(message, "Description", "s", description.c_str());
     // Running once executed, as the direct backend's start answers.
@@ -330,12 +359,11 @@ int appendJobProperties(sd_bus_message* message, const std::string& label, const
         result = appendStrings(message, "Environment", plan.environment);
     }
     if (result >= 0) {
-        result = appendOutput(message, "StandardOutputFileToAppend", "StandardOutput",
-                              job.standardOutPath);
+        result =
+            appendOutput(message, "StandardOutputFileDescriptor", "StandardOutput", files.output);
     }
     if (result >= 0) {
-        result = appendOutput(message, "StandardErrorFileToAppend", "StandardError",
-                              job.standardErrorPath);
+        result = appendOutput(message, "StandardErrorFileDescriptor", "StandardError", files.error);
     }
     if (result >= 0) {
         result = appendProperty(message, "UMask", "u", static_cast<std::uint32_t>(plan.umask));
@@ -364,7 +392,8 @@ int appendJobProperties(sd_bus_message* message, const std::string& label, const
 
 // Asks systemd for the job's transient unit; does not wait for it to run.
 support::Status startTransientUnit(sd_bus* bus, const std::string& unit, const std::string& label,
-                                   const LaunchdJob& job, const LaunchPlan& plan) {
+                                   const LaunchdJob& job, const LaunchPlan& plan,
+                                   const OutputFiles& files) {
     sd_bus_message* request = nullptr;
     int result = sd_bus_message_new_method_call(bus, &request, kSystemd, kSystemdPath, kManager,
                                                 "StartTransientUnit");
@@ -376,7 +405,7 @@ support::Status startTransientUnit(sd_bus* bus, const std::string& unit, const s
         result = sd_bus_message_open_container(request, 'a', "(sv)");
     }
     if (result >= 0) {
-        result = appendJobProperties(request, label, job, plan);
+        result = appendJobProperties(request, label, job, plan, files);
     }
     if (result >= 0) {
         result = sd_bus_message_close_container(request);
@@ -464,7 +493,11 @@ bool SystemdJobs::start(const std::string& label) {
     if (!plan) {
         return refuse("start", label, plan.message());
     }
-    auto started = startTransientUnit(bus->get(), *unit, label, *job, *plan);
+    auto files = openOutputFiles(*job, *plan);
+    if (!files) {
+        return refuse("start", label, files.message());
+    }
+    auto started = startTransientUnit(bus->get(), *unit, label, *job, *plan, *files);
     if (!started && started.error() == EEXIST) {
         // Another host started it in between: it runs, as asked.
         return true;

@@ -13,8 +13,10 @@
 // UserName and GroupName User and Group (systemd gives the user's supplementary groups as
 // initgroups does); WorkingDirectory; the environment that the direct backend would give
 // (PATH, HOME, USER, LOGNAME, SHELL, then EnvironmentVariables) Environment;
-// StandardOutPath and StandardErrorPath StandardOutputFileToAppend and
-// StandardErrorFileToAppend (else null, as launchd does); Umask UMask; ExitTimeOut
+// StandardOutPath and StandardErrorPath are opened for appending as the job's account, as the
+// direct backend's process opens them, and the descriptors handed over as
+// StandardOutputFileDescriptor and StandardErrorFileDescriptor (else null, as launchd does):
+// systemd would open a path as root, before it takes the account; Umask UMask; ExitTimeOut
 // TimeoutStopUSec. The stop is launchd's: SIGTERM to the main process (KillMode=mixed), SIGKILL
 // to whatever remains once ExitTimeOut has passed, and the unit is forgotten once it has ended,
 // failed or not (CollectMode=inactive-or-failed), so that it can start again.

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """launchd's semantics for the job: a restart that waits for a long query, a job stopped after its
-file was removed, and a server that ignores SIGTERM killed once its ExitTimeOut has passed."""
+file was removed, a server that ignores SIGTERM killed once its ExitTimeOut has passed, and output
+files opened with the job's account's rights only."""
 
 import os
 import subprocess
@@ -71,6 +72,27 @@ class LaunchdScenarios(harness.ScenarioCase):
         self.assertTrue(EXIT_TIME_OUT <= took < EXIT_TIME_OUT + 1.5, f"killed after {took:.1f} s")
         # The server's own children end once they find their parent killed.
         harness.wait_until(lambda: not harness.server_titles(), "no server process is left", 5)
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_output_file_linked_by_the_account_to_a_root_file(self):
+        """A link that the service account lays at the job's StandardErrorPath, to a file only root
+        may write, makes the start fail and leaves the file as it was; without the link the start
+        works and the account's own file receives the output."""
+        victim, output = "/etc/velnor-root-only", harness.LOG_DIR + "/stderr.log"
+        with open(victim, "w") as file:
+            file.write("root's\n")
+        write_job_file({**read_job_file(), "StandardErrorPath": output})
+        harness.as_account(["ln", "-s", victim, output], check=True)
+        answer = self.velnor("start", status=1)
+        self.assertEqual(answer.response, {"error": "CANNOT_START_SERVICE_ERR"})
+        self.assertIn(f'could not start job "org.postgresql.postgres": could not open for standard '
+                      f'error "{output}": Permission denied', answer.stderr)
+        self.assert_state("STOPPED")
+        with open(victim) as file:
+            self.assertEqual(file.read(), "root's\n", "the root file is unchanged")
+        os.remove(output)
+        self.assert_started(self.velnor("start"))
+        self.assertEqual(harness.attributes(output), harness.regular_file(0o644))
 
 
 if __name__ == "__main__":
