@@ -243,8 +243,25 @@ void switchAccount(int channel, const JobCredentials& credentials) {
     }
 }
 
-void openOnto(int channel, Stage stage, const char* path, int flags, int target) {
-    const int fd = ::open(path, flags | O_NOCTTY, kOutputFileMode);
+// Opens an output file of the job, in a child only. Without a wait: the account may have put a
+// FIFO with no reader there, whose open would otherwise hold the start (and the host) for ever;
+// it fails with ENXIO instead. The program then writes as it would to any file.
+int openOutputFile(const char* path, int extraFlags) {
+    const int fd = ::open(path, kOutputFlags | O_NOCTTY | O_NONBLOCK | extraFlags, kOutputFileMode);
+    if (fd >= 0) {
+        const int flags = ::fcntl(fd, F_GETFL);
+        if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+            const int error = errno;
+            ::close(fd);
+            errno = error;
+            return -1;
+        }
+    }
+    return fd;
+}
+
+// Puts the descriptor just opened (or the failure to open it) onto the standard one.
+void placeOnto(int channel, Stage stage, int fd, int target) {
     if (fd < 0) {
         failInChild(channel, stage, errno);
     }
@@ -283,9 +300,12 @@ void closeHostDescriptorsOnExec() {
     if (::chdir(plan.workingDirectory) != 0) {
         failInChild(channel, Stage::WorkingDirectory, errno);
     }
-    openOnto(channel, Stage::StandardInput, "/dev/null", O_RDONLY, STDIN_FILENO);
-    openOnto(channel, Stage::StandardOutput, plan.standardOutPath, kOutputFlags, STDOUT_FILENO);
-    openOnto(channel, Stage::StandardError, plan.standardErrorPath, kOutputFlags, STDERR_FILENO);
+    placeOnto(channel, Stage::StandardInput, ::open("/dev/null", O_RDONLY | O_NOCTTY),
+              STDIN_FILENO);
+    placeOnto(channel, Stage::StandardOutput, openOutputFile(plan.standardOutPath, 0),
+              STDOUT_FILENO);
+    placeOnto(channel, Stage::StandardError, openOutputFile(plan.standardErrorPath, 0),
+              STDERR_FILENO);
     closeHostDescriptorsOnExec();
 
     auto stat = readProcessStat("/proc/self/stat");
@@ -342,7 +362,7 @@ struct OpenPlan {
     if (::chdir(plan.workingDirectory) != 0) {
         failInChild(plan.channel, Stage::WorkingDirectory, errno);
     }
-    const int fd = ::open(plan.path, kOutputFlags | O_NOCTTY | O_CLOEXEC, kOutputFileMode);
+    const int fd = openOutputFile(plan.path, O_CLOEXEC);
     if (fd < 0) {
         failInChild(plan.channel, plan.stage, errno);
     }

@@ -76,8 +76,9 @@ class LaunchdScenarios(harness.ScenarioCase):
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_output_file_linked_by_the_account_to_a_root_file(self):
         """A link that the service account lays at the job's StandardErrorPath, to a file only root
-        may write, makes the start fail and leaves the file as it was; without the link the start
-        works and the account's own file receives the output."""
+        may write, makes the start fail and leaves the file as it was, and a FIFO nobody reads
+        makes it fail at once rather than hang; without them the start works and the account's
+        own file receives the output."""
         victim, output = "/etc/velnor-root-only", harness.LOG_DIR + "/stderr.log"
         with open(victim, "w") as file:
             file.write("root's\n")
@@ -90,6 +91,10 @@ class LaunchdScenarios(harness.ScenarioCase):
         self.assert_state("STOPPED")
         with open(victim) as file:
             self.assertEqual(file.read(), "root's\n", "the root file is unchanged")
+        os.remove(output)
+        harness.as_account(["mkfifo", output], check=True)
+        answer = self.velnor("start", status=1)
+        self.assertIn(f'"{output}": No such device or address', answer.stderr)
         os.remove(output)
         self.assert_started(self.velnor("start"))
         self.assertEqual(harness.attributes(output), harness.regular_file(0o644))
