@@ -17,10 +17,13 @@ namespace velnor::host {
 std::string choosePluginPath(const std::optional<std::string>& option, const char* environment,
                              std::string_view fromProgramFolder);
 
-// The plug-in module that belongs with the running program (/proc/self/exe): in a build folder
-// (marked by a velnor-build-tree file beside the program) the module built there, else the one
+// A module that belongs with the running program (/proc/self/exe): in a build folder (marked
+// by a velnor-build-tree file beside the program) the file builtName built there, else the one
 // installed at fromProgramFolder, a path relative to the program's folder. Empty when the
 // program's own path cannot be read.
+std::string bundledPath(std::string_view builtName, std::string_view fromProgramFolder);
+
+// The plug-in module that belongs with the running program (bundledPath).
 std::string bundledPluginPath(std::string_view fromProgramFolder);
 
 // Fails, with the reason alone as its message, when the host cannot use the descriptor:

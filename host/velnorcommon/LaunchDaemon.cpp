@@ -1,5 +1,6 @@
-// Job files and job control. The launch arguments are read and written on the libplist tree
-// itself, so that a rewrite keeps every other key and value exactly, whatever its kind.
+// Job files. The launch arguments are read and written on the libplist tree itself, so that a
+// rewrite keeps every other key and value exactly, whatever its kind. Job control is in
+// LaunchDaemonState.cpp: what reads a job file alone does not take it along.
 #include "LaunchDaemon.h"
 
 #include <plist/plist.h>
@@ -7,8 +8,6 @@
 #include <cerrno>
 
 #include "HostLog.h"
-#include "LaunchdJobs.h"
-#include "LaunchdSystemd.h"
 #include "PlistNode.h"
 #include "PlistText.h"
 #include "Result.h"
@@ -112,37 +111,6 @@ bool SetLaunchDaemonServiceConfigArgs(const std::string& path, const LaunchArgum
         logHostFailure(replaced.message());
     }
     return replaced.ok();
-}
-
-namespace {
-
-// Where systemd runs the machine it runs the jobs; elsewhere the host library does.
-template <typename Action>
-bool withJobsOfThisMachine(Action action) {
-    if (systemdRunsThisMachine()) {
-        return action(SystemdJobs::onThisMachine());
-    }
-    return action(LaunchdJobs::onThisMachine());
-}
-
-}  // namespace
-
-bool SetLaunchDaemonServiceState(const std::string& label, int state) {
-    switch (state) {
-        case 1:
-            return withJobsOfThisMachine([&](auto jobs) { return jobs.start(label); });
-        case 0:
-            return withJobsOfThisMachine([&](auto jobs) { return jobs.stop(label); });
-        default:
-            logHostFailure(support::couldNot("change the state of job", label,
-                                             "the state " + std::to_string(state) + " is unknown")
-                               .message);
-            return false;
-    }
-}
-
-bool GetLaunchDaemonServiceState(const std::string& label) {
-    return withJobsOfThisMachine([&](const auto& jobs) { return jobs.isRunning(label); });
 }
 
 }  // namespace velnor

@@ -1,0 +1,204 @@
+#include "Conclusion.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+#include <vector>
+
+#include "ControlProtocol.h"
+#include "ExitStatus.h"
+#include "Explanations.h"
+#include "Output.h"
+#include "RequestFile.h"
+
+namespace velnor::host {
+namespace {
+
+bool print(const std::string& text) {
+    bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+    return std::fflush(stdout) == 0 && written;
+}
+
+const std::string* textAt(const PlistValue& value, std::string_view key) {
+    const PlistDictionary* dictionary = value.asDictionary();
+    const PlistValue* entry = dictionary != nullptr ? dictionary->find(key) : nullptr;
+    return entry != nullptr ? entry->asString() : nullptr;
+}
+
+// The exit status of the run: the outcome's, but a status report of a stopped service exits
+// 3 as the status of every service manager does.
+int exitStatusOf(const Command& command, const Outcome& outcome) {
+    int status = exitStatusFor(outcome);
+    const std::string* state = textAt(outcome.result, "state");
+    if (command.verb == "status" && status == kExitNormal && state && *state == "STOPPED") {
+        return kExitStopped;
+    }
+    return status;
+}
+
+std::string responseText(const Command& command, const Outcome& outcome) {
+    if (command.json) {
+        return formatResponse(outcome.result, OutputForm::Json);
+    }
+    if (command.human) {
+        return formatResponse(humanView(outcome.result), OutputForm::Human);
+    }
+    return formatResponse(outcome.result, OutputForm::PropertyList);
+}
+
+// A failure of the run told: on standard error in words, and as a JSON object with --json.
+// The raw `call` still prints an error response as it came.
+bool tellFailure(const Command& command, const Outcome& outcome, int status) {
+    if (!outcome.answered) {
+        complain(command.operation + " ended without a response: " + outcome.failure);
+    } else if (command.human) {
+        const std::string* error = textAt(outcome.result, "error");
+        complain(failureSentence(command.verb, error ? *error : "an error without a text"));
+    } else {
+        return print(responseText(command, outcome));
+    }
+    if (!command.json) {
+        return true;
+    }
+    return print(formatResponse(PlistValue(failureObject(command.verb, command.operation,
+                                                         outcome.result, outcome.failure, status)),
+                                OutputForm::Json));
+}
+
+// What came of the call, printed; its exit status.
+int report(const Command& command, const Outcome& outcome) {
+    int status = exitStatusOf(command, outcome);
+    bool printed = true;
+    if (status == kExitErrorResponse || status == kExitWithoutResponse) {
+        printed = tellFailure(command, outcome, status);
+    } else if (!command.quiet) {
+        printed = print(responseText(command, outcome));
+    }
+    if (!printed) {
+        complain(
+            velnor::support::couldNot("write the response to", "standard output", errno).message);
+        return kExitOutputFailed;
+    }
+    return status;
+}
+
+// Where the service's log is now, and its size; nothing when the plug-in names none or a
+// relative one (in the data folder), or it cannot be read safely.
+std::optional<LogMark> markServiceLog(const Call& call) {
+    support::Result<Outcome> report = call("getLogPathsWithRequest", PlistDictionary());
+    const std::string* path = report ? textAt(report->result, "log") : nullptr;
+    if (path == nullptr || !path->starts_with('/')) {
+        return std::nullopt;
+    }
+    support::Result<LogMark> mark = markLog(*path);
+    if (!mark) {
+        complain(mark.message());
+        return std::nullopt;
+    }
+    return *mark;
+}
+
+// The lines the server wrote to its log since the mark, on standard error: why a start failed.
+// The start may have moved the log to its new folder, so the path is asked again.
+void showLogSince(const Call& call, LogMark mark) {
+    constexpr std::size_t kShownBytes = 16 * 1024;
+    std::optional<LogMark> now = markServiceLog(call);
+    if (now && now->path != mark.path) {
+        mark = LogMark{now->path, 0};
+    }
+    support::Result<std::string> lines = appendedSince(mark, kShownBytes);
+    if (!lines) {
+        complain(lines.message());
+    } else if (lines->empty()) {
+        complain("the server wrote nothing to its log \"" + mark.path + "\" since the start");
+    } else {
+        complain("the server's log \"" + mark.path + "\" since the start:");
+        std::fputs(lines->c_str(), stderr);
+    }
+}
+
+// After a stop that answered, a service still running is held by clients inside a
+// transaction: the stop ends idle clients only, and the server waits for the others.
+void explainHeldStop(const Call& call) {
+    support::Result<Outcome> state = call("getStateWithRequest", PlistDictionary());
+    const std::string* now = state ? textAt(state->result, "state") : nullptr;
+    if (now == nullptr || *now != "RUNNING") {
+        return;
+    }
+    // A server that is just exiting still counts as running, with no client left to name.
+    std::vector<ClientTitle> clients = serverClients();
+    if (clients.empty()) {
+        return;
+    }
+    complain("the service is still running: the server shuts down once these clients end");
+    for (const ClientTitle& client : clients) {
+        std::fprintf(stderr, "  pid %d  database %s  user %s  %s\n", static_cast<int>(client.pid),
+                     client.database.c_str(), client.user.c_str(), client.state.c_str());
+    }
+}
+
+}  // namespace
+
+void complain(const std::string& message) {
+    std::fprintf(stderr, "velnor: %s\n", message.c_str());
+}
+
+int usageError(const std::string& message) {
+    complain(message);
+    std::fputs(usageHint().data(), stderr);
+    return kExitUsage;
+}
+
+std::optional<OperationArgument> argumentFor(const Command& command, OperationStyle style,
+                                             int* status) {
+    if (const RawArgument* raw = std::get_if<RawArgument>(&command.argument)) {
+        if (style == OperationStyle::Request) {
+            support::Result<PlistDictionary> request = readRequest(raw->text);
+            if (!request) {
+                complain(request.message());
+                *status = kExitBadRequest;
+                return std::nullopt;
+            }
+            return std::optional<OperationArgument>(
+                std::in_place, std::in_place_type<PlistDictionary>, std::move(*request));
+        }
+        support::Result<OperationArgument> argument = interpretRawArgument(style, *raw);
+        if (!argument) {
+            *status = usageError(argument.message());
+            return std::nullopt;
+        }
+        return std::move(*argument);
+    }
+    if (!argumentFitsStyle(style, command.argument)) {
+        complain("the plug-in's " + command.operation + " is a " + styleName(style) +
+                 " operation, which this command cannot call");
+        *status = kExitUnavailable;
+        return std::nullopt;
+    }
+    return command.argument;
+}
+
+// Runs the command's operation through call, with what the verb tells beyond its response.
+int conclude(const Command& command, const OperationArgument& argument, const Call& call) {
+    std::optional<LogMark> mark;
+    if (command.verb == "start" || command.verb == "restart") {
+        mark = markServiceLog(call);
+    }
+    support::Result<Outcome> outcome = call(command.operation, argument);
+    if (!outcome) {
+        // The daemon refuses an operation the plug-in lacks, or an argument of another style,
+        // as the in-process host does: a usage error.
+        return outcome.error() == EINVAL ? usageError(outcome.message())
+                                         : (complain(outcome.message()), kExitUnavailable);
+    }
+    int status = report(command, *outcome);
+    if (status == kExitErrorResponse && mark) {
+        showLogSince(call, *mark);
+    }
+    if (status == kExitNormal && command.verb == "stop" && !command.quiet) {
+        explainHeldStop(call);
+    }
+    return status;
+}
+
+}  // namespace velnor::host
