@@ -3,6 +3,7 @@
 installed programs, the manual pages and the completion of the verbs."""
 
 import os
+import re
 import subprocess
 import sys
 
@@ -58,11 +59,17 @@ class InstalledPackage(harness.ScenarioCase):
         build = os.path.dirname(self.host.velnor)
         status, out, err = run(["cmake", "--install", build, "--prefix", "/opt/velnor"])
         self.assertEqual(status, 0, out + err)
-        programs = ["bin/velnor", "sbin/velnord", "lib/velnor/plugins/velnor_postgres.so"]
+        programs = ["sbin/velnord", "lib/velnor/velnor-direct.so", "lib/velnor/plugins/velnor_postgres.so"]
         for program in programs:
             dynamic = run(["readelf", "-d", f"/opt/velnor/{program}"])[1]
             runpath = dynamic.split("Library runpath: [", 1)[1].split("]", 1)[0]
             self.assertNotIn("", runpath.split(":"), f"{program}: an empty runpath element")
+        # The client starts as a C program: C libraries only, and so no run path.
+        dynamic = run(["readelf", "-d", "/opt/velnor/bin/velnor"])[1]
+        needed = sorted(re.findall(r"Shared library: \[(\S+)\]", dynamic))
+        allowed = {"ld-linux-x86-64", "libc", "libm", "libplist-2.0"}
+        self.assertLessEqual({name.split(".so")[0] for name in needed}, allowed, dynamic)
+        self.assertNotIn("runpath", dynamic)
         environment = {key: value for key, value in os.environ.items() if key != "VELNOR_PLUGIN"}
         done = subprocess.run(["/opt/velnor/bin/velnor", "--version"], capture_output=True,
                               text=True, cwd="/tmp", env=environment)
