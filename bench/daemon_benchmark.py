@@ -6,7 +6,8 @@ writes starts the sandbox and this script inside it). Nothing is asserted: the f
 printed beside their targets.
 
 - velnor status through velnord, direct velnor status and pg_ctl status, whole processes
-  (median and p90);
+  (median and p90), beside the floor: /bin/true, the --floor programs (a C and a C++ hello) and
+  velnor --version;
 - the idle tick in the settled state: the system calls of one tick (strace on the daemon) and
   the time per tick over many ticks (velnord --bench-idle, the worker's own tick);
 - many clients sending state reports at once: every reply arrives, in order, none overlapping
@@ -146,8 +147,10 @@ def status_runs(arguments, table):
         "daemon": [arguments.velnor, "--plugin", arguments.plugin, "status"],
         "direct": [arguments.velnor, "--direct", "--plugin", arguments.plugin, "status"],
         "pg_ctl": [PG_CTL, "status", "-D", DATA_DIR],
-        # What starting a process alone costs here.
+        # What starting a process alone costs here, and a program of each kind.
         "/bin/true": ["/bin/true"],
+        **{os.path.basename(program): [program] for program in arguments.floor},
+        "velnor --version": [arguments.velnor, "--version"],
     }
     # pg_ctl refuses root: it runs as the service account. It answers 3 for a stopped server.
     accounts = {"pg_ctl": ACCOUNT_ID}
@@ -164,7 +167,7 @@ def status_runs(arguments, table):
             samples[name].append(took)
     daemon.stop()
     for name, runs in samples.items():
-        label = name if name.startswith("/") else f"{name} status"
+        label = f"{name} status" if name in ("daemon", "direct", "pg_ctl") else name
         table.add(f"{label}, {len(runs)} runs, whole process",
                   f"median {milliseconds(statistics.median(runs))}, p90 {milliseconds(quantile(runs, 0.9))}")
     for name, target in [("daemon", "<= 0.5"), ("direct", "<= 1.5")]:
@@ -290,19 +293,24 @@ def main():
     parser.add_argument("--velnor", required=True)
     parser.add_argument("--velnord", required=True)
     parser.add_argument("--plugin", required=True)
+    parser.add_argument("--floor", action="append", default=[],
+                        help="a program whose start-up is measured beside the others")
     parser.add_argument("--runs", type=int, default=200)
     parser.add_argument("--ticks", type=int, default=100000)
     parser.add_argument("--clients", type=int, default=50)
     parser.add_argument("--reports", type=int, default=100)
     parser.add_argument("--mixed", type=int, default=10000)
+    parser.add_argument("--status-only", action="store_true",
+                        help="measure the status runs and their floor alone")
     arguments = parser.parse_args()
     if os.path.exists(SOCKET):
         sys.exit("a velnord runs already: the benchmark starts its own")
     table = Table()
     status_runs(arguments, table)
-    idle_tick(arguments, table)
-    concurrent_clients(arguments, table)
-    mixed_operations(arguments, table)
+    if not arguments.status_only:
+        idle_tick(arguments, table)
+        concurrent_clients(arguments, table)
+        mixed_operations(arguments, table)
     table.print()
 
 

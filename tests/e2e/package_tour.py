@@ -80,6 +80,13 @@ class InstalledPackage(harness.ScenarioCase):
                               text=True, cwd="/tmp", env=environment)
         self.assertEqual(done.returncode, 69, done.stderr)
         self.assertIn("/opt/velnor/lib/velnor/plugins/velnor_postgres.so", done.stderr)
+        # Nor does it without the in-process host, which it loads when no daemon answers.
+        os.remove("/opt/velnor/lib/velnor/velnor-direct.so")
+        done = subprocess.run(["/opt/velnor/bin/velnor", "status"], capture_output=True,
+                              text=True, cwd="/tmp", env=environment)
+        self.assertEqual(done.returncode, 69, done.stderr)
+        self.assertIn('could not load the in-process host "/opt/velnor/lib/velnor/velnor-direct.so"',
+                      done.stderr)
 
 
 if __name__ == "__main__":
