@@ -1,8 +1,9 @@
 #include "LaunchdSystemd.h"
 
+#include <dlfcn.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <systemd/sd-bus.h>
-#include <systemd/sd-daemon.h>
 #include <time.h>
 
 #include <algorithm>
@@ -51,11 +52,77 @@ bool isUnescapedByte(char byte, bool first) {
            (byte >= '0' && byte <= '9') || byte == ':' || byte == '_' || (byte == '.' && !first);
 }
 
+// libsystemd's bus functions, loaded the first time a job is handed to systemd: the library and
+// what it brings along (compression and cryptography libraries) cost every program that links
+// this library milliseconds at start-up, and most runs never speak to systemd.
+// clang-format off
+#define VELNOR_SD_BUS_FUNCTIONS(X) \
+    X(sd_bus_call) \
+    X(sd_bus_call_method) \
+    X(sd_bus_error_free) \
+    X(sd_bus_error_has_name) \
+    X(sd_bus_flush_close_unref) \
+    X(sd_bus_get_property) \
+    X(sd_bus_get_property_string) \
+    X(sd_bus_get_property_trivial) \
+    X(sd_bus_message_append) \
+    X(sd_bus_message_append_strv) \
+    X(sd_bus_message_close_container) \
+    X(sd_bus_message_new_method_call) \
+    X(sd_bus_message_open_container) \
+    X(sd_bus_message_read) \
+    X(sd_bus_message_unref) \
+    X(sd_bus_new) \
+    X(sd_bus_open_system) \
+    X(sd_bus_set_address) \
+    X(sd_bus_start)
+// clang-format on
+
+struct SdBus {
+#define VELNOR_SD_BUS_POINTER(name) decltype(&::name) name = nullptr;
+    VELNOR_SD_BUS_FUNCTIONS(VELNOR_SD_BUS_POINTER)
+#undef VELNOR_SD_BUS_POINTER
+};
+
+constexpr const char* kLibsystemdName = "libsystemd.so.0";
+
+support::Result<SdBus> loadLibsystemd() {
+    // Never closed: the functions stay valid for the process's life.
+    void* library = dlopen(kLibsystemdName, RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+        const char* error = dlerror();
+        return support::couldNot("load", kLibsystemdName,
+                                 error != nullptr ? error : "unknown error");
+    }
+    SdBus functions;
+    bool resolved = true;
+#define VELNOR_SD_BUS_RESOLVE(name)                                              \
+    functions.name = reinterpret_cast<decltype(&::name)>(dlsym(library, #name)); \
+    resolved = resolved && functions.name != nullptr;
+    VELNOR_SD_BUS_FUNCTIONS(VELNOR_SD_BUS_RESOLVE)
+#undef VELNOR_SD_BUS_RESOLVE
+    if (!resolved) {
+        return support::couldNot("load", kLibsystemdName, "it lacks a bus function");
+    }
+    return functions;
+}
+
+// The library once loaded, or why it cannot be; a program loads it at most once.
+const support::Result<SdBus>& libsystemd() {
+    static const support::Result<SdBus> loaded = loadLibsystemd();
+    return loaded;
+}
+
+// Only where a bus is open, which connectToSystemd opens only once the library is loaded.
+const SdBus& sdBus() {
+    return *libsystemd();
+}
+
 struct BusUnref {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+    void operator()(sd_bus* bus) const { sdBus().sd_bus_flush_close_unref(bus); }
 };
 struct MessageUnref {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+    void operator()(sd_bus_message* message) const { sdBus().sd_bus_message_unref(message); }
 };
 using Bus = std::unique_ptr<sd_bus, BusUnref>;
 using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
@@ -66,10 +133,10 @@ class BusError {
     BusError() = default;
     BusError(const BusError&) = delete;
     BusError& operator=(const BusError&) = delete;
-    ~BusError() { sd_bus_error_free(&error_); }
+    ~BusError() { sdBus().sd_bus_error_free(&error_); }
 
     sd_bus_error* get() { return &error_; }
-    bool is(const char* name) const { return sd_bus_error_has_name(&error_, name) != 0; }
+    bool is(const char* name) const { return sdBus().sd_bus_error_has_name(&error_, name) != 0; }
     // systemd's own words when it sent any, else the system's for result.
     std::string reason(int result) const {
         return error_.message != nullptr ? error_.message : support::systemReason(-result);
@@ -80,15 +147,19 @@ class BusError {
 };
 
 support::Result<Bus> connectToSystemd() {
+    if (!libsystemd()) {
+        return libsystemd().failure();
+    }
     sd_bus* bus = nullptr;
-    if (sd_bus_new(&bus) >= 0) {
+    if (sdBus().sd_bus_new(&bus) >= 0) {
         Bus owned(bus);
-        if (sd_bus_set_address(bus, kSystemdPrivateSocket) >= 0 && sd_bus_start(bus) >= 0) {
+        if (sdBus().sd_bus_set_address(bus, kSystemdPrivateSocket) >= 0 &&
+            sdBus().sd_bus_start(bus) >= 0) {
             return owned;
         }
     }
     bus = nullptr;
-    const int opened = sd_bus_open_system(&bus);
+    const int opened = sdBus().sd_bus_open_system(&bus);
     if (opened < 0) {
         return support::couldNot("connect to", "systemd", -opened);
     }
@@ -125,21 +196,21 @@ struct UnitState {
 // unit's state shows it.
 int readPendingJobType(sd_bus* bus, const char* object, BusError& error, UnitState& state) {
     sd_bus_message* reply = nullptr;
-    int result = sd_bus_get_property(bus, kSystemd, object, kUnitInterface, "Job", error.get(),
-                                     &reply, "(uo)");
+    int result = sdBus().sd_bus_get_property(bus, kSystemd, object, kUnitInterface, "Job",
+                                             error.get(), &reply, "(uo)");
     Message owned(reply);
     std::uint32_t id = 0;
     const char* jobObject = nullptr;
     if (result >= 0) {
-        result = sd_bus_message_read(reply, "(uo)", &id, &jobObject);
+        result = sdBus().sd_bus_message_read(reply, "(uo)", &id, &jobObject);
     }
     if (result < 0 || id == 0) {
         return result;
     }
     char* type = nullptr;
     BusError jobError;
-    result = sd_bus_get_property_string(bus, kSystemd, jobObject, kJobInterface, "JobType",
-                                        jobError.get(), &type);
+    result = sdBus().sd_bus_get_property_string(bus, kSystemd, jobObject, kJobInterface, "JobType",
+                                                jobError.get(), &type);
     if (result < 0) {
         // The job has finished meanwhile.
         return jobError.is(kUnknownObject) ? 0 : result;
@@ -153,19 +224,19 @@ int readPendingJobType(sd_bus* bus, const char* object, BusError& error, UnitSta
 // meanwhile) shows as kUnknownObject in error.
 int readUnitProperties(sd_bus* bus, const char* object, BusError& error, UnitState& state) {
     char* activeState = nullptr;
-    int result = sd_bus_get_property_string(bus, kSystemd, object, kUnitInterface, "ActiveState",
-                                            error.get(), &activeState);
+    int result = sdBus().sd_bus_get_property_string(bus, kSystemd, object, kUnitInterface,
+                                                    "ActiveState", error.get(), &activeState);
     if (result < 0) {
         return result;
     }
     state.activeState = activeState;
     ::free(activeState);
-    result = sd_bus_get_property_trivial(bus, kSystemd, object, kServiceInterface, "MainPID",
-                                         error.get(), 'u', &state.mainPid);
+    result = sdBus().sd_bus_get_property_trivial(bus, kSystemd, object, kServiceInterface,
+                                                 "MainPID", error.get(), 'u', &state.mainPid);
     if (result >= 0) {
-        result =
-            sd_bus_get_property_trivial(bus, kSystemd, object, kServiceInterface, "TimeoutStopUSec",
-                                        error.get(), 't', &state.timeoutStopMicroseconds);
+        result = sdBus().sd_bus_get_property_trivial(bus, kSystemd, object, kServiceInterface,
+                                                     "TimeoutStopUSec", error.get(), 't',
+                                                     &state.timeoutStopMicroseconds);
     }
     return result < 0 ? result : readPendingJobType(bus, object, error, state);
 }
@@ -174,8 +245,8 @@ int readUnitProperties(sd_bus* bus, const char* object, BusError& error, UnitSta
 support::Result<std::optional<UnitState>> stateOfUnit(sd_bus* bus, const std::string& unit) {
     BusError error;
     sd_bus_message* reply = nullptr;
-    int result = sd_bus_call_method(bus, kSystemd, kSystemdPath, kManager, "GetUnit", error.get(),
-                                    &reply, "s", unit.c_str());
+    int result = sdBus().sd_bus_call_method(bus, kSystemd, kSystemdPath, kManager, "GetUnit",
+                                            error.get(), &reply, "s", unit.c_str());
     Message owned(reply);
     if (result < 0) {
         if (error.is(kNoSuchUnit)) {
@@ -184,7 +255,7 @@ support::Result<std::optional<UnitState>> stateOfUnit(sd_bus* bus, const std::st
         return support::couldNot("ask systemd about", unit, error.reason(result), -result);
     }
     const char* object = nullptr;
-    if ((result = sd_bus_message_read(reply, "o", &object)) < 0) {
+    if ((result = sdBus().sd_bus_message_read(reply, "o", &object)) < 0) {
         return support::couldNot("read systemd's answer about", unit, -result);
     }
     UnitState state;
@@ -228,7 +299,7 @@ support::Status awaitUnitGone(sd_bus* bus, const std::string& unit, const UnitSt
 // Appends one (sv) property whose value has a basic type.
 template <typename Value>
 int appendProperty(sd_bus_message* message, const char* name, const char* type, Value value) {
-    return sd_bus_message_append(message, "(sv)", name, type, value);
+    return sdBus().sd_bus_message_append(message, "(sv)", name, type, value);
 }
 
 // A NULL-terminated array of pointers into strings, for sd-bus.
@@ -243,20 +314,20 @@ std::vector<char*> pointersTo(std::vector<std::string>& strings) {
 
 int appendStrings(sd_bus_message* message, const char* name, std::vector<std::string> strings) {
     auto pointers = pointersTo(strings);
-    int result = sd_bus_message_open_container(message, 'r', "sv");
+    int result = sdBus().sd_bus_message_open_container(message, 'r', "sv");
     if (result >= 0) {
-        result = sd_bus_message_append(message, "s", name);
+        result = sdBus().sd_bus_message_append(message, "s", name);
     }
     if (result >= 0) {
-        result = sd_bus_message_open_container(message, 'v', "as");
+        result = sdBus().sd_bus_message_open_container(message, 'v', "as");
     }
     if (result >= 0) {
-        result = sd_bus_message_append_strv(message, pointers.data());
+        result = sdBus().sd_bus_message_append_strv(message, pointers.data());
     }
     if (result >= 0) {
-        result = sd_bus_message_close_container(message);
+        result = sdBus().sd_bus_message_close_container(message);
     }
-    return result >= 0 ? sd_bus_message_close_container(message) : result;
+    return result >= 0 ? sdBus().sd_bus_message_close_container(message) : result;
 }
 
 // ExecStart: the program, its argument vector exactly as the job gives it, and a failure that
@@ -264,30 +335,30 @@ int appendStrings(sd_bus_message* message, const char* name, std::vector<std::st
 int appendExecStart(sd_bus_message* message, const std::string& program,
                     std::vector<std::string> arguments) {
     auto pointers = pointersTo(arguments);
-    int result = sd_bus_message_open_container(message, 'r', "sv");
+    int result = sdBus().sd_bus_message_open_container(message, 'r', "sv");
     if (result >= 0) {
-        result = sd_bus_message_append(message, "s", "ExecStart");
+        result = sdBus().sd_bus_message_append(message, "s", "ExecStart");
     }
     if (result >= 0) {
-        result = sd_bus_message_open_container(message, 'v', "a(sasb)");
+        result = sdBus().sd_bus_message_open_container(message, 'v', "a(sasb)");
     }
     if (result >= 0) {
-        result = sd_bus_message_open_container(message, 'a', "(sasb)");
+        result = sdBus().sd_bus_message_open_container(message, 'a', "(sasb)");
     }
     if (result >= 0) {
-        result = sd_bus_message_open_container(message, 'r', "sasb");
+        result = sdBus().sd_bus_message_open_container(message, 'r', "sasb");
     }
     if (result >= 0) {
-        result = sd_bus_message_append(message, "s", program.c_str());
+        result = sdBus().sd_bus_message_append(message, "s", program.c_str());
     }
     if (result >= 0) {
-        result = sd_bus_message_append_strv(message, pointers.data());
+        result = sdBus().sd_bus_message_append_strv(message, pointers.data());
     }
     if (result >= 0) {
-        result = sd_bus_message_append(message, "b", 0);
+        result = sdBus().sd_bus_message_append(message, "b", 0);
     }
     for (int open = 4; result >= 0 && open > 0; --open) {
-        result = sd_bus_message_close_container(message);
+        result = sdBus().sd_bus_message_close_container(message);
     }
     return result;
 }
@@ -395,30 +466,30 @@ support::Status startTransientUnit(sd_bus* bus, const std::string& unit, const s
                                    const LaunchdJob& job, const LaunchPlan& plan,
                                    const OutputFiles& files) {
     sd_bus_message* request = nullptr;
-    int result = sd_bus_message_new_method_call(bus, &request, kSystemd, kSystemdPath, kManager,
-                                                "StartTransientUnit");
+    int result = sdBus().sd_bus_message_new_method_call(bus, &request, kSystemd, kSystemdPath,
+                                                        kManager, "StartTransientUnit");
     Message owned(request);
     if (result >= 0) {
-        result = sd_bus_message_append(request, "ss", unit.c_str(), "replace");
+        result = sdBus().sd_bus_message_append(request, "ss", unit.c_str(), "replace");
     }
     if (result >= 0) {
-        result = sd_bus_message_open_container(request, 'a', "(sv)");
+        result = sdBus().sd_bus_message_open_container(request, 'a', "(sv)");
     }
     if (result >= 0) {
         result = appendJobProperties(request, label, job, plan, files);
     }
     if (result >= 0) {
-        result = sd_bus_message_close_container(request);
+        result = sdBus().sd_bus_message_close_container(request);
     }
     if (result >= 0) {
-        result = sd_bus_message_append(request, "a(sa(sv))", 0);
+        result = sdBus().sd_bus_message_append(request, "a(sa(sv))", 0);
     }
     if (result < 0) {
         return support::couldNot("describe to systemd", unit, -result);
     }
     BusError error;
     sd_bus_message* reply = nullptr;
-    result = sd_bus_call(bus, request, 0, error.get(), &reply);
+    result = sdBus().sd_bus_call(bus, request, 0, error.get(), &reply);
     Message ownedReply(reply);
     if (result < 0) {
         return support::Failure{error.is(kUnitExists) ? EEXIST : -result,
@@ -430,7 +501,9 @@ support::Status startTransientUnit(sd_bus* bus, const std::string& unit, const s
 }  // namespace
 
 bool systemdRunsThisMachine() {
-    return sd_booted() > 0;
+    // What sd_booted asks, asked here: the library need not be loaded to learn that it is unused.
+    struct stat status;
+    return lstat("/run/systemd/system/", &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 std::optional<std::string> unitNameOfLabel(const std::string& label) {
@@ -527,8 +600,9 @@ bool SystemdJobs::stop(const std::string& label) {
     // A stop already under way keeps its job, and so its deadline.
     BusError error;
     sd_bus_message* reply = nullptr;
-    const int result = sd_bus_call_method(bus->get(), kSystemd, kSystemdPath, kManager, "StopUnit",
-                                          error.get(), &reply, "ss", unit->c_str(), "replace");
+    const int result =
+        sdBus().sd_bus_call_method(bus->get(), kSystemd, kSystemdPath, kManager, "StopUnit",
+                                   error.get(), &reply, "ss", unit->c_str(), "replace");
     Message owned(reply);
     if (result < 0 && !error.is(kNoSuchUnit)) {
         return refuse("stop", label,
