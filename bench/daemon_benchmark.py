@@ -152,9 +152,10 @@ def status_runs(arguments, table):
         **{os.path.basename(program): [program] for program in arguments.floor},
         "velnor --version": [arguments.velnor, "--version"],
     }
-    # pg_ctl refuses root: it runs as the service account. It answers 3 for a stopped server.
+    # pg_ctl refuses root: it runs as the service account. It answers 3 for a stopped server, as
+    # velnor status does.
     accounts = {"pg_ctl": ACCOUNT_ID}
-    expected = {"pg_ctl": 3}
+    expected = {"pg_ctl": 3, "daemon": 3, "direct": 3}
     # The daemon holds a lock of its own here, so that direct runs need not wait for it to end and
     # the kinds take turns under the same load.
     daemon = Daemon(arguments.velnord, arguments.plugin, 10, lock="/run/velnor/benchmark-daemon.lock")
