@@ -174,7 +174,7 @@ print(b"serves root only" in data, client.recv(1) == b"")"""])
         for arguments, loads in [(["status"], False), (["status", "--details"], True)]:
             run = subprocess.run([self.host.velnor, "--direct", "--plugin", self.host.plugin, *arguments],
                                  capture_output=True, text=True, env={**os.environ, "LD_DEBUG": "files"})
-            self.assertEqual(run.returncode, 3, run.stderr[-2000:])  # stopped
+            self.assertEqual(run.returncode, 3, run.stderr[-2000:])  # the server is stopped
             self.assertEqual("libpq.so.5" in run.stderr, loads, f"velnor {' '.join(arguments)}")
 
 

@@ -194,7 +194,10 @@ class Scenarios(harness.ScenarioCase):
         self.assertEqual(initdb.returncode, 0, f"initdb: {initdb.stderr}")
         pg_ctl = harness.as_account([f"{harness.PG_BIN}/pg_ctl", "-D", by_hand, "-w", "-l",
                                      f"{by_hand}/server.log", "-o",
-                                     f"-c listen_addresses= -c unix_socket_directories={SOCKET_DIR}",
+                                     # No autovacuum workers, which come and go on a fresh
+                                     # server: the stop's scan would log each one it meets ending.
+                                     f"-c listen_addresses= -c unix_socket_directories={SOCKET_DIR}"
+                                     " -c autovacuum=off",
                                      "start"])
         self.assertEqual(pg_ctl.returncode, 0, f"pg_ctl start: {pg_ctl.stderr}")
         self.assert_state("STOPPED")
