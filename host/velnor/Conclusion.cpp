@@ -1,22 +1,23 @@
 #include "Conclusion.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <utility>
 #include <vector>
 
+#include "ConsoleVerbs.h"
 #include "ControlProtocol.h"
 #include "ExitStatus.h"
 #include "Explanations.h"
 #include "Output.h"
+#include "PluginLoader.h"
 #include "RequestFile.h"
+#include "Terminal.h"
 
 namespace velnor::host {
 namespace {
 
 bool print(const std::string& text) {
-    bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
-    return std::fflush(stdout) == 0 && written;
+    return writeAll(terminal().out, text);
 }
 
 const std::string* textAt(const PlistValue& value, std::string_view key) {
@@ -113,7 +114,7 @@ void showLogSince(const Call& call, LogMark mark) {
         complain("the server wrote nothing to its log \"" + mark.path + "\" since the start");
     } else {
         complain("the server's log \"" + mark.path + "\" since the start:");
-        std::fputs(lines->c_str(), stderr);
+        (void)writeAll(terminal().err, *lines);
     }
 }
 
@@ -132,21 +133,47 @@ void explainHeldStop(const Call& call) {
     }
     complain("the service is still running: the server shuts down once these clients end");
     for (const ClientTitle& client : clients) {
-        std::fprintf(stderr, "  pid %d  database %s  user %s  %s\n", static_cast<int>(client.pid),
-                     client.database.c_str(), client.user.c_str(), client.state.c_str());
+        (void)writeAll(terminal().err, "  pid " + std::to_string(client.pid) + "  database " +
+                                           client.database + "  user " + client.user + "  " +
+                                           client.state + "\n");
     }
 }
 
 }  // namespace
 
 void complain(const std::string& message) {
-    std::fprintf(stderr, "velnor: %s\n", message.c_str());
+    (void)writeAll(terminal().err, "velnor: " + message + "\n");
 }
 
 int usageError(const std::string& message) {
     complain(message);
-    std::fputs(usageHint().data(), stderr);
+    (void)writeAll(terminal().err, usageHint());
     return kExitUsage;
+}
+
+std::optional<int> answerWithoutPlugin(const Command& command) {
+    if (command.answer) {
+        return print(*command.answer) ? kExitNormal : kExitOutputFailed;
+    }
+    return runConsoleVerb(command);
+}
+
+std::optional<PreparedCall> prepareCall(const Command& command, const PluginDescriptor& plugin,
+                                        int* status) {
+    const HostOperation* operation = findOperation(plugin, command.operation);
+    if (operation == nullptr) {
+        std::string message = "the plug-in has no operation \"" + command.operation + "\"; it has";
+        for (std::size_t index = 0; index < plugin.operationCount; ++index) {
+            message += (index == 0 ? " " : ", ") + std::string(plugin.operations[index].name);
+        }
+        *status = usageError(message);
+        return std::nullopt;
+    }
+    std::optional<OperationArgument> argument = argumentFor(command, operation->style, status);
+    if (!argument) {
+        return std::nullopt;
+    }
+    return PreparedCall{operation, std::move(*argument)};
 }
 
 std::optional<OperationArgument> argumentFor(const Command& command, OperationStyle style,

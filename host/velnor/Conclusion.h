@@ -10,6 +10,7 @@
 
 #include "CommandLine.h"
 #include "Invocation.h"
+#include "PluginInterface.h"
 #include "Result.h"
 
 namespace velnor::host {
@@ -25,6 +26,22 @@ int usageError(const std::string& message);
 // one when the plug-in's operation takes that kind.
 std::optional<OperationArgument> argumentFor(const Command& command, OperationStyle style,
                                              int* status);
+
+// Answers what needs no plug-in: --help, a verb's --help and --version printed, `web-url` and
+// `settings --check` run; nothing for a command that calls the plug-in.
+std::optional<int> answerWithoutPlugin(const Command& command);
+
+// The plug-in's operation that the command names and the argument to call it with.
+struct PreparedCall {
+    const HostOperation* operation;
+    OperationArgument argument;
+};
+
+// The command's call, prepared against the plug-in; nothing, with the exit status in status and
+// the reason told, when the plug-in lacks the operation (the usage error lists those it has) or
+// the argument cannot be had.
+std::optional<PreparedCall> prepareCall(const Command& command, const PluginDescriptor& plugin,
+                                        int* status);
 
 // One call of an operation: in this process under the host lock that the run holds, or in the
 // daemon. Fails with EINVAL when the plug-in cannot answer it.

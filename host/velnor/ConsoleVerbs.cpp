@@ -5,20 +5,17 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 
+#include "Conclusion.h"
 #include "DescriptorIo.h"
 #include "ExitStatus.h"
 #include "Output.h"
 #include "SafePath.h"
 #include "SettingsCheck.h"
+#include "Terminal.h"
 
 namespace velnor::host {
 namespace {
-
-void complain(const std::string& message) {
-    std::fprintf(stderr, "velnor: %s\n", message.c_str());
-}
 
 // The first line of a file that root alone may have written, and others may not read unless
 // others may read it is allowed.
@@ -53,7 +50,7 @@ int printWebUrl() {
         complain(url.message() + " (does velnord run with its web console?)");
         return kExitUnavailable;
     }
-    std::printf("%s\n", url->c_str());
+    (void)writeAll(terminal().out, *url + "\n");
     return kExitNormal;
 }
 
@@ -100,11 +97,11 @@ int checkSettingsCommand(const std::vector<std::string>& settings, bool json) {
         if (json) {
             list.push_back(verdictValue(verdict));
         } else {
-            std::printf("%s\n", verdictLine(verdict).c_str());
+            (void)writeAll(terminal().out, verdictLine(verdict) + "\n");
         }
     }
     if (json) {
-        std::printf("%s\n", toJson(PlistValue(std::move(list))).c_str());
+        (void)writeAll(terminal().out, toJson(PlistValue(std::move(list))) + "\n");
     }
     return refused ? kExitErrorResponse : kExitNormal;
 }

@@ -8,6 +8,7 @@
 #include "DescriptorIo.h"
 #include "PlistText.h"
 #include "PropertyListFile.h"
+#include "Terminal.h"
 #include "UniqueFd.h"
 
 namespace velnor::host {
@@ -25,13 +26,13 @@ support::Result<std::string> readSource(const std::string& argument, const std::
     const bool fromStandardInput = argument == kStandardInputArgument;
     support::UniqueFd file;
     if (!fromStandardInput) {
-        file.reset(::open(argument.c_str(), O_RDONLY | O_CLOEXEC));
+        file.reset(::openat(terminal().workingFolder, argument.c_str(), O_RDONLY | O_CLOEXEC));
         if (!file.valid()) {
             return support::couldNot("read the request", source, errno);
         }
     }
     std::string bytes;
-    if (!support::readAll(fromStandardInput ? STDIN_FILENO : file.get(), bytes)) {
+    if (!support::readAll(fromStandardInput ? terminal().input : file.get(), bytes)) {
         return support::couldNot("read the request", source, errno);
     }
     return bytes;
