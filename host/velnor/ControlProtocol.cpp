@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 
 #include "PropertyListFile.h"
 
@@ -17,18 +18,47 @@ support::Failure protocolFailure(const std::string& reason) {
     return {EPROTO, reason};
 }
 
-// Reads exactly size bytes. Answers how many came before the end of the stream; -1, with errno
-// set, when a read failed.
-ssize_t readExactly(int descriptor, char* buffer, std::size_t size) {
+// Takes ownership of the descriptors that a message carried.
+void keepPassedDescriptors(msghdr& message, std::vector<support::UniqueFd>* passed) {
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
+            continue;
+        }
+        const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (std::size_t index = 0; index < count; ++index) {
+            int received;
+            std::memcpy(&received, CMSG_DATA(header) + index * sizeof(int), sizeof received);
+            support::UniqueFd owned(received);
+            if (passed != nullptr && passed->size() < kMostPassedDescriptors) {
+                passed->push_back(std::move(owned));
+            }
+        }
+    }
+}
+
+// Reads exactly size bytes; the descriptors that come along go to passed, or are closed when
+// passed is nullptr or full. Answers how many bytes came before the end of the stream; -1, with
+// errno set, when a read failed.
+ssize_t readExactly(int descriptor, char* buffer, std::size_t size,
+                    std::vector<support::UniqueFd>* passed) {
     std::size_t done = 0;
     while (done < size) {
-        ssize_t count = ::read(descriptor, buffer + done, size - done);
+        iovec part{buffer + done, size - done};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMostPassedDescriptors)];
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        ssize_t count = ::recvmsg(descriptor, &message, MSG_CMSG_CLOEXEC);
         if (count < 0 && errno == EINTR) {
             continue;
         }
         if (count < 0) {
             return -1;
         }
+        keepPassedDescriptors(message, passed);
         if (count == 0) {
             break;
         }
@@ -83,9 +113,10 @@ support::Status writeFrame(int descriptor, const PlistDictionary& message) {
     return {};
 }
 
-support::Result<PlistDictionary> readFrame(int descriptor) {
+support::Result<PlistDictionary> readFrame(int descriptor,
+                                          std::vector<support::UniqueFd>* passed) {
     std::array<unsigned char, kLengthBytes> prefix{};
-    ssize_t count = readExactly(descriptor, reinterpret_cast<char*>(prefix.data()), kLengthBytes);
+    ssize_t count = readExactly(descriptor, reinterpret_cast<char*>(prefix.data()), kLengthBytes, passed);
     if (count < 0) {
         return support::couldNot("read a frame from", "the control socket", errno);
     }
@@ -104,7 +135,7 @@ support::Result<PlistDictionary> readFrame(int descriptor) {
                                std::to_string(kMaxFrameBytes) + "-byte limit");
     }
     std::string body(length, '\0');
-    count = readExactly(descriptor, body.data(), length);
+    count = readExactly(descriptor, body.data(), length, passed);
     if (count < 0) {
         return support::couldNot("read a frame from", "the control socket", errno);
     }

@@ -9,6 +9,12 @@
 //   {operation: NAME, request: DICT}    -> {kind: "log", priority: INT, message: TEXT} ...
 //   {operation: NAME[, variant: TEXT]}     then {kind: "outcome", answered: BOOL,
 //   {operation: NAME, count: INT}           [response: VALUE], [failure: TEXT]}
+//   {run: [DATA, ...], plugin: DATA}    -> {kind: "exit", status: INT} | {kind: "direct"}
+//
+// The command-line request comes with four descriptors (SCM_RIGHTS): the client's standard
+// input, output and error and its working folder. The daemon runs the command there, writing to
+// those descriptors, and the connection ends with the reply; "direct" tells the client to run
+// the command in its own process (--direct, or a plug-in other than the daemon's).
 //
 // An operation the plug-in does not have answers {kind: "error", error: TEXT, status: 64}; a
 // malformed request, or a peer that is not root, {kind: "error", error: TEXT}, and the daemon
@@ -19,17 +25,21 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "CommandLine.h"
 #include "Invocation.h"
 #include "PlistValue.h"
 #include "Result.h"
+#include "UniqueFd.h"
 
 namespace velnor::host {
 
 inline constexpr const char* kControlSocketPath = "/run/velnor/velnord.sock";
 inline constexpr std::int64_t kProtocolVersion = 1;
 inline constexpr std::size_t kMaxFrameBytes = std::size_t{1} << 20;
+// A command line's request passes its standard input, output and error and its working folder.
+inline constexpr std::size_t kMostPassedDescriptors = 4;
 
 // The style's name in the protocol and in messages: "request", "service", "idle".
 const char* styleName(OperationStyle style);
@@ -38,9 +48,11 @@ std::optional<OperationStyle> styleNamed(std::string_view name);
 // Writes message as one frame; fails with the system's error (EPIPE for a peer that has gone).
 support::Status writeFrame(int descriptor, const PlistDictionary& message);
 
-// Reads one frame. Fails with error() ENODATA when the peer closed before a frame began; EPROTO
+// Reads one frame, with the descriptors that came along with it in passed (at most
+// kMostPassedDescriptors; any other is closed, as all are when passed is nullptr). Fails with error() ENODATA when the peer closed before a frame began; EPROTO
 // for a truncated frame, one longer than kMaxFrameBytes, or one that holds no dictionary.
-support::Result<PlistDictionary> readFrame(int descriptor);
+support::Result<PlistDictionary> readFrame(int descriptor,
+                                          std::vector<support::UniqueFd>* passed = nullptr);
 
 // The request that calls operation with argument, which fits the operation's style.
 PlistDictionary callRequest(const std::string& operation, const OperationArgument& argument);

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ClientCommand.h"
 #include "ControlProtocol.h"
 #include "ExitStatus.h"
 #include "HostLock.h"
@@ -28,6 +29,8 @@ constexpr int kListenBacklog = 64;
 // Clients served at the same time; one more is told to come back later. Each costs a thread
 // and a descriptor, so a flood of idle connections cannot exhaust the daemon.
 constexpr std::size_t kMostConnections = 128;
+// Threads kept waiting for the next client once a burst has passed.
+constexpr std::size_t kSpareThreads = 2;
 
 // Removes a socket that an earlier daemon left at name, when it is root's; refuses anything else.
 support::Status clearStaleSocket(int folder, const std::string& name, const std::string& path) {
@@ -80,14 +83,32 @@ Result<UniqueFd> bindSocket(int folder, const std::string& path) {
     return listener;
 }
 
-// The uid of the peer's process when it connected.
-std::optional<uid_t> peerUid(int socket) {
+// The credentials of the peer's process when it connected.
+std::optional<ucred> peerCredentials(int socket) {
     ucred credentials{};
     socklen_t size = sizeof(credentials);
     if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
         return std::nullopt;
     }
-    return credentials.uid;
+    return credentials;
+}
+
+// The arguments of a command-line request: each a string or, as velnor sends them, the bytes
+// it was given. Nothing when the request's "run" is not such an array.
+std::optional<std::vector<std::string>> argumentsOf(const PlistValue& run) {
+    const PlistArray* array = run.asArray();
+    if (array == nullptr) {
+        return std::nullopt;
+    }
+    std::vector<std::string> arguments;
+    for (const PlistValue& argument : *array) {
+        const std::string* text = argument.asData() ? argument.asData() : argument.asString();
+        if (text == nullptr) {
+            return std::nullopt;
+        }
+        arguments.push_back(*text);
+    }
+    return arguments;
 }
 
 // Sends a reply; a client that has gone only loses it.
@@ -108,94 +129,136 @@ Result<UniqueFd> listenOnControlSocket(const std::string& path) {
     return bindSocket(folder->get(), path);
 }
 
-ControlServer::ControlServer(const PluginDescriptor& plugin, Worker& worker, UniqueFd listener)
-    : plugin_(plugin), worker_(worker), listener_(std::move(listener)) {}
+ControlServer::ControlServer(const PluginDescriptor& plugin, std::string pluginPath,
+                             Worker& worker, UniqueFd listener)
+    : plugin_(plugin),
+      pluginPath_(std::move(pluginPath)),
+      worker_(worker),
+      listener_(std::move(listener)) {}
 
 ControlServer::~ControlServer() {
     close();
 }
 
 support::Status ControlServer::serve(int stopRequested) {
+    {
+        std::lock_guard lock(mutex_);
+        addAcceptor();
+    }
     for (;;) {
-        pollfd watched[] = {{listener_.get(), POLLIN, 0}, {stopRequested, POLLIN, 0}};
-        if (poll(watched, 2, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return couldNot("wait on", "the control socket", errno);
+        pollfd watched{stopRequested, POLLIN, 0};
+        if (poll(&watched, 1, -1) < 0 && errno != EINTR) {
+            stopAccepting();
+            return couldNot("wait on", "the daemon's stop signal", errno);
         }
-        reapFinished();
-        if (watched[1].revents != 0) {
-            listener_.reset();
+        if (watched.revents != 0) {
+            stopAccepting();
             return {};
         }
-        if (watched[0].revents != 0) {
-            accept();
-        }
     }
+}
+
+// Wakes every thread that waits in accept, which then fails.
+void ControlServer::stopAccepting() {
+    shutdown(listener_.get(), SHUT_RDWR);
 }
 
 void ControlServer::close() {
-    listener_.reset();
-    for (auto& connection : connections_) {
+    stopAccepting();
+    std::unique_lock lock(mutex_);
+    closed_ = true;
+    for (int socket : conversing_) {
         // Wakes a thread that waits for its client's next request; one whose call has just
         // finished can still write its answer.
-        shutdown(connection->socket.get(), SHUT_RD);
+        shutdown(socket, SHUT_RD);
     }
-    for (auto& connection : connections_) {
-        connection->thread.join();
-    }
-    connections_.clear();
+    allGone_.wait(lock, [this] { return threads_ == 0; });
 }
 
-void ControlServer::accept() {
-    UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (!socket.valid()) {
-        return;
-    }
-    std::optional<uid_t> uid = peerUid(socket.get());
-    if (!uid || *uid != 0) {
-        reply(socket.get(), errorReply("velnord serves root only, not uid " +
-                                       (uid ? std::to_string(*uid) : std::string("unknown"))));
-        return;
-    }
-    if (connections_.size() >= kMostConnections) {
-        reply(socket.get(), errorReply("velnord serves " + std::to_string(kMostConnections) +
-                                       " clients already; try again later"));
-        return;
-    }
-    auto connection = std::make_unique<Connection>();
-    connection->socket = std::move(socket);
-    Connection& served = *connection;
-    connections_.push_back(std::move(connection));
-    served.thread = std::thread([this, &served] {
-        converse(served);
-        served.finished = true;
-    });
+// One more thread waiting for a connection; called with the mutex held, or before any runs.
+void ControlServer::addAcceptor() {
+    ++threads_;
+    ++waiting_;
+    std::thread([this] { acceptConnections(); }).detach();
 }
 
-void ControlServer::reapFinished() {
-    for (auto it = connections_.begin(); it != connections_.end();) {
-        if ((*it)->finished) {
-            (*it)->thread.join();
-            it = connections_.erase(it);
-        } else {
-            ++it;
+// A thread's life: it waits for a connection, converses, and waits again, unless enough others
+// wait already. Threads are kept rather than made per connection: a new one costs more here
+// than the whole conversation of a status.
+void ControlServer::acceptConnections() {
+    while (std::optional<Connection> connection = nextConnection()) {
+        {
+            std::lock_guard lock(mutex_);
+            conversing_.insert(connection->socket.get());
+            if (closed_) {
+                shutdown(connection->socket.get(), SHUT_RD);
+            }
         }
+        converse(*connection);
+        std::lock_guard lock(mutex_);
+        conversing_.erase(connection->socket.get());
+        --busy_;
+        if (waiting_ >= kSpareThreads) {
+            break;
+        }
+        ++waiting_;
     }
+    std::lock_guard lock(mutex_);
+    if (--threads_ == 0) {
+        allGone_.notify_all();
+    }
+}
+
+// The next connection of root's that this thread serves; nothing when the daemon stops
+// accepting (the thread no longer counts as waiting then).
+std::optional<ControlServer::Connection> ControlServer::nextConnection() {
+    for (;;) {
+        // The kernel hands each connection to one waiting thread.
+        UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!socket.valid()) {
+            // EINVAL: the listener was shut down. Anything else (a client that gave up, no
+            // descriptor to spare) ends only this attempt.
+            if (errno == EINVAL) {
+                break;
+            }
+            continue;
+        }
+        std::optional<ucred> peer = peerCredentials(socket.get());
+        if (!peer || peer->uid != 0) {
+            reply(socket.get(), errorReply("velnord serves root only, not uid " +
+                                           (peer ? std::to_string(peer->uid) : std::string("unknown"))));
+            continue;
+        }
+        std::lock_guard lock(mutex_);
+        if (busy_ >= kMostConnections) {
+            reply(socket.get(), errorReply("velnord serves " + std::to_string(kMostConnections) +
+                                           " clients already; try again later"));
+            continue;
+        }
+        ++busy_;
+        // The last waiting thread leaves one behind, so that the next client is answered too.
+        if (--waiting_ == 0) {
+            addAcceptor();
+        }
+        return Connection{std::move(socket), peer->pid};
+    }
+    std::lock_guard lock(mutex_);
+    --waiting_;
+    return std::nullopt;
 }
 
 void ControlServer::converse(Connection& connection) {
     const int socket = connection.socket.get();
     for (;;) {
-        Result<PlistDictionary> request = readFrame(socket);
+        std::vector<UniqueFd> passed;
+        Result<PlistDictionary> request = readFrame(socket, &passed);
         if (!request) {
             if (request.error() == EPROTO) {
                 reply(socket, errorReply(request.message()));
             }
             break;
         }
-        if (!answer(socket, *request)) {
+        if (!answer(connection, *request, passed)) {
             break;
         }
     }
@@ -203,13 +266,50 @@ void ControlServer::converse(Connection& connection) {
 }
 
 // Answers one request; false when the connection ends with it.
-bool ControlServer::answer(int socket, const PlistDictionary& request) {
+bool ControlServer::answer(const Connection& connection, const PlistDictionary& request,
+                           std::vector<UniqueFd>& passed) {
+    const int socket = connection.socket.get();
     const PlistValue* version = request.find("version");
     if (version == nullptr || version->asInteger() != kProtocolVersion) {
         reply(socket, errorReply("velnord speaks protocol version " +
                                  std::to_string(kProtocolVersion) + " only"));
         return false;
     }
+    if (request.contains("run")) {
+        return answerCommandLine(connection, request, passed);
+    }
+    return answerCall(socket, request);
+}
+
+// Runs a client's command line with its own descriptors; the exit status, or "direct" when the
+// client is to run it in its own process.
+bool ControlServer::answerCommandLine(const Connection& connection, const PlistDictionary& request,
+                                      std::vector<UniqueFd>& passed) {
+    const int socket = connection.socket.get();
+    std::optional<std::vector<std::string>> arguments = argumentsOf(*request.find("run"));
+    if (!arguments || passed.size() != kClientDescriptors) {
+        reply(socket, errorReply("a command line's request carries its arguments and " +
+                                 std::to_string(kClientDescriptors) +
+                                 " descriptors: standard input, output, error and the working "
+                                 "folder"));
+        return false;
+    }
+    ClientCommand client{std::move(*arguments), std::nullopt, std::move(passed), connection.peer};
+    if (const PlistValue* plugin = request.find("plugin")) {
+        const std::string* path = plugin->asData() ? plugin->asData() : plugin->asString();
+        client.pluginFromEnvironment = path ? std::optional<std::string>(*path) : std::nullopt;
+    }
+    std::optional<int> status = runClientCommand(client, plugin_, pluginPath_, worker_);
+    // A command line is the connection's last request: the client ends once told.
+    if (!status) {
+        reply(socket, {{"kind", PlistValue("direct")}});
+    } else {
+        reply(socket, {{"kind", PlistValue("exit")}, {"status", PlistValue::integer(*status)}});
+    }
+    return false;
+}
+
+bool ControlServer::answerCall(int socket, const PlistDictionary& request) {
     const std::string* name = textAt(request, "operation");
     if (name == nullptr) {
         reply(socket, errorReply("a request names its \"operation\""));

@@ -1,14 +1,16 @@
-// The daemon's control socket: root's clients connect, each on a thread of its own that reads
-// its requests one at a time and hands the calls to the worker.
+// The daemon's control socket: root's clients connect, each served on a thread of its own that
+// reads its requests one at a time and hands the calls to the worker.
 #pragma once
 
 #include <sys/types.h>
 
-#include <atomic>
-#include <list>
-#include <memory>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "PluginInterface.h"
 #include "Result.h"
@@ -25,7 +27,10 @@ support::Result<support::UniqueFd> listenOnControlSocket(const std::string& path
 
 class ControlServer {
   public:
-    ControlServer(const PluginDescriptor& plugin, Worker& worker, support::UniqueFd listener);
+    // pluginPath is the file that plugin was loaded from: a command line that asks for another
+    // is left to the client to run in its own process.
+    ControlServer(const PluginDescriptor& plugin, std::string pluginPath, Worker& worker,
+                  support::UniqueFd listener);
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
@@ -40,19 +45,31 @@ class ControlServer {
   private:
     struct Connection {
         support::UniqueFd socket;
-        std::atomic<bool> finished{false};
-        std::thread thread;
+        pid_t peer = 0;
     };
 
-    void accept();
-    void reapFinished();
+    void stopAccepting();
+    void addAcceptor();
+    void acceptConnections();
+    std::optional<Connection> nextConnection();
     void converse(Connection& connection);
-    bool answer(int socket, const PlistDictionary& request);
+    bool answer(const Connection& connection, const PlistDictionary& request,
+                std::vector<support::UniqueFd>& passed);
+    bool answerCall(int socket, const PlistDictionary& request);
+    bool answerCommandLine(const Connection& connection, const PlistDictionary& request,
+                           std::vector<support::UniqueFd>& passed);
 
     const PluginDescriptor& plugin_;
+    const std::string pluginPath_;
     Worker& worker_;
     support::UniqueFd listener_;
-    std::list<std::unique_ptr<Connection>> connections_;
+    std::mutex mutex_;
+    std::condition_variable allGone_;
+    std::size_t threads_ = 0;
+    std::size_t waiting_ = 0;
+    std::size_t busy_ = 0;
+    std::set<int> conversing_;
+    bool closed_ = false;
 };
 
 }  // namespace velnor::host

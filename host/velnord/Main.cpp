@@ -195,7 +195,8 @@ int measureIdleTicks(const PluginModule& module, std::int64_t count) {
     return kExitNormal;
 }
 
-int serve(const Options& options, const PluginModule& module, ServiceManagerNotice& notice) {
+int serve(const Options& options, const PluginModule& module, const std::string& pluginPath,
+          ServiceManagerNotice& notice) {
     support::Result<support::UniqueFd> stop = stopSignals();
     if (!stop) {
         complain(stop.message());
@@ -221,7 +222,7 @@ int serve(const Options& options, const PluginModule& module, ServiceManagerNoti
     relayLogMessages(worker);
     std::unique_ptr<WebConsole> web = startWebConsole(options, plugin, worker);
     console = web.get();
-    ControlServer server(plugin, worker, std::move(*listener));
+    ControlServer server(plugin, pluginPath, worker, std::move(*listener));
     notice.ready();
     support::Status served = server.serve(stop->get());
     notice.stopping();
@@ -246,6 +247,10 @@ int run(const Options& options) {
         return kExitNotRoot;
     }
     setDefaultPostgresEnvironment();
+    // The daemon writes to its clients' output, which may be a pipe whose reader has gone: that
+    // is an error for the one command, not a signal that ends the daemon. Jobs it starts get
+    // default signal handling back.
+    signal(SIGPIPE, SIG_IGN);
     openlog("velnord", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
     std::string pluginPath = choosePluginPath(options.pluginPath, std::getenv("VELNOR_PLUGIN"),
                                               VELNOR_PLUGIN_FROM_PROGRAM);
@@ -275,7 +280,7 @@ int run(const Options& options) {
     // As launchd does at boot, before the first call is served.
     startJobsThatRunAtLoad(kRunAtLoadFolder);
     ServiceManagerNotice notice;
-    return serve(options, **module, notice);
+    return serve(options, **module, pluginPath, notice);
 }
 
 }  // namespace
