@@ -1,11 +1,13 @@
 #!/usr/bin/python3
 """velnord on its own: who it serves, what it does with frames it cannot use, a client that
 vanishes mid-operation, SIGTERM while an operation runs, the idle tick's housekeeping, a stop's
-SIGKILL on time, the jobs that run at load, and a direct velnor that loads no libpq."""
+SIGKILL on time, the jobs that run at load, a command line run with the client's own folder and
+input, and a direct velnor that loads no libpq."""
 
 import os
 import plistlib
 import select
+import shutil
 import signal
 import socket
 import struct
@@ -79,7 +81,8 @@ print(b"serves root only" in data, client.recv(1) == b"")"""])
                 ("a length cut short", b"\0\0"),
                 ("another version", frame({"version": 99, "operation": "getStateWithRequest"})),
                 ("an argument of the wrong kind", frame({"version": VERSION, "operation": "doIdleAtCount",
-                                                         "count": "many"}))]:
+                                                         "count": "many"})),
+                ("a command line without its descriptors", frame({"version": VERSION, "run": [b"status"]}))]:
             client = connect()
             client.sendall(data)
             client.shutdown(socket.SHUT_WR)
@@ -166,6 +169,27 @@ print(b"serves root only" in data, client.recv(1) == b"")"""])
         self.assertEqual(started, ["test.runs"], "only the job that runs at load was started")
         for label in ["writable", "broken", "link"]:
             self.assertIn(f"/test.{label}.plist", messages, f"the skipped {label} file is logged")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_a_command_line_runs_in_the_daemon_with_the_clients_folder_and_input(self):
+        self.start_daemon()
+        folder = tempfile.mkdtemp()
+        with open(os.path.join(folder, "request.plist"), "wb") as file:
+            plistlib.dump({}, file)
+        call = [self.host.velnor, "--plugin", self.host.plugin, "call", "getStateWithRequest"]
+        by_path = subprocess.run([*call, "request.plist"], cwd=folder, capture_output=True)
+        self.assertEqual((by_path.returncode, plistlib.loads(by_path.stdout)), (0, {"state": "STOPPED"}),
+                         by_path.stderr)
+        by_input = subprocess.run([*call, "-"], input=plistlib.dumps({}), capture_output=True)
+        self.assertEqual((by_input.returncode, by_input.stdout), (0, by_path.stdout), by_input.stderr)
+        # The daemon's plug-in by another name is still the daemon's; another file is run in the
+        # client's own process, where the daemon's host lock keeps it out.
+        os.symlink(self.host.plugin, os.path.join(folder, "same.so"))
+        shutil.copy(self.host.plugin, os.path.join(folder, "other.so"))
+        for plugin, status in [("same.so", 3), ("other.so", 75)]:
+            run = subprocess.run([self.host.velnor, "--plugin", plugin, "--wait", "0", "status"], cwd=folder,
+                                 capture_output=True, text=True)
+            self.assertEqual(run.returncode, status, f"{plugin}: {run.stderr}")
 
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_a_direct_status_loads_no_libpq_and_a_probe_loads_it(self):

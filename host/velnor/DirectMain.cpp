@@ -1,21 +1,20 @@
-// The in-process host, loaded by velnor only for --direct or when no daemon answers: it loads
-// the plug-in and runs the call under the host lock, as the daemon would.
+// velnor-direct, the in-process host: velnor hands its command line over to it (by exec) for
+// --direct, when no daemon answers, or when the command names a plug-in other than the daemon's.
+// It loads the plug-in and runs the call under the host lock, as the daemon would.
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cstdlib>
-#include <exception>
+#include <span>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "CommandLine.h"
 #include "Conclusion.h"
-#include "DirectModule.h"
 #include "ExitStatus.h"
-#include "Export.h"
 #include "HostEnvironment.h"
 #include "HostLock.h"
 #include "Invocation.h"
@@ -47,15 +46,6 @@ std::optional<HostLock> takeHostLock(const Command& command, int* status) {
     return std::move(*lock);
 }
 
-// What a call of an operation the plug-in lacks is told: the operations it has.
-std::string unknownOperation(const PluginDescriptor& plugin, const std::string& name) {
-    std::string message = "the plug-in has no operation \"" + name + "\"; it has";
-    for (std::size_t index = 0; index < plugin.operationCount; ++index) {
-        message += (index == 0 ? " " : ", ") + std::string(plugin.operations[index].name);
-    }
-    return message;
-}
-
 // Loads the plug-in and runs the call in this process, under the host lock.
 int runInProcess(const Command& command) {
     setDefaultPostgresEnvironment();
@@ -70,13 +60,9 @@ int runInProcess(const Command& command) {
         return kExitUnavailable;
     }
     const PluginDescriptor& plugin = (*module)->descriptor();
-    const HostOperation* operation = findOperation(plugin, command.operation);
-    if (operation == nullptr) {
-        return usageError(unknownOperation(plugin, command.operation));
-    }
     int status = kExitNormal;
-    std::optional<OperationArgument> argument = argumentFor(command, operation->style, &status);
-    if (!argument) {
+    std::optional<PreparedCall> prepared = prepareCall(command, plugin, &status);
+    if (!prepared) {
         return status;
     }
     std::optional<HostLock> lock = takeHostLock(command, &status);
@@ -97,15 +83,22 @@ int runInProcess(const Command& command) {
         }
         return callWithNewHandler(plugin, *operation, argument);
     };
-    return conclude(command, *argument, call);
+    return conclude(command, prepared->argument, call);
 }
 
-// The command line parsed again on this side: nothing C++ is handed over from the program.
-int runCommandLine(int argc, char** argv) {
-    std::vector<std::string_view> arguments(argv + 1, argv + argc);
+int runCommandLine(std::span<const std::string_view> arguments) {
     support::Result<Command> parsed = parseCommandLine(arguments);
     if (!parsed) {
         return usageError(parsed.message());
+    }
+    if (std::optional<int> status = answerWithoutPlugin(*parsed)) {
+        return *status;
+    }
+    // The operations create folders for the service account, rewrite the job file and signal
+    // the server: nothing of it is tried, and no lock taken, for anyone else.
+    if (geteuid() != 0) {
+        complain("must be run as root");
+        return kExitNotRoot;
     }
     return runInProcess(*parsed);
 }
@@ -113,17 +106,7 @@ int runCommandLine(int argc, char** argv) {
 }  // namespace
 }  // namespace velnor::host
 
-// Whatever is thrown in here is caught in here: it must not unwind into the program, whose C++
-// runtime is another.
-extern "C" VELNOR_EXPORT int velnor_run_direct(int argc, char** argv) {
-    static_assert(std::is_same_v<decltype(&velnor_run_direct), velnor::host::DirectEntry>);
-    try {
-        return velnor::host::runCommandLine(argc, argv);
-    } catch (const std::exception& error) {
-        velnor::host::complain(std::string("could not run the command in this process: ") +
-                               error.what());
-    } catch (...) {
-        velnor::host::complain("could not run the command in this process: an unknown exception");
-    }
-    return velnor::host::kExitUnavailable;
+int main(int argc, char** argv) {
+    std::vector<std::string_view> arguments(argv + 1, argv + argc);
+    return velnor::host::runCommandLine(arguments);
 }
