@@ -6,8 +6,8 @@ writes starts the sandbox and this script inside it). Nothing is asserted: the f
 printed beside their targets.
 
 - velnor status through velnord, direct velnor status and pg_ctl status, whole processes
-  (median and p90), beside the floor: /bin/true, the --floor programs (a C and a C++ hello) and
-  velnor --version;
+  (median and p90), beside the floor: /bin/true and the --floor programs (a static C and a C++
+  hello), all timed by bench/startup/spawn_timer;
 - the idle tick in the settled state: the system calls of one tick (strace on the daemon) and
   the time per tick over many ticks (velnord --bench-idle, the worker's own tick);
 - many clients sending state reports at once: every reply arrives, in order, none overlapping
@@ -22,7 +22,6 @@ import plistlib
 import re
 import signal
 import socket
-import statistics
 import struct
 import subprocess
 import sys
@@ -44,29 +43,6 @@ def quantile(samples, fraction):
 
 def milliseconds(seconds):
     return f"{seconds * 1000:.2f} ms"
-
-
-def timed_run(command, account=None):
-    """Seconds that command took as a whole process, started with posix_spawn (the way that
-    costs least, whatever the size of this Python process), run as root or as account."""
-    if account is not None:
-        # Kept as the saved ids, so that root comes back afterwards; the program gets none.
-        os.setgroups([])
-        os.setresgid(account, account, 0)
-        os.setresuid(account, account, 0)
-    try:
-        with open(os.devnull, "wb") as null:
-            began = time.perf_counter()
-            pid = os.posix_spawn(command[0], command, os.environ,
-                                 file_actions=[(os.POSIX_SPAWN_DUP2, null.fileno(), 1),
-                                               (os.POSIX_SPAWN_DUP2, null.fileno(), 2)])
-            status = os.waitpid(pid, 0)[1]
-            took = time.perf_counter() - began
-    finally:
-        if account is not None:
-            os.setresuid(0, 0, 0)
-            os.setresgid(0, 0, 0)
-    return took, os.waitstatus_to_exitcode(status)
 
 
 def frame(message):
@@ -150,30 +126,29 @@ def status_runs(arguments, table):
         # What starting a process alone costs here, and a program of each kind.
         "/bin/true": ["/bin/true"],
         **{os.path.basename(program): [program] for program in arguments.floor},
-        "velnor --version": [arguments.velnor, "--version"],
     }
     # pg_ctl refuses root: it runs as the service account. It answers 3 for a stopped server, as
     # velnor status does.
-    accounts = {"pg_ctl": ACCOUNT_ID}
+    accounts = {"pg_ctl": str(ACCOUNT_ID)}
     expected = {"pg_ctl": 3, "daemon": 3, "direct": 3}
-    # The daemon holds a lock of its own here, so that direct runs need not wait for it to end and
-    # the kinds take turns under the same load.
+    # The daemon holds a lock of its own here, so that direct runs need not wait for it to end.
     daemon = Daemon(arguments.velnord, arguments.plugin, 10, lock="/run/velnor/benchmark-daemon.lock")
-    samples = {name: [] for name in commands}
-    for _ in range(arguments.runs):
-        for name, command in commands.items():
-            took, status = timed_run(command, accounts.get(name))
-            if status != expected.get(name, 0):
-                sys.exit(f"{' '.join(command)} exited {status}")
-            samples[name].append(took)
+    timer = [arguments.timer, str(arguments.runs)]
+    for name, command in commands.items():
+        timer += [name.replace(" ", "_"), accounts.get(name, "-"), *command, "--"]
+    # Kinds take turns, round after round, timed by a C program: see bench/startup/spawn_timer.c.
+    measured = subprocess.run(timer[:-1], capture_output=True, text=True, check=True).stdout
     daemon.stop()
-    for name, runs in samples.items():
+    medians = {}
+    for line, name in zip(measured.splitlines(), commands):
+        median, p90, status = line.split()[1:]
+        if int(status) != expected.get(name, 0):
+            sys.exit(f"{' '.join(commands[name])} exited {status}")
+        medians[name] = float(median)
         label = f"{name} status" if name in ("daemon", "direct", "pg_ctl") else name
-        table.add(f"{label}, {len(runs)} runs, whole process",
-                  f"median {milliseconds(statistics.median(runs))}, p90 {milliseconds(quantile(runs, 0.9))}")
+        table.add(f"{label}, {arguments.runs} runs, whole process", f"median {median} ms, p90 {p90} ms")
     for name, target in [("daemon", "<= 0.5"), ("direct", "<= 1.5")]:
-        ratio = statistics.median(samples[name]) / statistics.median(samples["pg_ctl"])
-        table.add(f"{name} / pg_ctl (medians)", f"{ratio:.2f}", target)
+        table.add(f"{name} / pg_ctl (medians)", f"{medians[name] / medians['pg_ctl']:.2f}", target)
 
 
 def idle_tick(arguments, table):
@@ -294,6 +269,7 @@ def main():
     parser.add_argument("--velnor", required=True)
     parser.add_argument("--velnord", required=True)
     parser.add_argument("--plugin", required=True)
+    parser.add_argument("--timer", required=True, help="bench/startup/spawn_timer, built")
     parser.add_argument("--floor", action="append", default=[],
                         help="a program whose start-up is measured beside the others")
     parser.add_argument("--runs", type=int, default=200)
