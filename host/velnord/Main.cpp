@@ -6,6 +6,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <atomic>
 #include <charconv>
 #include <chrono>
@@ -33,37 +34,24 @@
 namespace velnor::host {
 namespace {
 
-constexpr std::string_view kUsage =
-    "usage: velnord [--plugin PATH] [--idle-interval SECONDS] [--foreground]\n"
-    "               [--web-listen ADDR:PORT | --no-web]\n"
-    "       velnord --help\n";
-
-constexpr std::string_view kHelp =
+constexpr const char* kDescription =
     "velnord loads a service plug-in once and serves root's calls of its operations on the\n"
     "control socket /run/velnor/velnord.sock, one at a time, running the plug-in's idle\n"
-    "housekeeping (doIdleAtCount) every interval in between. velnor sends its calls there\n"
-    "whenever velnord answers.\n"
-    "\n"
-    "Options:\n"
-    "  --plugin PATH            the plug-in module to load; else $VELNOR_PLUGIN, else the one\n"
-    "                           installed with velnord\n"
-    "  --idle-interval SECONDS  seconds between idle ticks (default 10; a fraction is allowed)\n"
-    "  --foreground             also print every log message on standard error\n"
-    "  --web-listen ADDR:PORT   serve the web console there (default 127.0.0.1:8471); the\n"
-    "                           address with its access token: velnor web-url\n"
-    "  --no-web                 no web console\n"
-    "  --help                   print this text\n"
-    "\n"
+    "housekeeping (doIdleAtCount) every interval in between. velnor hands its command lines\n"
+    "to it whenever velnord answers.";
+
+constexpr const char* kFooter =
     "velnord holds the host lock (/var/run/velnor/host.lock, or $VELNOR_LOCK_FILE) while it\n"
-    "runs. SIGTERM or SIGINT lets the running operation finish, then velnord exits 0.\n";
+    "runs. SIGTERM or SIGINT lets the running operation finish, then velnord exits 0.";
 
 struct Options {
     std::optional<std::string> pluginPath;
     std::chrono::duration<double> idleInterval{10.0};
     bool foreground = false;
-    bool help = false;
+    // The help text when --help was asked for: printed, and nothing runs.
+    std::optional<std::string> help;
     std::optional<WebListen> web = WebListen{};
-    // For the benchmark, not in the usage: run this many idle ticks through the worker, print
+    // For the benchmark, not in the help: run this many idle ticks through the worker, print
     // the time they took, and end instead of serving.
     std::optional<std::int64_t> benchIdleTicks;
 };
@@ -72,7 +60,8 @@ void complain(const std::string& message) {
     std::fprintf(stderr, "velnord: %s\n", message.c_str());
 }
 
-std::optional<double> parsePositiveSeconds(std::string_view text) {
+// A positive number of seconds up to a day, a fraction allowed.
+std::optional<double> secondsIn(std::string_view text) {
     double seconds = 0;
     auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
     if (text.empty() || error != std::errc() || end != text.data() + text.size() ||
@@ -82,43 +71,72 @@ std::optional<double> parsePositiveSeconds(std::string_view text) {
     return seconds;
 }
 
-support::Result<Options> parseOptions(const std::vector<std::string_view>& arguments) {
+// The options as typed, before they are checked together.
+struct Typed {
+    std::string plugin;
+    std::string idleInterval;
+    std::string webListen;
+    bool noWeb = false;
+    std::int64_t benchIdle = 0;
+};
+
+void addOptions(CLI::App& app, Options& options, Typed& typed) {
+    app.add_option("--plugin", typed.plugin,
+                   "the plug-in module to load; else $VELNOR_PLUGIN, else the one installed "
+                   "with velnord")
+        ->type_name("PATH")
+        ->check([](const std::string& value) {
+            return value.empty() ? std::string("needs a path") : std::string();
+        });
+    app.add_option("--idle-interval", typed.idleInterval,
+                   "seconds between idle ticks (default 10; a fraction is allowed)")
+        ->type_name("SECONDS")
+        ->check([](const std::string& value) {
+            return secondsIn(value) ? std::string()
+                                    : std::string("needs seconds above 0, at most a day");
+        });
+    app.add_flag("--foreground", options.foreground,
+                 "also print every log message on standard error");
+    CLI::Option* listen =
+        app.add_option("--web-listen", typed.webListen,
+                       "serve the web console there (default 127.0.0.1:8471); the address with "
+                       "its access token: velnor web-url")
+            ->type_name("ADDR:PORT");
+    app.add_flag("--no-web", typed.noWeb, "no web console")->excludes(listen);
+    app.add_option("--bench-idle", typed.benchIdle)->group("")->check(CLI::PositiveNumber);
+}
+
+support::Result<Options> parseOptions(int argc, char** argv) {
     Options options;
-    for (std::size_t index = 0; index < arguments.size(); ++index) {
-        std::string_view argument = arguments[index];
-        bool hasValue = index + 1 < arguments.size();
-        if (argument == "--help" || argument == "-h") {
-            options.help = true;
-        } else if (argument == "--foreground") {
-            options.foreground = true;
-        } else if (argument == "--no-web") {
-            options.web.reset();
-        } else if (argument == "--web-listen" && hasValue) {
-            support::Result<WebListen> listen = parseWebListen(arguments[++index]);
-            if (!listen) {
-                return listen.failure();
-            }
-            options.web = *listen;
-        } else if (argument == "--plugin" && hasValue && !arguments[index + 1].empty()) {
-            options.pluginPath = std::string(arguments[++index]);
-        } else if (argument == "--idle-interval" && hasValue) {
-            std::optional<double> seconds = parsePositiveSeconds(arguments[++index]);
-            if (!seconds) {
-                return support::Failure{EINVAL, "--idle-interval needs seconds above 0"};
-            }
-            options.idleInterval = std::chrono::duration<double>(*seconds);
-        } else if (argument == "--bench-idle" && hasValue) {
-            std::string_view text = arguments[++index];
-            std::int64_t ticks = 0;
-            auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), ticks);
-            if (error != std::errc() || end != text.data() + text.size() || ticks <= 0) {
-                return support::Failure{EINVAL, "--bench-idle needs a count above 0"};
-            }
-            options.benchIdleTicks = ticks;
-        } else {
-            return support::Failure{EINVAL,
-                                    "unexpected argument \"" + std::string(argument) + "\""};
+    Typed typed;
+    CLI::App app(kDescription, "velnord");
+    app.footer(kFooter);
+    addOptions(app, options, typed);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        options.help = app.help();
+        return options;
+    } catch (const CLI::ParseError& error) {
+        return support::Failure{EINVAL, error.what()};
+    }
+    if (!typed.plugin.empty()) {
+        options.pluginPath = typed.plugin;
+    }
+    if (!typed.idleInterval.empty()) {
+        options.idleInterval = std::chrono::duration<double>(*secondsIn(typed.idleInterval));
+    }
+    if (typed.noWeb) {
+        options.web.reset();
+    } else if (!typed.webListen.empty()) {
+        support::Result<WebListen> listen = parseWebListen(typed.webListen);
+        if (!listen) {
+            return listen.failure();
         }
+        options.web = *listen;
+    }
+    if (typed.benchIdle > 0) {
+        options.benchIdleTicks = typed.benchIdle;
     }
     return options;
 }
@@ -288,15 +306,14 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
     using namespace velnor::host;
-    std::vector<std::string_view> arguments(argv + 1, argv + argc);
-    velnor::support::Result<Options> options = parseOptions(arguments);
+    velnor::support::Result<Options> options = parseOptions(argc, argv);
     if (!options) {
         complain(options.message());
-        std::fputs(kUsage.data(), stderr);
+        std::fputs("Try velnord --help.\n", stderr);
         return kExitUsage;
     }
     if (options->help) {
-        std::fputs(kHelp.data(), stdout);
+        std::fputs(options->help->c_str(), stdout);
         return kExitNormal;
     }
     return run(*options);
