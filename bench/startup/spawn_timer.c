@@ -43,8 +43,9 @@ static double runOnce(struct Kind* kind, int null) {
     double began = nowMs();
     pid_t child = vfork();
     if (child == 0) {
-        if (kind->asAccount && (setgroups(0, NULL) != 0 || setresgid(kind->uid, kind->uid, kind->uid) != 0 ||
-                                setresuid(kind->uid, kind->uid, kind->uid) != 0)) {
+        if (kind->asAccount &&
+            (setgroups(0, NULL) != 0 || setresgid(kind->uid, kind->uid, kind->uid) != 0 ||
+             setresuid(kind->uid, kind->uid, kind->uid) != 0)) {
             _exit(126);
         }
         dup2(null, STDOUT_FILENO);

@@ -373,7 +373,8 @@ static int parseReply(const unsigned char* bytes, size_t size, struct Reply* rep
             !readText(&plist, key, name, sizeof name)) {
             return 0;
         }
-        if (strcmp(name, "kind") == 0 && !readText(&plist, value, reply->kind, sizeof reply->kind)) {
+        if (strcmp(name, "kind") == 0 &&
+            !readText(&plist, value, reply->kind, sizeof reply->kind)) {
             return 0;
         }
         if (strcmp(name, "error") == 0 &&
@@ -394,8 +395,7 @@ static int connectToDaemon(void) {
     int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     struct sockaddr_un address = {.sun_family = AF_UNIX};
     memcpy(address.sun_path, kSocketPath, sizeof kSocketPath);
-    if (connection >= 0 &&
-        connect(connection, (struct sockaddr*)&address, sizeof address) != 0) {
+    if (connection >= 0 && connect(connection, (struct sockaddr*)&address, sizeof address) != 0) {
         close(connection);
         return -1;
     }
@@ -416,7 +416,9 @@ static int sendRequest(int connection, const struct Buffer* frame) {
         struct cmsghdr align;
     } control;
     struct iovec part = {frame->bytes, frame->size};
-    struct msghdr message = {.msg_iov = &part, .msg_iovlen = 1, .msg_control = control.buffer,
+    struct msghdr message = {.msg_iov = &part,
+                             .msg_iovlen = 1,
+                             .msg_control = control.buffer,
                              .msg_controllen = sizeof control.buffer};
     struct cmsghdr* header = CMSG_FIRSTHDR(&message);
     header->cmsg_level = SOL_SOCKET;

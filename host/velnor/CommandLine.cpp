@@ -12,7 +12,7 @@ constexpr std::string_view kDescription =
     "velnor loads the service plug-in and runs one of its operations: the friendly verbs print\n"
     "the answer in a short human form (JSON with --json), `call` runs any operation by its name\n"
     "and prints the response as an XML property list. Options may stand before or after the\n"
-    "verb. When velnord answers on /run/velnor/velnord.sock, the call is sent there.";
+    "verb. When velnord answers on /run/velnor/velnord.sock, it runs the command.";
 
 constexpr std::string_view kFooter =
     "Exit status:\n"

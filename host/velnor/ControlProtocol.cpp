@@ -113,10 +113,10 @@ support::Status writeFrame(int descriptor, const PlistDictionary& message) {
     return {};
 }
 
-support::Result<PlistDictionary> readFrame(int descriptor,
-                                          std::vector<support::UniqueFd>* passed) {
+support::Result<PlistDictionary> readFrame(int descriptor, std::vector<support::UniqueFd>* passed) {
     std::array<unsigned char, kLengthBytes> prefix{};
-    ssize_t count = readExactly(descriptor, reinterpret_cast<char*>(prefix.data()), kLengthBytes, passed);
+    ssize_t count =
+        readExactly(descriptor, reinterpret_cast<char*>(prefix.data()), kLengthBytes, passed);
     if (count < 0) {
         return support::couldNot("read a frame from", "the control socket", errno);
     }

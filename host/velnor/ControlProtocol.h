@@ -49,10 +49,11 @@ std::optional<OperationStyle> styleNamed(std::string_view name);
 support::Status writeFrame(int descriptor, const PlistDictionary& message);
 
 // Reads one frame, with the descriptors that came along with it in passed (at most
-// kMostPassedDescriptors; any other is closed, as all are when passed is nullptr). Fails with error() ENODATA when the peer closed before a frame began; EPROTO
-// for a truncated frame, one longer than kMaxFrameBytes, or one that holds no dictionary.
+// kMostPassedDescriptors; any other is closed, as all are when passed is nullptr). Fails with
+// error() ENODATA when the peer closed before a frame began; EPROTO for a truncated frame, one
+// longer than kMaxFrameBytes, or one that holds no dictionary.
 support::Result<PlistDictionary> readFrame(int descriptor,
-                                          std::vector<support::UniqueFd>* passed = nullptr);
+                                           std::vector<support::UniqueFd>* passed = nullptr);
 
 // The request that calls operation with argument, which fits the operation's style.
 PlistDictionary callRequest(const std::string& operation, const OperationArgument& argument);

@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <span>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>

@@ -129,8 +129,8 @@ Result<UniqueFd> listenOnControlSocket(const std::string& path) {
     return bindSocket(folder->get(), path);
 }
 
-ControlServer::ControlServer(const PluginDescriptor& plugin, std::string pluginPath,
-                             Worker& worker, UniqueFd listener)
+ControlServer::ControlServer(const PluginDescriptor& plugin, std::string pluginPath, Worker& worker,
+                             UniqueFd listener)
     : plugin_(plugin),
       pluginPath_(std::move(pluginPath)),
       worker_(worker),
@@ -225,8 +225,9 @@ std::optional<ControlServer::Connection> ControlServer::nextConnection() {
         }
         std::optional<ucred> peer = peerCredentials(socket.get());
         if (!peer || peer->uid != 0) {
-            reply(socket.get(), errorReply("velnord serves root only, not uid " +
-                                           (peer ? std::to_string(peer->uid) : std::string("unknown"))));
+            reply(socket.get(),
+                  errorReply("velnord serves root only, not uid " +
+                             (peer ? std::to_string(peer->uid) : std::string("unknown"))));
             continue;
         }
         std::lock_guard lock(mutex_);
