@@ -17,7 +17,7 @@ namespace velnor::host {
 namespace {
 
 bool print(const std::string& text) {
-    return writeAll(terminal().out, text);
+    return terminal().toOut(text);
 }
 
 const std::string* textAt(const PlistValue& value, std::string_view key) {
@@ -114,7 +114,7 @@ void showLogSince(const Call& call, LogMark mark) {
         complain("the server wrote nothing to its log \"" + mark.path + "\" since the start");
     } else {
         complain("the server's log \"" + mark.path + "\" since the start:");
-        (void)writeAll(terminal().err, *lines);
+        (void)terminal().toErr(*lines);
     }
 }
 
@@ -133,21 +133,21 @@ void explainHeldStop(const Call& call) {
     }
     complain("the service is still running: the server shuts down once these clients end");
     for (const ClientTitle& client : clients) {
-        (void)writeAll(terminal().err, "  pid " + std::to_string(client.pid) + "  database " +
-                                           client.database + "  user " + client.user + "  " +
-                                           client.state + "\n");
+        (void)terminal().toErr("  pid " + std::to_string(client.pid) + "  database " +
+                               client.database + "  user " + client.user + "  " + client.state +
+                               "\n");
     }
 }
 
 }  // namespace
 
 void complain(const std::string& message) {
-    (void)writeAll(terminal().err, "velnor: " + message + "\n");
+    (void)terminal().toErr("velnor: " + message + "\n");
 }
 
 int usageError(const std::string& message) {
     complain(message);
-    (void)writeAll(terminal().err, usageHint());
+    (void)terminal().toErr(usageHint());
     return kExitUsage;
 }
 

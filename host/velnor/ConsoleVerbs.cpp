@@ -50,7 +50,7 @@ int printWebUrl() {
         complain(url.message() + " (does velnord run with its web console?)");
         return kExitUnavailable;
     }
-    (void)writeAll(terminal().out, *url + "\n");
+    (void)terminal().toOut(*url + "\n");
     return kExitNormal;
 }
 
@@ -97,11 +97,11 @@ int checkSettingsCommand(const std::vector<std::string>& settings, bool json) {
         if (json) {
             list.push_back(verdictValue(verdict));
         } else {
-            (void)writeAll(terminal().out, verdictLine(verdict) + "\n");
+            (void)terminal().toOut(verdictLine(verdict) + "\n");
         }
     }
     if (json) {
-        (void)writeAll(terminal().out, toJson(PlistValue(std::move(list))) + "\n");
+        (void)terminal().toOut(toJson(PlistValue(std::move(list))) + "\n");
     }
     return refused ? kExitErrorResponse : kExitNormal;
 }

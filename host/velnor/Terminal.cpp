@@ -1,6 +1,7 @@
 #include "Terminal.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,24 +13,11 @@ namespace {
 thread_local const Terminal* current = nullptr;
 
 const Terminal& processTerminal() {
-    static const Terminal own{STDOUT_FILENO, STDERR_FILENO, STDIN_FILENO, AT_FDCWD, getpid()};
+    static const Terminal own{STDOUT_FILENO, STDERR_FILENO, STDIN_FILENO, AT_FDCWD, getpid(), -1};
     return own;
 }
 
-}  // namespace
-
-const Terminal& terminal() {
-    return current != nullptr ? *current : processTerminal();
-}
-
-TerminalScope::TerminalScope(const Terminal& terminal) : previous_(current) {
-    current = &terminal;
-}
-
-TerminalScope::~TerminalScope() {
-    current = previous_;
-}
-
+// Writes all of text to descriptor: the output never waits in a buffer.
 bool writeAll(int descriptor, std::string_view text) {
     while (!text.empty()) {
         ssize_t count = ::write(descriptor, text.data(), text.size());
@@ -44,13 +32,50 @@ bool writeAll(int descriptor, std::string_view text) {
     return true;
 }
 
+// True once the client at the other end of connection has closed it.
+bool hasGone(int connection) {
+    pollfd watched{connection, POLLRDHUP, 0};
+    return connection >= 0 && poll(&watched, 1, 0) == 1 &&
+           (watched.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+}
+
+}  // namespace
+
+bool Terminal::toOut(std::string_view text) const {
+    if (hasGone(connection)) {
+        errno = EPIPE;
+        return false;
+    }
+    return writeAll(out, text);
+}
+
+bool Terminal::toErr(std::string_view text) const {
+    if (hasGone(connection)) {
+        errno = EPIPE;
+        return false;
+    }
+    return writeAll(err, text);
+}
+
+const Terminal& terminal() {
+    return current != nullptr ? *current : processTerminal();
+}
+
+TerminalScope::TerminalScope(const Terminal& terminal) : previous_(current) {
+    current = &terminal;
+}
+
+TerminalScope::~TerminalScope() {
+    current = previous_;
+}
+
 void printLogMessage(const Terminal& terminal, std::string_view message) {
     std::string line = "velnor[" + std::to_string(terminal.pid) + "]: ";
     line += message;
     if (!line.ends_with('\n')) {
         line += '\n';
     }
-    (void)writeAll(terminal.err, line);
+    (void)terminal.toErr(line);
 }
 
 }  // namespace velnor::host

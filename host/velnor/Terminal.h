@@ -18,6 +18,14 @@ struct Terminal {
     int workingFolder = -1;
     // The process named in the plug-in's messages, "velnor[PID]: ...".
     pid_t pid = 0;
+    // In velnord, the client's connection: once the client has gone, nothing more is written
+    // to its descriptors (its terminal may be someone else's by then), while the command runs
+    // on to its end.
+    int connection = -1;
+
+    // Write all of text to standard output or error; false, with errno set, when it cannot.
+    bool toOut(std::string_view text) const;
+    bool toErr(std::string_view text) const;
 };
 
 // The terminal of the command that this thread runs: the process's own unless a TerminalScope
@@ -35,10 +43,6 @@ class TerminalScope {
   private:
     const Terminal* previous_;
 };
-
-// Writes all of text to descriptor, which the command's output never waits on a buffer for;
-// false, with errno set, when it cannot.
-bool writeAll(int descriptor, std::string_view text);
 
 // Prints a log message of the plug-in as the in-process host's log prints it on standard error.
 void printLogMessage(const Terminal& terminal, std::string_view message);

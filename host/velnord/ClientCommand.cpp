@@ -71,8 +71,12 @@ std::optional<int> runClientCommand(const ClientCommand& client, const PluginDes
     if (parsed && (parsed->direct || !asksForOwnPlugin(*parsed, client, pluginPath))) {
         return std::nullopt;
     }
-    const Terminal own{client.descriptors[1].get(), client.descriptors[2].get(),
-                       client.descriptors[0].get(), client.descriptors[3].get(), client.pid};
+    const Terminal own{client.descriptors[1].get(),
+                       client.descriptors[2].get(),
+                       client.descriptors[0].get(),
+                       client.descriptors[3].get(),
+                       client.pid,
+                       client.connection};
     TerminalScope scope(own);
     if (!parsed) {
         return usageError(parsed.message());

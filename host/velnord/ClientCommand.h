@@ -24,6 +24,8 @@ struct ClientCommand {
     // Standard input, output and error, then the working folder.
     std::vector<support::UniqueFd> descriptors;
     pid_t pid = 0;
+    // The connection it came on.
+    int connection = -1;
 };
 
 inline constexpr std::size_t kClientDescriptors = 4;

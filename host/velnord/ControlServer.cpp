@@ -295,7 +295,8 @@ bool ControlServer::answerCommandLine(const Connection& connection, const PlistD
                                  "folder"));
         return false;
     }
-    ClientCommand client{std::move(*arguments), std::nullopt, std::move(passed), connection.peer};
+    ClientCommand client{std::move(*arguments), std::nullopt, std::move(passed), connection.peer,
+                         socket};
     if (const PlistValue* plugin = request.find("plugin")) {
         const std::string* path = plugin->asData() ? plugin->asData() : plugin->asString();
         client.pluginFromEnvironment = path ? std::optional<std::string>(*path) : std::nullopt;
