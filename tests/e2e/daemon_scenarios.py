@@ -174,10 +174,12 @@ print(b"serves root only" in data, client.recv(1) == b"")"""])
     def test_a_command_line_runs_in_the_daemon_with_the_clients_folder_and_input(self):
         self.start_daemon()
         folder = tempfile.mkdtemp()
-        with open(os.path.join(folder, "request.plist"), "wb") as file:
+        # A name past 15 bytes and not ASCII: the client sends each argument as the bytes it got.
+        name = "requête d'un client.plist"
+        with open(os.path.join(folder, name), "wb") as file:
             plistlib.dump({}, file)
         call = [self.host.velnor, "--plugin", self.host.plugin, "call", "getStateWithRequest"]
-        by_path = subprocess.run([*call, "request.plist"], cwd=folder, capture_output=True)
+        by_path = subprocess.run([*call, name], cwd=folder, capture_output=True)
         self.assertEqual((by_path.returncode, plistlib.loads(by_path.stdout)), (0, {"state": "STOPPED"}),
                          by_path.stderr)
         by_input = subprocess.run([*call, "-"], input=plistlib.dumps({}), capture_output=True)
