@@ -45,17 +45,23 @@ Worker::~Worker() {
 std::optional<Outcome> Worker::call(const HostOperation& operation, OperationArgument argument,
                                     std::function<void(int, const std::string&)> relay) {
     std::future<std::optional<Outcome>> done;
+    bool next = false;
     {
         std::lock_guard lock(mutex_);
         if (stopping_) {
             return std::nullopt;
         }
+        // A call that finds the worker idle runs at once; one that queues behind others waits
+        // asleep, so that the waiting callers never take the worker's processor from it.
+        next = queue_.empty() && !running_;
         queue_.push_back(
             Job{&operation, std::move(argument), std::move(relay), Clock::now(), {}, 0, {}});
         done = queue_.back().done.get_future();
     }
     wake_.notify_one();
-    awaitBriefly(done);
+    if (next) {
+        awaitBriefly(done);
+    }
     return done.get();
 }
 
@@ -146,6 +152,7 @@ void Worker::loop() {
         }
         Job job = std::move(queue_.front());
         queue_.pop_front();
+        running_ = true;
         lock.unlock();
         if (job.operation == nullptr) {
             runTicks(job);
@@ -153,6 +160,7 @@ void Worker::loop() {
             runJob(job);
         }
         lock.lock();
+        running_ = false;
     }
     // Calls that never had their turn are told so; their clients hear that the daemon stops.
     for (Job& job : queue_) {

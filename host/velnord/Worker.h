@@ -105,6 +105,8 @@ class Worker {
     std::condition_variable wake_;
     std::deque<Job> queue_;
     bool stopping_ = false;
+    // A call from the queue is running.
+    bool running_ = false;
     Clock::time_point nextTick_;
     // The earliest end of a pending stop's ExitTimeOut; set and read only with the mutex held.
     std::optional<StopDeadline> stopDeadline_;
