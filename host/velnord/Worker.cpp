@@ -13,13 +13,33 @@ constexpr std::chrono::seconds kStopRetry{1};
 
 // Watches for a short call's end before sleeping on it: on this kind of machine, putting a
 // thread to sleep and waking it costs more than a state report itself.
-template <typename Value>
-void awaitBriefly(const std::future<Value>& done) {
+void awaitBriefly(const std::atomic<bool>& ended) {
     constexpr auto kWatched = std::chrono::microseconds(300);
     const auto until = std::chrono::steady_clock::now() + kWatched;
-    while (done.wait_for(std::chrono::seconds(0)) != std::future_status::ready &&
-           std::chrono::steady_clock::now() < until) {
+    while (!ended.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < until) {
         __builtin_ia32_pause();
+    }
+}
+
+// Passes the call's messages to relay as they come, until the worker has closed the mailbox.
+void deliver(Worker::Mailbox& mailbox, const std::function<void(int, const std::string&)>& relay) {
+    std::unique_lock lock(mailbox.mutex);
+    for (;;) {
+        mailbox.changed.wait(lock,
+                             [&mailbox] { return mailbox.closed || !mailbox.messages.empty(); });
+        std::deque<std::pair<int, std::string>> taken;
+        taken.swap(mailbox.messages);
+        const bool closed = mailbox.closed;
+        lock.unlock();
+        for (const auto& [priority, message] : taken) {
+            if (relay) {
+                relay(priority, message);
+            }
+        }
+        if (closed) {
+            return;
+        }
+        lock.lock();
     }
 }
 
@@ -45,6 +65,7 @@ Worker::~Worker() {
 std::optional<Outcome> Worker::call(const HostOperation& operation, OperationArgument argument,
                                     std::function<void(int, const std::string&)> relay) {
     std::future<std::optional<Outcome>> done;
+    auto mailbox = std::make_shared<Mailbox>();
     bool next = false;
     {
         std::lock_guard lock(mutex_);
@@ -54,14 +75,14 @@ std::optional<Outcome> Worker::call(const HostOperation& operation, OperationArg
         // A call that finds the worker idle runs at once; one that queues behind others waits
         // asleep, so that the waiting callers never take the worker's processor from it.
         next = queue_.empty() && !running_;
-        queue_.push_back(
-            Job{&operation, std::move(argument), std::move(relay), Clock::now(), {}, 0, {}});
+        queue_.push_back(Job{&operation, std::move(argument), mailbox, Clock::now(), {}, 0, {}});
         done = queue_.back().done.get_future();
     }
     wake_.notify_one();
     if (next) {
-        awaitBriefly(done);
+        awaitBriefly(mailbox->ended);
     }
+    deliver(*mailbox, relay);
     return done.get();
 }
 
@@ -85,9 +106,26 @@ WorkerCounts Worker::counts() const {
 }
 
 void Worker::relay(int priority, const std::string& message) {
-    if (currentRelay_) {
-        currentRelay_(priority, message);
+    if (currentMailbox_) {
+        currentMailbox_->post(priority, message);
     }
+}
+
+void Worker::Mailbox::post(int priority, const std::string& message) {
+    {
+        std::lock_guard lock(mutex);
+        messages.emplace_back(priority, message);
+    }
+    changed.notify_one();
+}
+
+void Worker::Mailbox::close() {
+    {
+        std::lock_guard lock(mutex);
+        closed = true;
+    }
+    ended.store(true, std::memory_order_release);
+    changed.notify_one();
 }
 
 void Worker::stop() {
@@ -168,6 +206,7 @@ void Worker::loop() {
             job.ticked.set_value(std::nullopt);
         } else {
             job.done.set_value(std::nullopt);
+            job.mailbox->close();
         }
     }
     queue_.clear();
@@ -203,13 +242,14 @@ void Worker::runTicks(Job& job) {
 }
 
 void Worker::runJob(Job& job) {
-    currentRelay_ = std::move(job.relay);
+    currentMailbox_ = job.mailbox;
     Outcome outcome = enterPlugin(*job.operation, job.argument);
-    currentRelay_ = nullptr;
+    currentMailbox_ = nullptr;
     if (report_) {
         report_(job.operation->name);
     }
     job.done.set_value(std::move(outcome));
+    job.mailbox->close();
     // A stop, restart or settings change may have asked the job to stop.
     learnStopDeadline({});
 }

@@ -9,10 +9,12 @@
 #include <deque>
 #include <functional>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Invocation.h"
@@ -51,11 +53,12 @@ class Worker {
     Worker& operator=(const Worker&) = delete;
 
     // Runs the call in its turn and waits for it; log messages that the plug-in emits meanwhile
-    // go to relay (on the worker's thread). Nothing when the worker stopped before its turn.
+    // go to relay as they come, on the caller's thread, so that the worker never waits on a
+    // client. Nothing when the worker stopped before its turn.
     std::optional<Outcome> call(const HostOperation& operation, OperationArgument argument,
                                 std::function<void(int, const std::string&)> relay);
 
-    // Passes a log message to the relay of the call running now, if any; on the worker's thread.
+    // Hands a log message to the caller of the call running now, if any; on the worker's thread.
     void relay(int priority, const std::string& message);
 
     // Runs count idle ticks back to back in the worker's turn, as the interval would run them,
@@ -68,11 +71,24 @@ class Worker {
     // Lets the running call or tick finish, drops the calls still waiting, and ends the thread.
     void stop();
 
+    // The log messages of one call on their way from the worker to its caller.
+    struct Mailbox {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::deque<std::pair<int, std::string>> messages;
+        bool closed = false;
+        // closed, for a caller that watches without the mutex.
+        std::atomic<bool> ended{false};
+
+        void post(int priority, const std::string& message);
+        void close();
+    };
+
   private:
     struct Job {
         const HostOperation* operation;  // nullptr for a run of ticks
         OperationArgument argument;
-        std::function<void(int, const std::string&)> relay;
+        std::shared_ptr<Mailbox> mailbox;
         Clock::time_point arrived;
         std::promise<std::optional<Outcome>> done;
         std::int64_t ticks = 0;
@@ -115,7 +131,7 @@ class Worker {
     std::atomic<int> inside_{0};
     // Touched only by the worker's thread.
     std::int32_t idleCount_ = 0;
-    std::function<void(int, const std::string&)> currentRelay_;
+    std::shared_ptr<Mailbox> currentMailbox_;
     std::thread thread_;
 };
 
