@@ -158,6 +158,16 @@ std::optional<int> answerWithoutPlugin(const Command& command) {
     return runConsoleVerb(command);
 }
 
+support::Result<const HostOperation*> operationTaking(const PluginDescriptor& plugin,
+                                                      const std::string& name,
+                                                      const OperationArgument& argument) {
+    const HostOperation* operation = findOperation(plugin, name);
+    if (operation == nullptr || !argumentFitsStyle(operation->style, argument)) {
+        return support::Failure{EINVAL, "the plug-in cannot answer " + name};
+    }
+    return operation;
+}
+
 std::optional<PreparedCall> prepareCall(const Command& command, const PluginDescriptor& plugin,
                                         int* status) {
     const HostOperation* operation = findOperation(plugin, command.operation);

@@ -43,6 +43,12 @@ struct PreparedCall {
 std::optional<PreparedCall> prepareCall(const Command& command, const PluginDescriptor& plugin,
                                         int* status);
 
+// The plug-in's operation of that name when it takes an argument of this kind; fails with EINVAL
+// otherwise, as every way of calling it tells a verb's further calls.
+support::Result<const HostOperation*> operationTaking(const PluginDescriptor& plugin,
+                                                      const std::string& name,
+                                                      const OperationArgument& argument);
+
 // One call of an operation: in this process under the host lock that the run holds, or in the
 // daemon. Fails with EINVAL when the plug-in cannot answer it.
 using Call = std::function<support::Result<Outcome>(const std::string& operation,

@@ -74,14 +74,14 @@ int runInProcess(const Command& command) {
     Call call = [&plugin, &initialized](
                     const std::string& name,
                     const OperationArgument& argument) -> support::Result<Outcome> {
-        const HostOperation* operation = findOperation(plugin, name);
-        if (operation == nullptr || !argumentFitsStyle(operation->style, argument)) {
-            return support::Failure{EINVAL, "the plug-in cannot answer " + name};
+        support::Result<const HostOperation*> operation = operationTaking(plugin, name, argument);
+        if (!operation) {
+            return operation.failure();
         }
         if (!std::exchange(initialized, true)) {
-            return runOperation(plugin, *operation, argument);
+            return runOperation(plugin, **operation, argument);
         }
-        return callWithNewHandler(plugin, *operation, argument);
+        return callWithNewHandler(plugin, **operation, argument);
     };
     return conclude(command, prepared->argument, call);
 }

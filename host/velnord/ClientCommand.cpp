@@ -49,11 +49,11 @@ int runOperation(const Command& command, const PluginDescriptor& plugin, Worker&
     Call call = [&plugin, &worker, &relay](
                     const std::string& name,
                     const OperationArgument& argument) -> support::Result<Outcome> {
-        const HostOperation* operation = findOperation(plugin, name);
-        if (operation == nullptr || !argumentFitsStyle(operation->style, argument)) {
-            return support::Failure{EINVAL, "the plug-in cannot answer " + name};
+        support::Result<const HostOperation*> operation = operationTaking(plugin, name, argument);
+        if (!operation) {
+            return operation.failure();
         }
-        std::optional<Outcome> outcome = worker.call(*operation, argument, relay);
+        std::optional<Outcome> outcome = worker.call(**operation, argument, relay);
         if (!outcome) {
             return support::Failure{ECANCELED, "velnord is stopping; the call was not run"};
         }

@@ -93,6 +93,11 @@ std::optional<ucred> peerCredentials(int socket) {
     return credentials;
 }
 
+// The bytes of a string or data value; nullptr for any other kind.
+const std::string* bytesOf(const PlistValue& value) {
+    return value.asData() != nullptr ? value.asData() : value.asString();
+}
+
 // The arguments of a command-line request: each a string or, as velnor sends them, the bytes
 // it was given. Nothing when the request's "run" is not such an array.
 std::optional<std::vector<std::string>> argumentsOf(const PlistValue& run) {
@@ -102,7 +107,7 @@ std::optional<std::vector<std::string>> argumentsOf(const PlistValue& run) {
     }
     std::vector<std::string> arguments;
     for (const PlistValue& argument : *array) {
-        const std::string* text = argument.asData() ? argument.asData() : argument.asString();
+        const std::string* text = bytesOf(argument);
         if (text == nullptr) {
             return std::nullopt;
         }
@@ -209,6 +214,20 @@ void ControlServer::acceptConnections() {
     }
 }
 
+// Counts one more client served, unless as many as may be are served already; the last waiting
+// thread leaves one behind, so that the next client is answered too.
+bool ControlServer::takeOn() {
+    std::lock_guard lock(mutex_);
+    if (busy_ >= kMostConnections) {
+        return false;
+    }
+    ++busy_;
+    if (--waiting_ == 0) {
+        addAcceptor();
+    }
+    return true;
+}
+
 // The next connection of root's that this thread serves; nothing when the daemon stops
 // accepting (the thread no longer counts as waiting then).
 std::optional<ControlServer::Connection> ControlServer::nextConnection() {
@@ -230,18 +249,12 @@ std::optional<ControlServer::Connection> ControlServer::nextConnection() {
                              (peer ? std::to_string(peer->uid) : std::string("unknown"))));
             continue;
         }
-        std::lock_guard lock(mutex_);
-        if (busy_ >= kMostConnections) {
-            reply(socket.get(), errorReply("velnord serves " + std::to_string(kMostConnections) +
-                                           " clients already; try again later"));
-            continue;
+        if (takeOn()) {
+            return Connection{std::move(socket), peer->pid};
         }
-        ++busy_;
-        // The last waiting thread leaves one behind, so that the next client is answered too.
-        if (--waiting_ == 0) {
-            addAcceptor();
-        }
-        return Connection{std::move(socket), peer->pid};
+        // Told outside the lock: a client that reads nothing must not hold up the others.
+        reply(socket.get(), errorReply("velnord serves " + std::to_string(kMostConnections) +
+                                       " clients already; try again later"));
     }
     std::lock_guard lock(mutex_);
     --waiting_;
@@ -298,7 +311,7 @@ bool ControlServer::answerCommandLine(const Connection& connection, const PlistD
     ClientCommand client{std::move(*arguments), std::nullopt, std::move(passed), connection.peer,
                          socket};
     if (const PlistValue* plugin = request.find("plugin")) {
-        const std::string* path = plugin->asData() ? plugin->asData() : plugin->asString();
+        const std::string* path = bytesOf(*plugin);
         client.pluginFromEnvironment = path ? std::optional<std::string>(*path) : std::nullopt;
     }
     std::optional<int> status = runClientCommand(client, plugin_, pluginPath_, worker_);

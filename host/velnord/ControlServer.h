@@ -52,6 +52,7 @@ class ControlServer {
     void addAcceptor();
     void acceptConnections();
     std::optional<Connection> nextConnection();
+    bool takeOn();
     void converse(Connection& connection);
     bool answer(const Connection& connection, const PlistDictionary& request,
                 std::vector<support::UniqueFd>& passed);
