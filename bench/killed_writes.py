@@ -3,7 +3,7 @@
 prints how many left the job file not whole and how many temporary files stayed once the next
 write had run.
 
-    bench/killed_writes.py --velnor build/velnor --plugin build/velnor_postgres.so [--bind DIR]
+    bench/killed_writes.py --velnor build/bin/velnor --plugin build/lib/velnor/plugins/velnor_postgres.so [--bind DIR]
         killed_writes    (VELNOR_SETTINGS_KILLS, VELNOR_MIGRATION_KILLS: counts, 1000 and 800)
 """
 

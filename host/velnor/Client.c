@@ -36,8 +36,8 @@ static const char kDirectName[] = "velnor-direct";
 
 // ---- Running in this process instead ------------------------------------------------------
 
-// The in-process host that belongs with this program: beside it in a build folder (marked by
-// velnor-build-tree, which is never installed), else where the install put it.
+// The in-process host that belongs with this program, where the install puts it (the build folder
+// lays the programs out the same way).
 static void directHostPath(char* path, size_t size) {
     char program[PATH_MAX];
     ssize_t length = readlink("/proc/self/exe", program, sizeof program - 1);
@@ -48,11 +48,6 @@ static void directHostPath(char* path, size_t size) {
     program[length] = '\0';
     char* folderEnd = strrchr(program, '/');
     *folderEnd = '\0';
-    snprintf(path, size, "%s/velnor-build-tree", program);
-    if (access(path, F_OK) == 0) {
-        snprintf(path, size, "%s/%s", program, kDirectName);
-        return;
-    }
     // Each leading "../" of the installed relative path takes one name off the folder.
     const char* relative = VELNOR_DIRECT_FROM_PROGRAM;
     while (strncmp(relative, "../", 3) == 0 && (folderEnd = strrchr(program, '/')) != NULL) {

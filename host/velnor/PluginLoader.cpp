@@ -58,20 +58,12 @@ std::string choosePluginPath(const std::optional<std::string>& option, const cha
 }
 
 std::string bundledPluginPath(std::string_view fromProgramFolder) {
-    return bundledPath("velnor_postgres.so", fromProgramFolder);
-}
-
-std::string bundledPath(std::string_view builtName, std::string_view fromProgramFolder) {
     std::error_code error;
     const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
     if (error) {
         return {};
     }
-    const std::filesystem::path folder = program.parent_path();
-    if (std::filesystem::exists(folder / "velnor-build-tree", error)) {
-        return folder / builtName;
-    }
-    return (folder / fromProgramFolder).lexically_normal();
+    return (program.parent_path() / fromProgramFolder).lexically_normal();
 }
 
 support::Status checkDescriptor(const PluginDescriptor& descriptor) {

@@ -17,13 +17,9 @@ namespace velnor::host {
 std::string choosePluginPath(const std::optional<std::string>& option, const char* environment,
                              std::string_view fromProgramFolder);
 
-// A module that belongs with the running program (/proc/self/exe): in a build folder (marked
-// by a velnor-build-tree file beside the program) the file builtName built there, else the one
-// installed at fromProgramFolder, a path relative to the program's folder. Empty when the
-// program's own path cannot be read.
-std::string bundledPath(std::string_view builtName, std::string_view fromProgramFolder);
-
-// The plug-in module that belongs with the running program (bundledPath).
+// The plug-in module that belongs with the running program (/proc/self/exe): the one at
+// fromProgramFolder, a path relative to the program's folder, which the build folder lays out as
+// the install does. Empty when the program's own path cannot be read.
 std::string bundledPluginPath(std::string_view fromProgramFolder);
 
 // Fails, with the reason alone as its message, when the host cannot use the descriptor:

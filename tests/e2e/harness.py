@@ -438,6 +438,11 @@ def run_tests(case, name):
     return 0 if result.wasSuccessful() else 1
 
 
+def velnord_beside(velnor):
+    """The daemon built or installed with the client velnor: sbin/velnord beside its bin/."""
+    return os.path.normpath(os.path.join(os.path.dirname(velnor), "..", "sbin", "velnord"))
+
+
 def scenario_main(case, script, doc):
     """The command line of a scenario script: --list, or one scenario run inside its own sandbox."""
     parser = argparse.ArgumentParser(description=doc.split("\n\n")[0])
@@ -461,7 +466,7 @@ def scenario_main(case, script, doc):
     options = getattr(case, "test_" + arguments.name).sandbox_options
     if os.environ.get("VELNOR_E2E_DAEMON"):
         # The same scenario with velnor as the client of a velnord that serves the same plug-in.
-        os.environ["VELNORD"] = os.path.join(os.path.dirname(arguments.velnor), "velnord")
+        os.environ["VELNORD"] = velnord_beside(arguments.velnor)
         os.environ["VELNOR_PLUGIN"] = arguments.plugin
         options = ("--daemon", *options)
     return run_in_sandbox(options,

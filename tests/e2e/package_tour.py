@@ -3,6 +3,7 @@
 installed programs, the manual pages and the completion of the verbs."""
 
 import os
+import shutil
 import subprocess
 import sys
 
@@ -55,24 +56,34 @@ class InstalledPackage(harness.ScenarioCase):
 
     @sandbox()
     def test_installed_tree_runs_from_anywhere(self):
-        build = os.path.dirname(self.host.velnor)
-        status, out, err = run(["cmake", "--install", build, "--prefix", "/opt/velnor"])
-        self.assertEqual(status, 0, out + err)
-        programs = [f"/opt/velnor/{path}" for path in
-                    ["sbin/velnord", "libexec/velnor/velnor-direct", "lib/velnor/plugins/velnor_postgres.so"]]
-        # Run from the build tree too, by root in these tests: no element that means "here".
-        for program in programs + [os.path.join(build, "velnor-direct"), self.host.plugin]:
-            dynamic = run(["readelf", "-d", program])[1]
-            runpath = dynamic.split("Library runpath: [", 1)[1].split("]", 1)[0]
-            self.assertNotIn("", runpath.split(":"), f"{program}: an empty runpath element")
-        # The client needs no library, unless the sanitizers' runtimes are linked in.
-        dynamic = run(["readelf", "-d", "/opt/velnor/bin/velnor"])[1]
-        if "libasan" not in dynamic:
-            self.assertIn("There is no dynamic section", dynamic)
+        # The README's commands, word for word, in a copy of the sources with no build folder:
+        # nothing that another build did may help the install.
+        source = "/tmp/velnor-postgres"
+        shutil.copytree(harness.PROJECT, source, ignore=shutil.ignore_patterns(".git", "build*"))
+        for command in ("cmake -S . -B build && cmake --build build -j2",
+                        "cmake --install build --prefix /opt/velnor",
+                        "cmake --build build --target install"):
+            done = subprocess.run(["bash", "-c", command], capture_output=True, text=True, cwd=source)
+            self.assertEqual(done.returncode, 0, f"{command}: {done.stdout[-4000:]}{done.stderr}")
         environment = {key: value for key, value in os.environ.items() if key != "VELNOR_PLUGIN"}
-        done = subprocess.run(["/opt/velnor/bin/velnor", "--version"], capture_output=True,
-                              text=True, cwd="/tmp", env=environment)
-        self.assertEqual((done.returncode, done.stdout), (0, "0.1\n"), done.stderr)
+        for prefix in ("/opt/velnor", "/usr/local"):
+            programs = [f"{prefix}/{path}" for path in
+                        ["sbin/velnord", "libexec/velnor/velnor-direct", "lib/velnor/plugins/velnor_postgres.so"]]
+            # The build folder's programs are the same files, run by root in these tests: no
+            # element that means "here".
+            for program in programs + [f"{source}/build/{path}" for path in ("sbin/velnord",
+                                                                             "libexec/velnor/velnor-direct")]:
+                dynamic = run(["readelf", "-d", program])[1]
+                runpath = dynamic.split("Library runpath: [", 1)[1].split("]", 1)[0]
+                self.assertNotIn("", runpath.split(":"), f"{program}: an empty runpath element")
+            # The client needs no library; the in-process host it becomes loads the plug-in.
+            self.assertIn("There is no dynamic section", run(["readelf", "-d", f"{prefix}/bin/velnor"])[1])
+            done = subprocess.run([f"{prefix}/bin/velnor", "--version"], capture_output=True,
+                                  text=True, cwd="/tmp", env=environment)
+            self.assertEqual((done.returncode, done.stdout), (0, "0.1\n"), f"{prefix}: {done.stderr}")
+            done = subprocess.run([f"{prefix}/bin/velnor", "status"], capture_output=True,
+                                  text=True, cwd="/tmp", env=environment)
+            self.assertEqual((done.returncode, done.stdout), (3, "state: stopped\n"), f"{prefix}: {done.stderr}")
         # Without its plug-in, the installed program never reaches into the build tree.
         os.remove("/opt/velnor/lib/velnor/plugins/velnor_postgres.so")
         done = subprocess.run(["/opt/velnor/bin/velnor", "status"], capture_output=True,
@@ -86,7 +97,6 @@ class InstalledPackage(harness.ScenarioCase):
         self.assertEqual(done.returncode, 69, done.stderr)
         self.assertIn('could not run the in-process host "/opt/velnor/libexec/velnor/velnor-direct"',
                       done.stderr)
-
 
 if __name__ == "__main__":
     sys.exit(harness.scenario_main(InstalledPackage, __file__, __doc__))

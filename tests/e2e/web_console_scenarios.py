@@ -27,7 +27,7 @@ class WebConsole(harness.ScenarioCase):
     def start_console(self):
         """velnord with its console on a port of its own and a tick every second; its token."""
         self.port = free_port()
-        velnord = os.path.join(os.path.dirname(self.host.velnor), "velnord")
+        velnord = harness.velnord_beside(self.host.velnor)
         daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", "1",
                                    "--web-listen", f"127.0.0.1:{self.port}"])
         self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
