@@ -81,11 +81,10 @@ def connect():
 
 
 class Daemon:
-    def __init__(self, velnord, plugin, interval, lock=None):
+    def __init__(self, velnord, plugin, interval):
         self.log = tempfile.TemporaryFile("w+")
-        environment = {**os.environ, **({"VELNOR_LOCK_FILE": lock} if lock else {})}
         self.process = subprocess.Popen([velnord, "--plugin", plugin, "--foreground", "--no-web",
-                                         "--idle-interval", str(interval)], stderr=self.log, env=environment)
+                                         "--idle-interval", str(interval)], stderr=self.log)
         while not os.path.exists(SOCKET):
             if self.process.poll() is not None:
                 sys.exit("velnord ended before it served")
@@ -131,8 +130,7 @@ def status_runs(arguments, table):
     # velnor status does.
     accounts = {"pg_ctl": str(ACCOUNT_ID)}
     expected = {"pg_ctl": 3, "daemon": 3, "direct": 3}
-    # The daemon holds a lock of its own here, so that direct runs need not wait for it to end.
-    daemon = Daemon(arguments.velnord, arguments.plugin, 10, lock="/run/velnor/benchmark-daemon.lock")
+    daemon = Daemon(arguments.velnord, arguments.plugin, 10)
     timer = [arguments.timer, str(arguments.runs)]
     for name, command in commands.items():
         timer += [name.replace(" ", "_"), accounts.get(name, "-"), *command, "--"]

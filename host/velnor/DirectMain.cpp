@@ -29,21 +29,22 @@ std::string pluginPathFor(const Command& command) {
 }
 
 // Takes the host lock for the whole run; nothing, with the exit status in status, when it
-// cannot be had.
-std::optional<HostLock> takeHostLock(const Command& command, int* status) {
-    const std::string path = hostLockPath(std::getenv("VELNOR_LOCK_FILE"));
+// cannot be had. velnord holds it only around each of its calls, so a run waits at most for the
+// call it is making.
+std::optional<HostLock::Held> takeHostLock(const HostLock& lock, const Command& command,
+                                           int* status) {
     LockWait wait;
     wait.limit = command.lockWait;
-    wait.announce = [&path] {
-        complain("waiting for the host lock \"" + path + "\" held by another velnor");
+    wait.announce = [&lock](const std::string& holder) {
+        complain("waiting for the host lock \"" + lock.path() + "\" held by " + holder);
     };
-    support::Result<HostLock> lock = HostLock::acquire(path, wait);
-    if (!lock) {
-        complain(lock.message());
-        *status = lock.error() == ETIMEDOUT ? kExitLockBusy : kExitNoLock;
+    support::Result<HostLock::Held> held = lock.hold(wait);
+    if (!held) {
+        complain(held.message());
+        *status = held.error() == ETIMEDOUT ? kExitLockBusy : kExitNoLock;
         return std::nullopt;
     }
-    return std::move(*lock);
+    return std::move(*held);
 }
 
 // Loads the plug-in and runs the call in this process, under the host lock.
@@ -65,8 +66,13 @@ int runInProcess(const Command& command) {
     if (!prepared) {
         return status;
     }
-    std::optional<HostLock> lock = takeHostLock(command, &status);
+    support::Result<HostLock> lock = HostLock::open(hostLockPath(std::getenv("VELNOR_LOCK_FILE")));
     if (!lock) {
+        complain(lock.message());
+        return kExitNoLock;
+    }
+    std::optional<HostLock::Held> held = takeHostLock(*lock, command, &status);
+    if (!held) {
         return status;
     }
     // The class hook runs once, before the first call, as the daemon runs it once.

@@ -4,11 +4,16 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 
 namespace velnor::host {
 namespace {
@@ -46,24 +51,25 @@ std::string untrustedFileBecause(const struct stat& status) {
 
 // Opens the lock file in its folder, creating it when missing, never through a link. A file
 // that an older host left readable by all gets its mode: read access is all flock needs.
-Result<UniqueFd> openLockFile(int folder, const std::string& path) {
+Result<UniqueFd> openLockFile(int folder, const std::string& path, const std::string& lockName) {
     const std::string name = std::filesystem::path(path).filename().string();
     UniqueFd descriptor(openat(folder, name.c_str(),
                                O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                                kLockFileMode));
     if (!descriptor.valid()) {
-        return errno == ELOOP ? couldNot("open the host lock", path, "it is a symbolic link", ELOOP)
-                              : couldNot("open the host lock", path, errno);
+        return errno == ELOOP
+                   ? couldNot("open the " + lockName, path, "it is a symbolic link", ELOOP)
+                   : couldNot("open the " + lockName, path, errno);
     }
     struct stat status;
     if (fstat(descriptor.get(), &status) != 0) {
-        return couldNot("open the host lock", path, errno);
+        return couldNot("open the " + lockName, path, errno);
     }
     if (std::string reason = untrustedFileBecause(status); !reason.empty()) {
-        return couldNot("open the host lock", path, reason, EPERM);
+        return couldNot("open the " + lockName, path, reason, EPERM);
     }
     if ((status.st_mode & 07777) != kLockFileMode && fchmod(descriptor.get(), kLockFileMode) != 0) {
-        return couldNot("set the mode of the host lock", path, errno);
+        return couldNot("set the mode of the " + lockName, path, errno);
     }
     return descriptor;
 }
@@ -101,12 +107,39 @@ class WakeUpTimer {
     sigset_t previousMask_ = {};
 };
 
-Status takeLock(int descriptor, const std::string& path, const LockWait& wait) {
+// The pid in the kernel's lock table line that records a flock granted on the file dev:inode,
+// or nothing. Lines of waiters ("->") are not holders.
+std::optional<pid_t> flockHolderIn(const std::string& line, const std::string& file) {
+    std::istringstream fields(line);
+    std::string number, kind, mode, access, pid, device;
+    fields >> number >> kind >> mode >> access >> pid >> device;
+    if (kind != "FLOCK" || device != file) {
+        return std::nullopt;
+    }
+    return static_cast<pid_t>(std::strtol(pid.c_str(), nullptr, 10));
+}
+
+// The file as the kernel's lock table names it: major:minor:inode, the device numbers in hex.
+std::string lockTableName(const struct stat& status) {
+    char name[64];
+    std::snprintf(name, sizeof name, "%02x:%02x:%llu", major(status.st_dev), minor(status.st_dev),
+                  static_cast<unsigned long long>(status.st_ino));
+    return name;
+}
+
+std::string commandNameOf(pid_t pid) {
+    std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+    std::string name;
+    std::getline(comm, name);
+    return name.empty() ? "a process" : name;
+}
+
+Status takeLock(int descriptor, const HostLock& lock, const LockWait& wait) {
     if (flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
         return {};
     }
     if (errno != EWOULDBLOCK && errno != EINTR) {
-        return couldNot("take the host lock", path, errno);
+        return couldNot("take the " + lock.name(), lock.path(), errno);
     }
     const auto began = std::chrono::steady_clock::now();
     bool announced = false;
@@ -116,20 +149,20 @@ Status takeLock(int descriptor, const std::string& path, const LockWait& wait) {
         if (!announced && waited >= wait.announceAfter) {
             announced = true;
             if (wait.announce) {
-                wait.announce();
+                wait.announce(lock.holder());
             }
         }
         if (wait.limit && waited >= *wait.limit) {
             return couldNot(
-                "take the host lock", path,
-                "another velnor held it for " + std::to_string(wait.limit->count()) + " s",
+                "take the " + lock.name(), lock.path(),
+                lock.holder() + " held it for " + std::to_string(wait.limit->count()) + " s",
                 ETIMEDOUT);
         }
         if (flock(descriptor, LOCK_EX) == 0) {
             return {};
         }
         if (errno != EINTR) {
-            return couldNot("take the host lock", path, errno);
+            return couldNot("take the " + lock.name(), lock.path(), errno);
         }
     }
 }
@@ -159,21 +192,64 @@ std::string hostLockPath(const char* environment) {
     return environment != nullptr && *environment != '\0' ? environment : kDefaultHostLockPath;
 }
 
-Result<HostLock> HostLock::acquire(const std::string& path, const LockWait& wait) {
+Result<HostLock> HostLock::open(const std::string& path, std::string_view name) {
+    const std::string lockName(name);
     std::string folderPath = std::filesystem::path(path).parent_path().string();
     Result<UniqueFd> folder =
-        openRootOnlyFolder(folderPath.empty() ? "." : folderPath, "host lock folder");
+        openRootOnlyFolder(folderPath.empty() ? "." : folderPath, lockName + " folder");
     if (!folder) {
         return folder.failure();
     }
-    Result<UniqueFd> file = openLockFile(folder->get(), path);
+    Result<UniqueFd> file = openLockFile(folder->get(), path, lockName);
     if (!file) {
         return file.failure();
     }
-    if (Status locked = takeLock(file->get(), path, wait); !locked) {
+    return HostLock(std::move(*file), path, name);
+}
+
+Result<HostLock::Held> HostLock::hold(const LockWait& wait) const {
+    if (Status locked = takeLock(descriptor_.get(), *this, wait); !locked) {
         return locked.failure();
     }
-    return HostLock(std::move(*file));
+    return Held(descriptor_.get());
+}
+
+std::optional<HostLock::Held> HostLock::holdIfFree() const {
+    if (flock(descriptor_.get(), LOCK_EX | LOCK_NB) != 0) {
+        return std::nullopt;
+    }
+    return Held(descriptor_.get());
+}
+
+Result<HostLock::Held> HostLock::holdOnceFree() const {
+    while (flock(descriptor_.get(), LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            return couldNot("take the " + name_, path_, errno);
+        }
+    }
+    return Held(descriptor_.get());
+}
+
+std::string HostLock::holder() const {
+    struct stat status;
+    if (fstat(descriptor_.get(), &status) != 0) {
+        return "another process";
+    }
+    const std::string file = lockTableName(status);
+    std::ifstream table("/proc/locks");
+    for (std::string line; std::getline(table, line);) {
+        if (std::optional<pid_t> pid = flockHolderIn(line, file); pid && *pid != getpid()) {
+            return commandNameOf(*pid) + " (pid " + std::to_string(*pid) + ")";
+        }
+    }
+    return "another process";
+}
+
+void HostLock::Held::release() {
+    if (descriptor_ >= 0) {
+        flock(descriptor_, LOCK_UN);
+        descriptor_ = -1;
+    }
 }
 
 }  // namespace velnor::host

@@ -41,8 +41,14 @@ constexpr const char* kDescription =
     "to it whenever velnord answers.";
 
 constexpr const char* kFooter =
-    "velnord holds the host lock (/var/run/velnor/host.lock, or $VELNOR_LOCK_FILE) while it\n"
-    "runs. SIGTERM or SIGINT lets the running operation finish, then velnord exits 0.";
+    "velnord holds the host lock (/var/run/velnor/host.lock, or $VELNOR_LOCK_FILE) around each\n"
+    "call of the plug-in, so that velnor --direct takes its turn between two calls, and the\n"
+    "daemon lock (/run/velnor/velnord.lock) while it runs: one velnord serves at a time.\n"
+    "SIGTERM or SIGINT lets the running operation finish, then velnord exits 0.";
+
+// Held for the daemon's whole life, beside its control socket: a second velnord would take the
+// socket's name from the first.
+constexpr const char* kDaemonLockPath = "/run/velnor/velnord.lock";
 
 struct Options {
     std::optional<std::string> pluginPath;
@@ -194,11 +200,11 @@ void logCounts(const WorkerCounts& counts) {
 }
 
 // The idle tick as the daemon runs it, count times in a row, timed; nothing is served.
-int measureIdleTicks(const PluginModule& module, std::int64_t count) {
+int measureIdleTicks(const PluginModule& module, const HostLock& hostLock, std::int64_t count) {
     const PluginDescriptor& plugin = module.descriptor();
     ServiceManagerNotice notice;
     Worker worker(
-        plugin, findOperation(plugin, "doIdleAtCount"), std::chrono::hours(24),
+        plugin, hostLock, findOperation(plugin, "doIdleAtCount"), std::chrono::hours(24),
         [&notice](const std::string& what) { notice.ran(what); }, nullptr);
     std::optional<Worker::Clock::duration> took = worker.runTicks(count);
     if (!took) {
@@ -213,8 +219,8 @@ int measureIdleTicks(const PluginModule& module, std::int64_t count) {
     return kExitNormal;
 }
 
-int serve(const Options& options, const PluginModule& module, const std::string& pluginPath,
-          ServiceManagerNotice& notice) {
+int serve(const Options& options, const PluginModule& module, const HostLock& hostLock,
+          const std::string& pluginPath, ServiceManagerNotice& notice) {
     support::Result<support::UniqueFd> stop = stopSignals();
     if (!stop) {
         complain(stop.message());
@@ -228,7 +234,7 @@ int serve(const Options& options, const PluginModule& module, const std::string&
     const PluginDescriptor& plugin = module.descriptor();
     std::atomic<WebConsole*> console = nullptr;
     Worker worker(
-        plugin, findOperation(plugin, "doIdleAtCount"),
+        plugin, hostLock, findOperation(plugin, "doIdleAtCount"),
         std::chrono::duration_cast<Worker::Clock::duration>(options.idleInterval),
         [&notice, &console](const std::string& what) {
             notice.ran(what);
@@ -259,6 +265,27 @@ int serve(const Options& options, const PluginModule& module, const std::string&
     return kExitNormal;
 }
 
+// The class hook, then the jobs that run at load, as launchd starts them at boot before the
+// first call is served; under the host lock, since both reach the plug-in or the job files.
+// The exit status when the daemon cannot serve.
+std::optional<int> startUp(const PluginModule& module, const HostLock& hostLock) {
+    LockWait wait;
+    wait.announce = [&hostLock](const std::string& holder) {
+        complain("waiting for the host lock \"" + hostLock.path() + "\" held by " + holder);
+    };
+    support::Result<HostLock::Held> held = hostLock.hold(wait);
+    if (!held) {
+        complain(held.message());
+        return kExitNoLock;
+    }
+    if (std::optional<std::string> failure = initializePlugin(module.descriptor())) {
+        complain("the plug-in's initialize failed: " + *failure);
+        return kExitUnavailable;
+    }
+    startJobsThatRunAtLoad(kRunAtLoadFolder);
+    return std::nullopt;
+}
+
 int run(const Options& options) {
     if (geteuid() != 0) {
         complain("must be run as root");
@@ -277,28 +304,32 @@ int run(const Options& options) {
         complain(module.message());
         return kExitUnavailable;
     }
-    // Held for the daemon's whole life: a velnor run with --direct waits until it ends.
-    const std::string lockPath = hostLockPath(std::getenv("VELNOR_LOCK_FILE"));
-    LockWait wait;
-    wait.announce = [&lockPath] {
-        complain("waiting for the host lock \"" + lockPath + "\" held by another velnor");
-    };
-    support::Result<HostLock> lock = HostLock::acquire(lockPath, wait);
-    if (!lock) {
-        complain(lock.message());
+    support::Result<HostLock> daemonLock = HostLock::open(kDaemonLockPath, "daemon lock");
+    std::optional<HostLock::Held> serving;
+    if (daemonLock) {
+        serving = daemonLock->holdIfFree();
+    }
+    if (!serving) {
+        complain(daemonLock ? "could not take the daemon lock \"" + daemonLock->path() +
+                                  "\": " + daemonLock->holder() +
+                                  " holds it, and one velnord serves at a time"
+                            : daemonLock.message());
         return kExitNoLock;
     }
-    if (std::optional<std::string> failure = initializePlugin((*module)->descriptor())) {
-        complain("the plug-in's initialize failed: " + *failure);
-        return kExitUnavailable;
+    support::Result<HostLock> hostLock =
+        HostLock::open(hostLockPath(std::getenv("VELNOR_LOCK_FILE")));
+    if (!hostLock) {
+        complain(hostLock.message());
+        return kExitNoLock;
+    }
+    if (std::optional<int> status = startUp(**module, *hostLock)) {
+        return *status;
     }
     if (options.benchIdleTicks) {
-        return measureIdleTicks(**module, *options.benchIdleTicks);
+        return measureIdleTicks(**module, *hostLock, *options.benchIdleTicks);
     }
-    // As launchd does at boot, before the first call is served.
-    startJobsThatRunAtLoad(kRunAtLoadFolder);
     ServiceManagerNotice notice;
-    return serve(options, **module, pluginPath, notice);
+    return serve(options, **module, *hostLock, pluginPath, notice);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "Worker.h"
 
+#include <syslog.h>
+
 #include <algorithm>
 
 #include "LaunchDaemon.h"
@@ -45,9 +47,11 @@ void deliver(Worker::Mailbox& mailbox, const std::function<void(int, const std::
 
 }  // namespace
 
-Worker::Worker(const PluginDescriptor& plugin, const HostOperation* idleOperation,
-               Clock::duration idleInterval, WorkerReport report, PendingStopsSource pendingStops)
+Worker::Worker(const PluginDescriptor& plugin, const HostLock& hostLock,
+               const HostOperation* idleOperation, Clock::duration idleInterval,
+               WorkerReport report, PendingStopsSource pendingStops)
     : plugin_(plugin),
+      hostLock_(hostLock),
       idleOperation_(idleOperation),
       idleInterval_(idleInterval),
       report_(std::move(report)),
@@ -212,7 +216,21 @@ void Worker::loop() {
     queue_.clear();
 }
 
-// Every entry into the plug-in goes through here, so that an overlap would be counted.
+// Holds the host lock for one call. An in-process host (velnor --direct) may hold it for its own
+// run, which its bounded waits end: the caller and the log are told whom the call waits for.
+support::Result<HostLock::Held> Worker::holdHostLock() {
+    if (std::optional<HostLock::Held> held = hostLock_.holdIfFree()) {
+        return std::move(*held);
+    }
+    const std::string waiting =
+        "waiting for the host lock \"" + hostLock_.path() + "\" held by " + hostLock_.holder();
+    syslog(LOG_WARNING, "%s", waiting.c_str());
+    relay(LOG_WARNING, waiting);
+    return hostLock_.holdOnceFree();
+}
+
+// Every entry into the plug-in goes through here, with the host lock held, so that an overlap
+// would be counted.
 Outcome Worker::enterPlugin(const HostOperation& operation, const OperationArgument& argument) {
     const bool overlapped = inside_.fetch_add(1) != 0;
     Outcome outcome = callWithNewHandler(plugin_, operation, argument);
@@ -224,6 +242,13 @@ Outcome Worker::enterPlugin(const HostOperation& operation, const OperationArgum
 }
 
 void Worker::tick() {
+    // A tick is housekeeping that an in-process host holding the lock does in its own call: it
+    // waits for the next interval rather than for that call.
+    std::optional<HostLock::Held> held = hostLock_.holdIfFree();
+    if (!held) {
+        nextTick_ = Clock::now() + idleInterval_;
+        return;
+    }
     Outcome outcome = enterPlugin(*idleOperation_, idleCount_);
     // The count goes round as a signed 32-bit integer does, without overflowing one.
     idleCount_ = static_cast<std::int32_t>(static_cast<std::uint32_t>(idleCount_) + 1U);
@@ -243,7 +268,12 @@ void Worker::runTicks(Job& job) {
 
 void Worker::runJob(Job& job) {
     currentMailbox_ = job.mailbox;
-    Outcome outcome = enterPlugin(*job.operation, job.argument);
+    Outcome outcome;
+    if (support::Result<HostLock::Held> held = holdHostLock()) {
+        outcome = enterPlugin(*job.operation, job.argument);
+    } else {
+        outcome.failure = held.message();
+    }
     currentMailbox_ = nullptr;
     if (report_) {
         report_(job.operation->name);
@@ -261,7 +291,11 @@ void Worker::queryStopAtDeadline() {
         std::lock_guard lock(mutex_);
         label = stopDeadline_->label;
     }
-    GetLaunchDaemonServiceState(label);
+    if (support::Result<HostLock::Held> held = holdHostLock()) {
+        GetLaunchDaemonServiceState(label);
+    } else {
+        syslog(LOG_ERR, "%s", held.message().c_str());
+    }
     {
         std::lock_guard lock(countsMutex_);
         ++counts_.stopQueries;

@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "HostLock.h"
 #include "Invocation.h"
 #include "LaunchdJobs.h"
 #include "PluginInterface.h"
@@ -45,9 +46,12 @@ class Worker {
 
     // idleOperation is the plug-in's doIdleAtCount, or nullptr when it has none (no ticks).
     // pendingStops tells, after each call, which stopping jobs need a state query at their
-    // deadline; empty for none.
-    Worker(const PluginDescriptor& plugin, const HostOperation* idleOperation,
-           Clock::duration idleInterval, WorkerReport report, PendingStopsSource pendingStops);
+    // deadline; empty for none. The worker holds hostLock around each entry into the plug-in
+    // and the host library, and lets go between them, so that a velnor run with --direct takes
+    // its turn between two calls.
+    Worker(const PluginDescriptor& plugin, const HostLock& hostLock,
+           const HostOperation* idleOperation, Clock::duration idleInterval, WorkerReport report,
+           PendingStopsSource pendingStops);
     ~Worker();
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
@@ -108,10 +112,12 @@ class Worker {
     void runJob(Job& job);
     void runTicks(Job& job);
     Outcome enterPlugin(const HostOperation& operation, const OperationArgument& argument);
+    support::Result<HostLock::Held> holdHostLock();
     void queryStopAtDeadline();
     void learnStopDeadline(const std::string& queriedLabel);
 
     const PluginDescriptor& plugin_;
+    const HostLock& hostLock_;
     const HostOperation* idleOperation_;
     const Clock::duration idleInterval_;
     WorkerReport report_;

@@ -4,6 +4,7 @@ vanishes mid-operation, SIGTERM while an operation runs, the idle tick's houseke
 SIGKILL on time, the jobs that run at load, a command line run with the client's own folder and
 input, and a direct velnor that loads no libpq."""
 
+import fcntl
 import os
 import plistlib
 import select
@@ -25,6 +26,7 @@ VERSION = 1
 RECORDS = "/var/run/velnor/launchd"
 LOAD_FOLDER = "/Library/LaunchDaemons"
 EXIT_TIME_OUT = 3
+LOCK_FILE = "/var/run/velnor/host.lock"
 
 
 def frame(message):
@@ -54,7 +56,7 @@ def connect():
 
 class Daemon(harness.ScenarioCase):
     def start_daemon(self, interval=10, log=None):
-        velnord = os.path.join(os.path.dirname(self.host.velnor), "velnord")
+        velnord = harness.velnord_beside(self.host.velnor)
         daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", str(interval),
                                    *(["--foreground"] if log else [])], stderr=log)
         self.addCleanup(lambda: daemon.poll() is None and daemon.kill())
@@ -185,13 +187,38 @@ print(b"serves root only" in data, client.recv(1) == b"")"""])
         by_input = subprocess.run([*call, "-"], input=plistlib.dumps({}), capture_output=True)
         self.assertEqual((by_input.returncode, by_input.stdout), (0, by_path.stdout), by_input.stderr)
         # The daemon's plug-in by another name is still the daemon's; another file is run in the
-        # client's own process, where the daemon's host lock keeps it out.
+        # client's own process, which takes its turn between two of the daemon's calls.
         os.symlink(self.host.plugin, os.path.join(folder, "same.so"))
         shutil.copy(self.host.plugin, os.path.join(folder, "other.so"))
-        for plugin, status in [("same.so", 3), ("other.so", 75)]:
+        for plugin, status in [("same.so", 3), ("other.so", 3)]:
             run = subprocess.run([self.host.velnor, "--plugin", plugin, "--wait", "0", "status"], cwd=folder,
                                  capture_output=True, text=True)
             self.assertEqual(run.returncode, status, f"{plugin}: {run.stderr}")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_a_direct_run_takes_its_turn_between_the_daemons_calls(self):
+        daemon = self.start_daemon()
+        direct = subprocess.run([self.host.velnor, "--direct", "--plugin", self.host.plugin, "--wait", "5",
+                                 "status"], capture_output=True, text=True, timeout=60)
+        self.assertEqual((direct.returncode, direct.stdout, direct.stderr), (3, "state: stopped\n", ""),
+                         "a direct status beside a serving velnord answers at once")
+        # Whoever holds the lock is named to a call that waits for it, and the call runs once it
+        # is free.
+        with open(LOCK_FILE) as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            client = subprocess.Popen([self.host.velnor, "--plugin", self.host.plugin, "status"],
+                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            self.assertEqual(client.stderr.readline().split(": ", 1)[1],
+                             f'waiting for the host lock "{LOCK_FILE}" held by python3 (pid {os.getpid()})\n')
+            fcntl.flock(lock, fcntl.LOCK_UN)
+            self.assertEqual((client.wait(timeout=60), client.stdout.read()), (3, "state: stopped\n"))
+        # One velnord serves at a time; a second one says which, and leaves the first its socket.
+        second = subprocess.run([harness.velnord_beside(self.host.velnor), "--plugin", self.host.plugin,
+                                 "--foreground", "--no-web"], capture_output=True, text=True, timeout=60)
+        self.assertEqual((second.returncode, second.stderr),
+                         (73, f'velnord: could not take the daemon lock "/run/velnor/velnord.lock": '
+                              f"velnord (pid {daemon.pid}) holds it, and one velnord serves at a time\n"))
+        self.assertEqual(self.velnor("status", status=3).response, {"state": "STOPPED"})
 
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_a_direct_status_loads_no_libpq_and_a_probe_loads_it(self):

@@ -345,16 +345,17 @@ class HostRuns(harness.ScenarioCase):
 
     @sandbox()
     def test_wait_bounds_the_wait_for_the_host_lock(self):
-        """With --wait, a lock that another velnor holds ends the run with 75, after saying that
-        it waits; without, the run goes on once the lock is free."""
+        """With --wait, a lock that another process holds ends the run with 75, after saying that
+        it waits and for whom; without, the run goes on once the lock is free."""
         self.velnor("status", status=3)
         with Holder() as holder:
             self.assertTrue(holder.wait_until_settled(), "root's holder has the lock")
             answer = self.host("--wait", "2", "status", timeout=60)
             self.assertEqual(answer.status, 75, answer)
+            holder_name = f"flock (pid {holder.process.pid})"
             self.assertEqual(answer.stderr,
-                             f'velnor: waiting for the host lock "{LOCK_FILE}" held by another velnor\n'
-                             f'velnor: could not take the host lock "{LOCK_FILE}": another velnor '
+                             f'velnor: waiting for the host lock "{LOCK_FILE}" held by {holder_name}\n'
+                             f'velnor: could not take the host lock "{LOCK_FILE}": {holder_name} '
                              "held it for 2 s\n")
             self.assertGreaterEqual(answer.took, 2.0)
             self.assertLess(answer.took, 10.0)
