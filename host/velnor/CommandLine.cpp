@@ -34,8 +34,13 @@ constexpr std::string_view kFooter =
     "  PGHOST            the database server's socket folder; /var/pgsql_socket when unset\n"
     "  PGCONNECT_TIMEOUT seconds the liveness probe waits for the server; 5 when unset\n";
 
-constexpr std::string_view kVerbs[] = {"status", "start",    "stop", "restart", "settings",
-                                       "setup",  "log-path", "idle", "web-url"};
+constexpr std::string_view kVerbs[] = {"status",   "start", "stop",     "restart", "try-restart",
+                                       "settings", "setup", "log-path", "idle",    "web-url"};
+
+constexpr std::string_view kStart[] = {"startServiceWithVariant"};
+constexpr std::string_view kStop[] = {"stopServiceWithVariant"};
+constexpr std::string_view kRestart[] = {"stopServiceWithVariant", "startServiceWithVariant"};
+constexpr std::string_view kTryRestart[] = {"recycleServiceWithVariant"};
 
 // A whole, non-negative number of seconds, digits only.
 std::optional<std::chrono::seconds> parseSeconds(const std::string& text) {
@@ -95,7 +100,8 @@ void addVerbs(CLI::App& app, Typed& typed) {
         ->multi_option_policy(CLI::MultiOptionPolicy::Throw);
     app.add_subcommand("start", "start the service");
     app.add_subcommand("stop", "stop the service");
-    app.add_subcommand("restart", "restart the service");
+    app.add_subcommand("restart", "stop the service if it runs, then start it");
+    app.add_subcommand("try-restart", "restart the service if it runs; else do nothing");
     CLI::App* settings = app.add_subcommand(
         "settings", "print the settings, or change them (KEY=VALUE) and restart a running service");
     settings->add_option("KEY=VALUE", typed.settings, "a setting to change");
@@ -176,9 +182,9 @@ support::Result<Command> verbCommand(Command command, const Typed& typed) {
         command.argument = std::int32_t{0};
         return command;
     } else {
-        command.operation = verb == "start"  ? "startServiceWithVariant"
-                            : verb == "stop" ? "stopServiceWithVariant"
-                                             : "recycleServiceWithVariant";
+        // The last of the verb's operations is the one whose response the verb reports; conclude
+        // runs those before it.
+        command.operation = serviceVerbOperations(verb).back();
         command.argument = PlistValue();
         return command;
     }
@@ -283,6 +289,14 @@ support::Result<OperationArgument> interpretRawArgument(OperationStyle style,
         }
     }
     return failure("a request operation's argument is read from a file, not interpreted");
+}
+
+std::span<const std::string_view> serviceVerbOperations(std::string_view verb) {
+    return verb == "start"         ? std::span<const std::string_view>(kStart)
+           : verb == "stop"        ? std::span<const std::string_view>(kStop)
+           : verb == "restart"     ? std::span<const std::string_view>(kRestart)
+           : verb == "try-restart" ? std::span<const std::string_view>(kTryRestart)
+                                   : std::span<const std::string_view>();
 }
 
 std::string_view usageHint() {

@@ -68,6 +68,12 @@ std::optional<std::int32_t> parseIdleCount(std::string_view text);
 support::Result<OperationArgument> interpretRawArgument(OperationStyle style,
                                                         const RawArgument& raw);
 
+// The plug-in operations that a service verb (start, stop, restart, try-restart) runs, in
+// order, each with an absent variant; empty for any other verb. A restart leaves the service
+// running whatever its state, as administrators expect of a service manager's restart: a stop,
+// then a start. A try-restart restarts only a running service: the plug-in's recycle.
+std::span<const std::string_view> serviceVerbOperations(std::string_view verb);
+
 // The line printed after a usage error.
 std::string_view usageHint();
 

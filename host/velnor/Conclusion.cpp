@@ -215,18 +215,47 @@ std::optional<OperationArgument> argumentFor(const Command& command, OperationSt
     return command.argument;
 }
 
+namespace {
+
+// What a call that could not be made tells: the daemon refuses an operation the plug-in lacks,
+// or an argument of another style, as the in-process host does, with a usage error.
+int tellRefusedCall(const support::Failure& failure) {
+    return failure.error == EINVAL ? usageError(failure.message)
+                                   : (complain(failure.message), kExitUnavailable);
+}
+
+// Runs the operations that come before the verb's own (a restart's stop). The exit status when
+// one of them failed and was told; the verb then goes no further.
+std::optional<int> runPrecedingOperations(const Command& command, const Call& call) {
+    std::span<const std::string_view> operations = serviceVerbOperations(command.verb);
+    for (std::size_t index = 0; index + 1 < operations.size(); ++index) {
+        Command step = command;
+        step.operation = std::string(operations[index]);
+        support::Result<Outcome> outcome = call(step.operation, PlistValue());
+        if (!outcome) {
+            return tellRefusedCall(outcome.failure());
+        }
+        if (const int status = exitStatusOf(step, *outcome); status != kExitNormal) {
+            return tellFailure(step, *outcome, status) ? status : kExitOutputFailed;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
 // Runs the command's operation through call, with what the verb tells beyond its response.
 int conclude(const Command& command, const OperationArgument& argument, const Call& call) {
+    if (std::optional<int> status = runPrecedingOperations(command, call)) {
+        return *status;
+    }
     std::optional<LogMark> mark;
     if (command.verb == "start" || command.verb == "restart") {
         mark = markServiceLog(call);
     }
     support::Result<Outcome> outcome = call(command.operation, argument);
     if (!outcome) {
-        // The daemon refuses an operation the plug-in lacks, or an argument of another style,
-        // as the in-process host does: a usage error.
-        return outcome.error() == EINVAL ? usageError(outcome.message())
-                                         : (complain(outcome.message()), kExitUnavailable);
+        return tellRefusedCall(outcome.failure());
     }
     int status = report(command, *outcome);
     if (status == kExitErrorResponse && mark) {

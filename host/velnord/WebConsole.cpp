@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include "CommandLine.h"
+#include "ExitStatus.h"
 #include "Output.h"
 #include "PluginLoader.h"
 #include "SettingsCheck.h"
@@ -346,12 +348,12 @@ void WebConsole::serveEvents(const Request& request, Response& response) {
         });
 }
 
-void WebConsole::answerCall(const char* operation, OperationArgument argument,
+bool WebConsole::answerCall(const char* operation, OperationArgument argument,
                             PlistDictionary extra, Response& response) {
     const HostOperation* found = findOperation(plugin_, operation);
     if (found == nullptr) {
         answerText(response, 404, std::string("the plug-in has no operation ") + operation);
-        return;
+        return false;
     }
     events_.publish("call", PlistDictionary{{"operation", PlistValue(operation)}});
     std::optional<Outcome> outcome =
@@ -361,7 +363,7 @@ void WebConsole::answerCall(const char* operation, OperationArgument argument,
         });
     if (!outcome) {
         answerText(response, 503, "velnord is stopping; the call was not run");
-        return;
+        return false;
     }
     PlistDictionary answer = outcomeValue(operation, *outcome);
     for (const auto& [key, value] : extra) {
@@ -369,19 +371,21 @@ void WebConsole::answerCall(const char* operation, OperationArgument argument,
     }
     monitor_.refresh();
     answerJson(response, 200, answer);
+    return exitStatusFor(*outcome) == kExitNormal;
 }
 
 void WebConsole::runService(const Request& request, Response& response) {
     const std::string action = request.get_param_value("action");
-    const char* operation = action == "start"     ? "startServiceWithVariant"
-                            : action == "stop"    ? "stopServiceWithVariant"
-                            : action == "restart" ? "recycleServiceWithVariant"
-                                                  : nullptr;
-    if (operation == nullptr) {
-        answerText(response, 400, "the action is start, stop or restart");
-        return;
+    // The same operations as the command line's verbs: a restart that finds the service stopped
+    // starts it, and a failed stop ends the restart with the stop's answer.
+    for (std::string_view operation : serviceVerbOperations(action)) {
+        if (!answerCall(std::string(operation).c_str(), PlistValue(), {}, response)) {
+            return;
+        }
     }
-    answerCall(operation, PlistValue(), {}, response);
+    if (serviceVerbOperations(action).empty()) {
+        answerText(response, 400, "the action is start, stop, restart or try-restart");
+    }
 }
 
 // Each setting is first put to the server program itself; a refused one is shown with the

@@ -55,7 +55,8 @@ class WebConsole {
     void runService(const httplib::Request& request, httplib::Response& response);
     void runSettings(const httplib::Request& request, httplib::Response& response);
     void runSetup(const httplib::Request& request, httplib::Response& response);
-    void answerCall(const char* operation, OperationArgument argument, PlistDictionary extra,
+    // Runs the operation and answers what came of it; true when it answered without an error.
+    bool answerCall(const char* operation, OperationArgument argument, PlistDictionary extra,
                     httplib::Response& response);
 
     const PluginDescriptor& plugin_;

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """velnor as an administrator types it: a failed start that explains itself with the server's
-own log lines, in words or as JSON."""
+own log lines, in words or as JSON; restart and try-restart as service managers mean them."""
 
 import glob
 import os
@@ -50,6 +50,20 @@ class CommandLine(harness.ScenarioCase):
                                           "code": "CANNOT_START_SERVICE_TIMEOUT_ERR",
                                           "words": "the server did not answer within 2 s",
                                           "exitStatus": 1})
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_restart_leaves_the_service_running_and_try_restart_needs_it_running(self):
+        status, out, err = self.typed("try-restart")
+        self.assertEqual((status, out), (0, ""), err)
+        self.assertNotIn("waiting for postgres", err, "try-restart of a stopped service starts nothing")
+        self.assertEqual(self.velnor("status", status=3).response, {"state": "STOPPED"})
+        server = None
+        for verb in ("restart", "restart", "try-restart"):
+            status, out, err = self.typed(verb)
+            self.assertEqual((status, out), (0, ""), f"{verb}: {err}")
+            self.assertEqual(self.velnor("status").response, {"state": "RUNNING"}, f"after {verb}")
+            self.assertNotEqual(self.running_server(), server, f"{verb} runs a new server")
+            server = self.running_server()
 
 
 if __name__ == "__main__":
