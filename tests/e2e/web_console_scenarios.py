@@ -117,6 +117,11 @@ class WebConsole(harness.ScenarioCase):
         see("messages", WAITING_TO_RESPOND, None)
         see("state", "RUNNING", None)
         see("result", "start: done", "02-started")
+        version = harness.psql("SHOW server_version").split()[0]
+        see("version", version, None)
+        self.assertEqual(text("version"), version, "the version as the server prints it")
+        shown = browser.execute_script("return [90624, 100000, 150018, 170002].map(versionText)")
+        self.assertEqual(shown, ["9.6.24", "10.0", "15.18", "17.2"], "versions before 10 and since")
 
         settings("work_mem", "12MB")
         see("messages", RESTARTING, None)
