@@ -2,9 +2,11 @@
 
 #include <httplib.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <syslog.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 
 #include "Output.h"
@@ -131,6 +133,14 @@ support::Result<std::vector<std::pair<std::string, std::string>>> formSettings(
     return settings;
 }
 
+// The console's port is its own: a second daemon, or any other program, that asks for it while
+// the console holds it is refused rather than handed half its connections. The address is reused
+// at once, so that a restarted daemon does not wait for the last one's connections to close.
+void listenAlone(socket_t listener) {
+    const int yes = 1;
+    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+}
+
 }  // namespace
 
 support::Result<WebListen> parseWebListen(std::string_view text) {
@@ -161,9 +171,14 @@ support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescr
     }
     std::unique_ptr<WebConsole> console(new WebConsole(plugin, worker, listen, *token));
     const std::string shown = listen.address + ":" + std::to_string(listen.port);
+    errno = 0;
     if (!console->server_->bind_to_port(listen.address, listen.port)) {
+        // The library closes the socket that it could not bind and leaves that bind's errno; a
+        // name that it could not resolve leaves none.
+        const int error = errno;
         console->stop();
-        return support::couldNot("listen on", shown, "the address cannot be bound", EADDRINUSE);
+        return error != 0 ? support::couldNot("listen on", shown, error)
+                          : support::couldNot("listen on", shown, "the address cannot be bound");
     }
     if (support::Status published = publishAccess(*token, shown); !published) {
         console->stop();
@@ -208,6 +223,7 @@ void WebConsole::stop() {
 void WebConsole::route() {
     httplib::Server& server = *server_;
     server.new_task_queue = [] { return new httplib::ThreadPool(kServingThreads); };
+    server.set_socket_options(listenAlone);
     server.set_payload_max_length(kMostBody);
     server.set_keep_alive_timeout(2);
     // No Access-Control header is ever sent: other origins' scripts cannot read an answer.

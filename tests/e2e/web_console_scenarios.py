@@ -1,19 +1,23 @@
 #!/usr/bin/python3
 """velnord's web console: a tour in headless Chromium through start, a settings change, a
 setting the server refuses, an idle client ended by a stop and the log's shutdown lines; and who
-may reach the console at all. Screenshots of the tour go to BUILD/e2e-screenshots/web_console/."""
+may reach the console at all, and that no one can share its port.
+Screenshots of the tour go to BUILD/e2e-screenshots/web_console/."""
 
+import errno
 import http.client
 import os
 import socket
 import subprocess
 import sys
+import tempfile
 
 sys.dont_write_bytecode = True
 import harness  # noqa: E402
 from harness import RESTARTING, WAITING_TO_RESPOND, sandbox  # noqa: E402
 
 TOKEN_FILE = "/run/velnor/web-token"
+CONTROL_SOCKET = "/run/velnor/velnord.sock"
 
 
 def free_port():
@@ -23,19 +27,36 @@ def free_port():
         return probe.getsockname()[1]
 
 
+def reuse_port_listener():
+    """A socket that asks to share its port, as the web server library's own listener does."""
+    listener = socket.socket()
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
+    return listener
+
+
 class WebConsole(harness.ScenarioCase):
-    def start_console(self):
-        """velnord with its console on a port of its own and a tick every second; its token."""
-        self.port = free_port()
+    def start_daemon(self, port, log=None):
+        """velnord with its console on port and a tick every second, logging to log if given."""
+        self.port = port
         velnord = os.path.join(os.path.dirname(self.host.velnor), "velnord")
         daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", "1",
-                                   "--web-listen", f"127.0.0.1:{self.port}"])
+                                   "--web-listen", f"127.0.0.1:{port}",
+                                   *(["--foreground"] if log else [])], stderr=log)
         self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
+        return daemon
+
+    def start_console(self, port=None):
+        """velnord with its console on a port of its own (or port) and a tick every second; its
+        token."""
+        if os.path.exists(TOKEN_FILE):
+            os.unlink(TOKEN_FILE)
+        daemon = self.start_daemon(port or free_port())
         harness.wait_until(lambda: os.path.exists(TOKEN_FILE), "velnord wrote its token")
         url = subprocess.run([self.host.velnor, "web-url"], capture_output=True, text=True, check=True)
         prefix = f"http://127.0.0.1:{self.port}/?token="
         self.assertTrue(url.stdout.startswith(prefix), f"velnor web-url: {url.stdout!r}")
-        return url.stdout.strip()[len(prefix):]
+        return url.stdout.strip()[len(prefix):], daemon
 
     def request(self, method, path, headers=(), body=None):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
@@ -47,7 +68,7 @@ class WebConsole(harness.ScenarioCase):
 
     @sandbox("--initdb")
     def test_console_access_is_guarded(self):
-        token = self.start_console()
+        token, _ = self.start_console()
         self.assertEqual(harness.attributes(TOKEN_FILE), harness.regular_file(0o600, "root"))
         answer = self.request("GET", f"/?token={token}")
         self.assertEqual(answer.status, 303, "the token is exchanged for a session")
@@ -79,6 +100,43 @@ class WebConsole(harness.ScenarioCase):
         self.assertEqual(self.request("GET", f"/?token={token}").status, 429,
                          "even the right token waits out the refusal")
 
+    @sandbox()
+    def test_no_other_listener_shares_the_console_port(self):
+        _, daemon = self.start_console()
+        with reuse_port_listener() as second:
+            with self.assertRaises(OSError, msg="a second root listener binds beside the console") as bound:
+                second.bind(("127.0.0.1", self.port))
+            self.assertEqual(bound.exception.errno, errno.EADDRINUSE)
+        # The server ends this connection, leaving its side waiting out the close on the port.
+        self.assertEqual(self.request("GET", "/", {"Connection": "close"}).status, 401)
+        daemon.terminate()
+        self.assertEqual(daemon.wait(timeout=30), 0, "velnord stops")
+        token, _ = self.start_console(self.port)
+        self.assertEqual(self.request("GET", f"/?token={token}").status, 303,
+                         "a restarted velnord has the console's port again at once")
+
+    @sandbox()
+    def test_a_taken_console_port_turns_the_console_off(self):
+        with reuse_port_listener() as holder, tempfile.TemporaryFile("w+") as log:
+            holder.settimeout(harness.WAIT_SECONDS)
+            holder.bind(("127.0.0.1", 0))
+            holder.listen()
+            port = holder.getsockname()[1]
+            self.start_daemon(port, log)
+            expected = f'the web console is off: could not listen on "127.0.0.1:{port}": ' \
+                       "Address already in use"
+
+            def logged():
+                log.seek(0)
+                return expected in log.read()
+
+            harness.wait_until(logged, f"velnord logged {expected!r}")
+            harness.wait_until(lambda: os.path.exists(CONTROL_SOCKET), "velnord serves")
+            self.velnor("status", status=3)
+            with socket.create_connection(("127.0.0.1", port), timeout=30):
+                accepted, _ = holder.accept()
+                accepted.close()
+
     # With its folders in place, the first idle tick has nothing to create, so nothing to restart.
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_browser_tour(self):
@@ -87,7 +145,7 @@ class WebConsole(harness.ScenarioCase):
         from selenium.webdriver.common.by import By
         from selenium.webdriver.support.ui import WebDriverWait
 
-        token = self.start_console()
+        token, _ = self.start_console()
         shots = os.path.join(os.path.dirname(self.host.velnor), "e2e-screenshots", "web_console")
         os.makedirs(shots, exist_ok=True)
         options = webdriver.ChromeOptions()
