@@ -10,6 +10,7 @@
 #include <charconv>
 
 #include "Output.h"
+#include "PeerAccount.h"
 #include "PluginLoader.h"
 #include "SettingsCheck.h"
 #include "WebAssets.h"
@@ -131,6 +132,14 @@ support::Result<std::vector<std::pair<std::string, std::string>>> formSettings(
         return support::Failure{EINVAL, "no setting was given"};
     }
     return settings;
+}
+
+// Who sent a request, for the slowing of wrong tokens: the account behind a connection from this
+// machine, and the address it came from.
+TokenSender senderOf(const Request& request) {
+    return TokenSender{peerAccount(Endpoint{request.remote_addr, request.remote_port},
+                                   Endpoint{request.local_addr, request.local_port}),
+                       request.remote_addr};
 }
 
 // The console's port is its own: a second daemon, or any other program, that asks for it while
@@ -285,7 +294,8 @@ bool WebConsole::admitted(const Request& request, Response& response) {
         return false;
     }
     if (request.path == "/" && request.has_param("token")) {
-        WebAccess::Exchange exchange = access_.exchange(request.get_param_value("token"));
+        WebAccess::Exchange exchange =
+            access_.exchange(request.get_param_value("token"), senderOf(request));
         if (exchange.session) {
             response.set_header("Set-Cookie", std::string(kSessionCookie) + "=" +
                                                   *exchange.session +

@@ -1,12 +1,13 @@
 #!/usr/bin/python3
 """velnord's web console: a tour in headless Chromium through start, a settings change, a
-setting the server refuses, an idle client ended by a stop and the log's shutdown lines; and who
-may reach the console at all, and that no one can share its port.
+setting the server refuses, an idle client ended by a stop and the log's shutdown lines; who may
+reach the console at all; and that no account can lock root out of it or share its port.
 Screenshots of the tour go to BUILD/e2e-screenshots/web_console/."""
 
 import errno
 import http.client
 import os
+import pwd
 import socket
 import subprocess
 import sys
@@ -18,6 +19,33 @@ from harness import RESTARTING, WAITING_TO_RESPOND, sandbox  # noqa: E402
 
 TOKEN_FILE = "/run/velnor/web-token"
 CONTROL_SOCKET = "/run/velnor/velnord.sock"
+WRONG_TOKEN = "f" * 64
+
+# The account that wants root kept out, in a process of its own: it sends wrong tokens, each on a
+# connection of its own, sending the next as soon as a refusal ends, until velnord refuses it for
+# at least the seconds asked (time for root to act inside the refusal) or the wait runs out. It
+# writes "refused" and the Retry-After, then, for each line it reads, one more wrong token's status.
+STRANGER = r"""
+import http.client, sys, time
+port, seconds, wait, poll = int(sys.argv[1]), int(sys.argv[2]), float(sys.argv[3]), float(sys.argv[4])
+
+def wrong():
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
+    connection.request("GET", "/?token=" + "f" * 64)
+    answer = connection.getresponse()
+    answer.read()
+    connection.close()
+    return answer.status, int(answer.getheader("Retry-After") or 0)
+
+deadline = time.monotonic() + wait
+status, retry = wrong()
+while retry < seconds and time.monotonic() < deadline:
+    time.sleep(poll)
+    status, retry = wrong()
+print("refused" if retry >= seconds else "never refused", retry, flush=True)
+for _ in sys.stdin:
+    print(wrong()[0], flush=True)
+"""
 
 
 def free_port():
@@ -94,11 +122,33 @@ class WebConsole(harness.ScenarioCase):
                 self.assertIn("default-src 'none'", answer.getheader("Content-Security-Policy"))
                 self.assertIsNone(answer.getheader("Access-Control-Allow-Origin"), what)
         self.assertIsNone(harness.postmaster(), "no refused action started the server")
-        statuses = [self.request("GET", "/?token=" + "f" * 64).status for _ in range(6)]
+        statuses = [self.request("GET", f"/?token={WRONG_TOKEN}").status for _ in range(6)]
         self.assertEqual(statuses[:4], [403] * 4, "wrong tokens are refused")
         self.assertEqual(statuses[5], 429, "and, repeated, slowed down")
-        self.assertEqual(self.request("GET", f"/?token={token}").status, 429,
-                         "even the right token waits out the refusal")
+        self.assertEqual(self.request("GET", f"/?token={token}").status, 303,
+                         "the right token is never refused, even from the sender of wrong ones")
+
+    @sandbox()
+    def test_a_strangers_wrong_tokens_never_keep_root_out(self):
+        token, _ = self.start_console()
+        nobody = pwd.getpwnam("nobody").pw_uid
+        stranger = subprocess.Popen(
+            harness.as_user(nobody, [harness.PYTHON, "-c", STRANGER, str(self.port), "4",
+                                     str(harness.WAIT_SECONDS), str(harness.POLL_SECONDS)]),
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(lambda: stranger.poll() is None and (stranger.kill(), stranger.wait()))
+        said = stranger.stdout.readline().split()
+        self.assertEqual(said[0], "refused", f"nobody sent wrong tokens until refused: {said}")
+        answer = self.request("GET", f"/?token={token}")
+        self.assertEqual(answer.status, 303, "root's right token gets in while nobody is refused")
+        self.assertEqual(self.request("GET", f"/?token={WRONG_TOKEN}").status, 403,
+                         "root's own wrong token is weighed against root's count, not nobody's")
+        page = self.request("GET", "/", {"Cookie": answer.getheader("Set-Cookie").split(";")[0]})
+        self.assertEqual(page.status, 200, "root's session opens the page")
+        stranger.stdin.write("\n")
+        stranger.stdin.flush()
+        self.assertEqual(stranger.stdout.readline().strip(), "429",
+                         "nobody's next wrong token, on a new connection, is still refused")
 
     @sandbox()
     def test_no_other_listener_shares_the_console_port(self):
