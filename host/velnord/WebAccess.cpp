@@ -12,9 +12,6 @@
 namespace velnor::host {
 namespace {
 
-// Wrong tokens answered at once; each one after them doubles the time in which none is heard.
-constexpr unsigned kFreeWrongTokens = 3;
-constexpr std::chrono::seconds kLongestRefusal{60};
 constexpr std::chrono::hours kSessionLife{12};
 constexpr std::size_t kMostSessions = 32;
 
@@ -84,20 +81,15 @@ bool hostIsOurs(const std::string& hostHeader, const std::string& listenAddress)
     return !lowered.empty() && (lowered == "localhost" || lowered == bare);
 }
 
-WebAccess::Exchange WebAccess::exchange(const std::string& presented, Clock::time_point now) {
+WebAccess::Exchange WebAccess::exchange(const std::string& presented, const TokenSender& sender,
+                                        Clock::time_point now) {
     std::lock_guard lock(mutex_);
-    if (now < refusedUntil_) {
-        return {std::nullopt, std::chrono::ceil<std::chrono::seconds>(refusedUntil_ - now)};
-    }
+    // The token is weighed before any refusal: a refusal that held back the right token would let
+    // whoever sends wrong ones keep its holder out.
     if (!sameSecret(presented, token_)) {
-        ++wrongTokens_;
-        if (wrongTokens_ > kFreeWrongTokens) {
-            unsigned doublings = std::min(wrongTokens_ - kFreeWrongTokens - 1, 6U);
-            refusedUntil_ = now + std::min(kLongestRefusal, std::chrono::seconds(1U << doublings));
-        }
-        return {};
+        return {std::nullopt, backoff_.heardWrong(sender, now)};
     }
-    wrongTokens_ = 0;
+    backoff_.forget(sender);
     forgetExpired(now);
     if (sessions_.size() >= kMostSessions) {
         sessions_.erase(std::min_element(sessions_.begin(), sessions_.end(),

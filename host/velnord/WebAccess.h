@@ -2,7 +2,8 @@
 // a file that root alone may read, and whoever presents it gets a session, held in a cookie that
 // scripts cannot read and that other sites never send. Every change also carries the session's
 // CSRF token, the Host header must name the console's own address (so a name that a hostile DNS
-// server points at 127.0.0.1 cannot reach it), and wrong tokens are answered ever more slowly.
+// server points at 127.0.0.1 cannot reach it), and whoever sends wrong tokens is answered ever
+// more slowly, while the right token is always heard.
 #pragma once
 
 #include <chrono>
@@ -14,6 +15,7 @@
 
 #include "ConsoleVerbs.h"
 #include "Result.h"
+#include "TokenBackoff.h"
 
 namespace velnor::host {
 
@@ -50,10 +52,11 @@ class WebAccess {
         // When refused because wrong tokens came too fast: how long to wait.
         std::optional<std::chrono::seconds> retryAfter;
     };
-    // Exchanges the token for a session. After a few wrong tokens, every attempt (the right
-    // token too) is refused for a time that doubles with each further wrong one; the right
-    // token, once heard, starts the count again.
-    Exchange exchange(const std::string& presented, Clock::time_point now = Clock::now());
+    // Exchanges the token for a session; the right token always gets one, and starts its
+    // sender's count of wrong tokens again. After a few wrong tokens from one sender, that
+    // sender's further wrong tokens are refused for a time that doubles with each one heard.
+    Exchange exchange(const std::string& presented, const TokenSender& sender,
+                      Clock::time_point now = Clock::now());
 
     // The session with this id, when it exists and has not expired.
     std::optional<Session> session(const std::string& id, Clock::time_point now = Clock::now());
@@ -64,8 +67,7 @@ class WebAccess {
     const std::string token_;
     std::mutex mutex_;
     std::map<std::string, Session> sessions_;
-    unsigned wrongTokens_ = 0;
-    Clock::time_point refusedUntil_{};
+    TokenBackoff backoff_;
 };
 
 }  // namespace velnor::host

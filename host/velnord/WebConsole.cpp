@@ -2,14 +2,17 @@
 
 #include <httplib.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <syslog.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 
 #include "CommandLine.h"
 #include "ExitStatus.h"
 #include "Output.h"
+#include "PeerAccount.h"
 #include "PluginLoader.h"
 #include "SettingsCheck.h"
 #include "WebAssets.h"
@@ -133,6 +136,22 @@ support::Result<std::vector<std::pair<std::string, std::string>>> formSettings(
     return settings;
 }
 
+// Who sent a request, for the slowing of wrong tokens: the account behind a connection from this
+// machine, and the address it came from.
+TokenSender senderOf(const Request& request) {
+    return TokenSender{peerAccount(Endpoint{request.remote_addr, request.remote_port},
+                                   Endpoint{request.local_addr, request.local_port}),
+                       request.remote_addr};
+}
+
+// The console's port is its own: a second daemon, or any other program, that asks for it while
+// the console holds it is refused rather than handed half its connections. The address is reused
+// at once, so that a restarted daemon does not wait for the last one's connections to close.
+void listenAlone(socket_t listener) {
+    const int yes = 1;
+    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+}
+
 }  // namespace
 
 support::Result<WebListen> parseWebListen(std::string_view text) {
@@ -163,9 +182,14 @@ support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescr
     }
     std::unique_ptr<WebConsole> console(new WebConsole(plugin, worker, listen, *token));
     const std::string shown = listen.address + ":" + std::to_string(listen.port);
+    errno = 0;
     if (!console->server_->bind_to_port(listen.address, listen.port)) {
+        // The library closes the socket that it could not bind and leaves that bind's errno; a
+        // name that it could not resolve leaves none.
+        const int error = errno;
         console->stop();
-        return support::couldNot("listen on", shown, "the address cannot be bound", EADDRINUSE);
+        return error != 0 ? support::couldNot("listen on", shown, error)
+                          : support::couldNot("listen on", shown, "the address cannot be bound");
     }
     if (support::Status published = publishAccess(*token, shown); !published) {
         console->stop();
@@ -210,6 +234,7 @@ void WebConsole::stop() {
 void WebConsole::route() {
     httplib::Server& server = *server_;
     server.new_task_queue = [] { return new httplib::ThreadPool(kServingThreads); };
+    server.set_socket_options(listenAlone);
     server.set_payload_max_length(kMostBody);
     server.set_keep_alive_timeout(2);
     // No Access-Control header is ever sent: other origins' scripts cannot read an answer.
@@ -271,7 +296,8 @@ bool WebConsole::admitted(const Request& request, Response& response) {
         return false;
     }
     if (request.path == "/" && request.has_param("token")) {
-        WebAccess::Exchange exchange = access_.exchange(request.get_param_value("token"));
+        WebAccess::Exchange exchange =
+            access_.exchange(request.get_param_value("token"), senderOf(request));
         if (exchange.session) {
             response.set_header("Set-Cookie", std::string(kSessionCookie) + "=" +
                                                   *exchange.session +

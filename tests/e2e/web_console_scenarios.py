@@ -1,19 +1,51 @@
 #!/usr/bin/python3
 """velnord's web console: a tour in headless Chromium through start, a settings change, a
-setting the server refuses, an idle client ended by a stop and the log's shutdown lines; and who
-may reach the console at all. Screenshots of the tour go to BUILD/e2e-screenshots/web_console/."""
+setting the server refuses, an idle client ended by a stop and the log's shutdown lines; who may
+reach the console at all; and that no account can lock root out of it or share its port.
+Screenshots of the tour go to BUILD/e2e-screenshots/web_console/."""
 
+import errno
 import http.client
 import os
+import pwd
 import socket
 import subprocess
 import sys
+import tempfile
 
 sys.dont_write_bytecode = True
 import harness  # noqa: E402
 from harness import RESTARTING, WAITING_TO_RESPOND, sandbox  # noqa: E402
 
 TOKEN_FILE = "/run/velnor/web-token"
+CONTROL_SOCKET = "/run/velnor/velnord.sock"
+WRONG_TOKEN = "f" * 64
+
+# The account that wants root kept out, in a process of its own: it sends wrong tokens, each on a
+# connection of its own, sending the next as soon as a refusal ends, until velnord refuses it for
+# at least the seconds asked (time for root to act inside the refusal) or the wait runs out. It
+# writes "refused" and the Retry-After, then, for each line it reads, one more wrong token's status.
+STRANGER = r"""
+import http.client, sys, time
+port, seconds, wait, poll = int(sys.argv[1]), int(sys.argv[2]), float(sys.argv[3]), float(sys.argv[4])
+
+def wrong():
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
+    connection.request("GET", "/?token=" + "f" * 64)
+    answer = connection.getresponse()
+    answer.read()
+    connection.close()
+    return answer.status, int(answer.getheader("Retry-After") or 0)
+
+deadline = time.monotonic() + wait
+status, retry = wrong()
+while retry < seconds and time.monotonic() < deadline:
+    time.sleep(poll)
+    status, retry = wrong()
+print("refused" if retry >= seconds else "never refused", retry, flush=True)
+for _ in sys.stdin:
+    print(wrong()[0], flush=True)
+"""
 
 
 def free_port():
@@ -23,19 +55,36 @@ def free_port():
         return probe.getsockname()[1]
 
 
+def reuse_port_listener():
+    """A socket that asks to share its port, as the web server library's own listener does."""
+    listener = socket.socket()
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
+    return listener
+
+
 class WebConsole(harness.ScenarioCase):
-    def start_console(self):
-        """velnord with its console on a port of its own and a tick every second; its token."""
-        self.port = free_port()
+    def start_daemon(self, port, log=None):
+        """velnord with its console on port and a tick every second, logging to log if given."""
+        self.port = port
         velnord = harness.velnord_beside(self.host.velnor)
         daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", "1",
-                                   "--web-listen", f"127.0.0.1:{self.port}"])
+                                   "--web-listen", f"127.0.0.1:{port}",
+                                   *(["--foreground"] if log else [])], stderr=log)
         self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
+        return daemon
+
+    def start_console(self, port=None):
+        """velnord with its console on a port of its own (or port) and a tick every second; its
+        token."""
+        if os.path.exists(TOKEN_FILE):
+            os.unlink(TOKEN_FILE)
+        daemon = self.start_daemon(port or free_port())
         harness.wait_until(lambda: os.path.exists(TOKEN_FILE), "velnord wrote its token")
         url = subprocess.run([self.host.velnor, "web-url"], capture_output=True, text=True, check=True)
         prefix = f"http://127.0.0.1:{self.port}/?token="
         self.assertTrue(url.stdout.startswith(prefix), f"velnor web-url: {url.stdout!r}")
-        return url.stdout.strip()[len(prefix):]
+        return url.stdout.strip()[len(prefix):], daemon
 
     def request(self, method, path, headers=(), body=None):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
@@ -47,7 +96,7 @@ class WebConsole(harness.ScenarioCase):
 
     @sandbox("--initdb")
     def test_console_access_is_guarded(self):
-        token = self.start_console()
+        token, _ = self.start_console()
         self.assertEqual(harness.attributes(TOKEN_FILE), harness.regular_file(0o600, "root"))
         answer = self.request("GET", f"/?token={token}")
         self.assertEqual(answer.status, 303, "the token is exchanged for a session")
@@ -73,11 +122,70 @@ class WebConsole(harness.ScenarioCase):
                 self.assertIn("default-src 'none'", answer.getheader("Content-Security-Policy"))
                 self.assertIsNone(answer.getheader("Access-Control-Allow-Origin"), what)
         self.assertIsNone(harness.postmaster(), "no refused action started the server")
-        statuses = [self.request("GET", "/?token=" + "f" * 64).status for _ in range(6)]
+        statuses = [self.request("GET", f"/?token={WRONG_TOKEN}").status for _ in range(6)]
         self.assertEqual(statuses[:4], [403] * 4, "wrong tokens are refused")
         self.assertEqual(statuses[5], 429, "and, repeated, slowed down")
-        self.assertEqual(self.request("GET", f"/?token={token}").status, 429,
-                         "even the right token waits out the refusal")
+        self.assertEqual(self.request("GET", f"/?token={token}").status, 303,
+                         "the right token is never refused, even from the sender of wrong ones")
+
+    @sandbox()
+    def test_a_strangers_wrong_tokens_never_keep_root_out(self):
+        token, _ = self.start_console()
+        nobody = pwd.getpwnam("nobody").pw_uid
+        stranger = subprocess.Popen(
+            harness.as_user(nobody, [harness.PYTHON, "-c", STRANGER, str(self.port), "4",
+                                     str(harness.WAIT_SECONDS), str(harness.POLL_SECONDS)]),
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(lambda: stranger.poll() is None and (stranger.kill(), stranger.wait()))
+        said = stranger.stdout.readline().split()
+        self.assertEqual(said[0], "refused", f"nobody sent wrong tokens until refused: {said}")
+        answer = self.request("GET", f"/?token={token}")
+        self.assertEqual(answer.status, 303, "root's right token gets in while nobody is refused")
+        self.assertEqual(self.request("GET", f"/?token={WRONG_TOKEN}").status, 403,
+                         "root's own wrong token is weighed against root's count, not nobody's")
+        page = self.request("GET", "/", {"Cookie": answer.getheader("Set-Cookie").split(";")[0]})
+        self.assertEqual(page.status, 200, "root's session opens the page")
+        stranger.stdin.write("\n")
+        stranger.stdin.flush()
+        self.assertEqual(stranger.stdout.readline().strip(), "429",
+                         "nobody's next wrong token, on a new connection, is still refused")
+
+    @sandbox()
+    def test_no_other_listener_shares_the_console_port(self):
+        _, daemon = self.start_console()
+        with reuse_port_listener() as second:
+            with self.assertRaises(OSError, msg="a second root listener binds beside the console") as bound:
+                second.bind(("127.0.0.1", self.port))
+            self.assertEqual(bound.exception.errno, errno.EADDRINUSE)
+        # The server ends this connection, leaving its side waiting out the close on the port.
+        self.assertEqual(self.request("GET", "/", {"Connection": "close"}).status, 401)
+        daemon.terminate()
+        self.assertEqual(daemon.wait(timeout=30), 0, "velnord stops")
+        token, _ = self.start_console(self.port)
+        self.assertEqual(self.request("GET", f"/?token={token}").status, 303,
+                         "a restarted velnord has the console's port again at once")
+
+    @sandbox()
+    def test_a_taken_console_port_turns_the_console_off(self):
+        with reuse_port_listener() as holder, tempfile.TemporaryFile("w+") as log:
+            holder.settimeout(harness.WAIT_SECONDS)
+            holder.bind(("127.0.0.1", 0))
+            holder.listen()
+            port = holder.getsockname()[1]
+            self.start_daemon(port, log)
+            expected = f'the web console is off: could not listen on "127.0.0.1:{port}": ' \
+                       "Address already in use"
+
+            def logged():
+                log.seek(0)
+                return expected in log.read()
+
+            harness.wait_until(logged, f"velnord logged {expected!r}")
+            harness.wait_until(lambda: os.path.exists(CONTROL_SOCKET), "velnord serves")
+            self.velnor("status", status=3)
+            with socket.create_connection(("127.0.0.1", port), timeout=30):
+                accepted, _ = holder.accept()
+                accepted.close()
 
     # With its folders in place, the first idle tick has nothing to create, so nothing to restart.
     @sandbox("--initdb", "--socket-dir", "--log-dir")
@@ -87,7 +195,7 @@ class WebConsole(harness.ScenarioCase):
         from selenium.webdriver.common.by import By
         from selenium.webdriver.support.ui import WebDriverWait
 
-        token = self.start_console()
+        token, _ = self.start_console()
         shots = os.path.join(os.path.dirname(self.host.velnor), "e2e-screenshots", "web_console")
         os.makedirs(shots, exist_ok=True)
         options = webdriver.ChromeOptions()
@@ -117,6 +225,11 @@ class WebConsole(harness.ScenarioCase):
         see("messages", WAITING_TO_RESPOND, None)
         see("state", "RUNNING", None)
         see("result", "start: done", "02-started")
+        version = harness.psql("SHOW server_version").split()[0]
+        see("version", version, None)
+        self.assertEqual(text("version"), version, "the version as the server prints it")
+        shown = browser.execute_script("return [90624, 100000, 150018, 170002].map(versionText)")
+        self.assertEqual(shown, ["9.6.24", "10.0", "15.18", "17.2"], "versions before 10 and since")
 
         settings("work_mem", "12MB")
         see("messages", RESTARTING, None)

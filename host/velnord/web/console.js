@@ -25,6 +25,13 @@ function timeOf(seconds) {
   return seconds ? new Date(seconds * 1000).toLocaleTimeString() : '—';
 }
 
+// The server's version number as the server itself writes it: 150018 is 15.18 and, before 10,
+// 90624 is 9.6.24.
+function versionText(number) {
+  if (number >= 100000) return Math.floor(number / 10000) + '.' + (number % 10000);
+  return Math.floor(number / 10000) + '.' + (Math.floor(number / 100) % 100) + '.' + (number % 100);
+}
+
 function showResult(element, ok, text) {
   element.className = 'result ' + (ok ? 'ok' : 'failed');
   element.textContent = text;
@@ -55,7 +62,7 @@ function drawState(state, folders, lastTick) {
   badge.className = 'badge ' + name;
   state = state || {};
   byId('answering').textContent = yesNo(state.postgresIsResponding);
-  byId('version').textContent = state.PGserverVersion ? String(state.PGserverVersion) : '—';
+  byId('version').textContent = state.PGserverVersion ? versionText(state.PGserverVersion) : '—';
   byId('data-folder').textContent = (state.dataDir || '—') + ': exists ' + yesNo(state.dataDirExists) +
     ', is a folder ' + yesNo(state.dataDirIsDirectory) + ', initialised ' + yesNo(state.dataDirHasBeenInitialized);
   folders = folders || {};
