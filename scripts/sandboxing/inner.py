@@ -92,6 +92,8 @@ def run_command(root, options):
     environment = layout.environment_of_a_fresh_system()
     if options.daemon:
         start_daemon(root, environment)
+    # A child rather than this process's own image, so that SIGTERM from the outer stage ends the
+    # sandbox at once instead of after the command.
     try:
         command = subprocess.Popen(options.command, env=environment, close_fds=False,
                                    preexec_fn=enter_root(root, folder))
