@@ -2,6 +2,7 @@
 builds the sandbox's root, installs the service in it and runs the command there, or becomes
 systemd. It exits with the command's status; when it exits, the sandbox ends."""
 
+import contextlib
 import os
 import signal
 import subprocess
@@ -58,9 +59,14 @@ def start_daemon(root, environment):
         arguments += ["--web-listen", os.environ["VELNORD_WEB_LISTEN"]]
     else:
         arguments += ["--no-web"]
+    # Its own log lines go to the sandbox's standard error, where a test's failure shows them,
+    # or to a file of the sandbox's: a client shows each message that a call logs already.
+    log = os.environ.get("VELNORD_LOG")
     try:
-        daemon = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, env=environment,
-                                  close_fds=False, preexec_fn=enter_root(root, "/"))
+        with open(root + log, "ab") if log else contextlib.nullcontext() as stderr:
+            daemon = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stderr=stderr,
+                                      env=environment, close_fds=False,
+                                      preexec_fn=enter_root(root, "/"))
     except OSError as error:
         fail(could_not("run velnord", velnord, error))
     for _ in range(int(DAEMON_START_SECONDS / DAEMON_POLL_SECONDS)):
