@@ -28,10 +28,12 @@ VELNOR_EXPORT std::string toXmlPropertyList(const PlistValue& value);
 // std::invalid_argument for an absent value.
 VELNOR_EXPORT std::string toBinaryPropertyList(const PlistValue& value);
 
-// Writes the value as an XML property list to a temporary file in the same folder, flushes it
-// and renames it over path, keeping the mode and owner of the file it replaces. On failure the
-// old file is left whole, and the reason is also logged in the host's log. A value holding a
-// string that XML cannot carry exactly (PlistText.h) is refused.
+// Writes the value as a property list to a temporary file in the same folder, flushes it and
+// renames it over path, keeping the mode and owner of the file it replaces, and its format: a
+// binary file stays binary, since it may hold what XML cannot carry; a new file is XML. Refused
+// when the value holds a string that the format cannot carry exactly (PlistText.h), or would
+// not read back the same. On failure the old file is left whole, and the reason is also logged
+// in the host's log.
 VELNOR_EXPORT support::Status writePropertyListAtomically(const std::string& path,
                                                           const PlistValue& value);
 
