@@ -57,6 +57,25 @@ support::Result<PlistFile> jobToRewrite(const std::string& path) {
     return job;
 }
 
+// Fails when the job file holds launch arguments that cannot be read. The caller composed its
+// arguments without them, so that replacing them would lose the program and every setting that
+// they hold, and the service could no longer start.
+support::Status checkReplaceable(const std::string& path, plist_t root) {
+    plist_t stored = plist_dict_get_item(root, kProgramArgumentsKey);
+    if (stored == nullptr) {
+        return {};
+    }
+    if (auto strings = stringsOfArrayNode(stored); !strings) {
+        return support::couldNot(kChangeVerb, path,
+                                 std::string(kProgramArgumentsKey) +
+                                     " is not an array of strings (" + strings.message() +
+                                     "), and arguments composed without it would lose the "
+                                     "program and settings that it holds",
+                                 EINVAL);
+    }
+    return {};
+}
+
 // Fails for the first argument that the job file's format cannot carry exactly.
 support::Status checkCarriable(const std::string& path, const LaunchArguments& arguments,
                                PlistFormat format) {
@@ -92,7 +111,20 @@ std::optional<LaunchArguments> GetLaunchDaemonServiceConfigArgs(const std::strin
         }
         return std::nullopt;
     }
-    return stringsOfArrayNode(plist_dict_get_item(job->root.get(), kProgramArgumentsKey));
+    plist_t stored = plist_dict_get_item(job->root.get(), kProgramArgumentsKey);
+    if (stored == nullptr) {
+        return std::nullopt;
+    }
+    auto arguments = stringsOfArrayNode(stored);
+    if (!arguments) {
+        logHostFailure(support::couldNot("read the launch arguments in", path,
+                                         std::string(kProgramArgumentsKey) +
+                                             " is not an array of strings (" + arguments.message() +
+                                             ")")
+                           .message);
+        return std::nullopt;
+    }
+    return std::move(*arguments);
 }
 
 namespace {
@@ -105,6 +137,9 @@ support::Status replaceLaunchArguments(const std::string& path, const LaunchArgu
         return job.failure();
     }
     plist_t root = job->root.get();
+    if (auto replaceable = checkReplaceable(path, root); !replaceable) {
+        return replaceable;
+    }
     // Before the arguments become strings of the tree, which would cut one at a zero byte.
     if (auto carriable = checkCarriable(path, arguments, job->format); !carriable) {
         return carriable;

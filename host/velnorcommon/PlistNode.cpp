@@ -45,6 +45,12 @@ const char* kindNameOfNode(plist_type type) {
     return "none";
 }
 
+// "an integer", "a string": the kind's name as a sentence needs it.
+std::string withArticle(plist_type type) {
+    const std::string name = kindNameOfNode(type);
+    return (name.find_first_of("aeiou") == 0 ? "an " : "a ") + name;
+}
+
 struct FreeWithFree {
     void operator()(void* memory) const { std::free(memory); }
 };
@@ -422,17 +428,22 @@ PlistNode plistNodeOfValue(const PlistValue& value) {
     return nullptr;
 }
 
-std::optional<std::vector<std::string>> stringsOfArrayNode(plist_t node) {
-    if (node == nullptr || plist_get_node_type(node) != PLIST_ARRAY) {
-        return std::nullopt;
+support::Result<std::vector<std::string>> stringsOfArrayNode(plist_t node) {
+    if (node == nullptr) {
+        return invalid("it is missing");
+    }
+    if (plist_get_node_type(node) != PLIST_ARRAY) {
+        return invalid(std::string("it is ") + withArticle(plist_get_node_type(node)));
     }
     std::vector<std::string> strings;
     const std::uint32_t size = plist_array_get_size(node);
     strings.reserve(size);
     for (std::uint32_t index = 0; index < size; ++index) {
-        auto text = textOfStringNode(plist_array_get_item(node, index));
+        plist_t element = plist_array_get_item(node, index);
+        auto text = textOfStringNode(element);
         if (!text) {
-            return std::nullopt;
+            return invalid("element " + std::to_string(index) + " is " +
+                           withArticle(plist_get_node_type(element)));
         }
         strings.push_back(std::move(*text));
     }

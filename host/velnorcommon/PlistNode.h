@@ -68,9 +68,9 @@ support::Result<PlistValue> plistValueOfNode(plist_t node);
 // property list can express.
 PlistNode plistNodeOfValue(const PlistValue& value);
 
-// The strings of an array node; empty when node is not an array or holds anything other than
-// strings.
-std::optional<std::vector<std::string>> stringsOfArrayNode(plist_t node);
+// The strings of an array node. Fails, with the reason alone ("element 5 is an integer", "it is
+// a dictionary"), when node is not an array or holds anything other than strings.
+support::Result<std::vector<std::string>> stringsOfArrayNode(plist_t node);
 
 // Calls visit with each key and value of a dictionary node, in the file's order, until visit
 // answers false. True when every entry was visited.

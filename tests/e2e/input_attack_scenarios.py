@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Hostile input and interrupted writes: request files built to crash the host or to change what
-it stores, job files holding every kind of value, and writes killed at random moments."""
+it stores, job files holding every kind of value or arguments that cannot be read, and writes
+killed at random moments."""
 
 import datetime
 import glob
@@ -226,6 +227,25 @@ class InputAttacks(harness.ScenarioCase):
         self.assertNotIn(UPDATED_JOB_FILE, answer.log)
         self.assertFalse(os.path.exists(MARKER), "no marker without a rewrite")
         self.assertEqual(harness.job_file_bytes(), before)
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_arguments_holding_a_non_string_are_kept(self):
+        """A job file whose argument vector holds an integer has no vector the plug-in can read;
+        a settings write would compose one from nothing and lose the program. The library
+        refuses to replace it, says why, and the file stays as it was."""
+        job = harness.read_job_file()
+        job["ProgramArguments"] = ["/usr/bin/postgres", "-D", "/d", "-c", "port=5433", 5]
+        harness.write_job_file(job)
+        before = harness.job_file_bytes()
+
+        answer = self.velnor("settings", "A=1", "dataDir=/d")
+        self.assertEqual(answer.response, {"configuration": {"A": "1", "dataDir": "/d"},
+                                           "writeStatus": 0, "readStatus": 0}, "the response as ever")
+        self.assertEqual(harness.job_file_bytes(), before, "the job file is left as it was")
+        self.assertIn(refusal("change the launch arguments in",
+                              "ProgramArguments is not an array of strings (element 5 is an "
+                              "integer), and arguments composed without it would lose the program "
+                              "and settings that it holds"), answer.stderr)
 
     @sandbox("--legacy-log-dir", "--initdb", "--socket-dir")
     def test_killed_writes_leave_the_job_file_whole(self):

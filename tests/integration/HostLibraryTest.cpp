@@ -148,8 +148,8 @@ TEST(JobFiles, RewritesKeepTheFormatAndEveryOtherValue) {
     }
 }
 
-// A rewrite that could not leave a file that every reader reads back exactly leaves the job file
-// as it was, and no temporary file.
+// A rewrite that could not leave a file that every reader reads back exactly, or that would
+// replace arguments it could not read, leaves the job file as it was, and no temporary file.
 TEST(JobFiles, RewritesThatWouldLoseSomethingLeaveTheFileAsItWas) {
     const std::string xmlOld =
         bytesIn(PlistFormat::Xml, {{"ProgramArguments", PlistArray{"/old"}}});
@@ -167,6 +167,13 @@ TEST(JobFiles, RewritesThatWouldLoseSomethingLeaveTheFileAsItWas) {
         {"an XML file with a carriage return in a key",
          "<plist><dict><key>a\rb</key><string>x</string></dict></plist>",
          {"/new"}},
+        {"arguments holding an integer",
+         bytesIn(PlistFormat::Xml,
+                 {{"ProgramArguments", PlistArray{"/bin/postgres", PlistValue::integer(5)}}}),
+         {"-c", "A=1"}},
+        {"arguments that are one string",
+         bytesIn(PlistFormat::Binary, {{"ProgramArguments", "/bin/postgres -D /d"}}),
+         {"-c", "A=1"}},
         {"a file that is no property list", "ProgramArguments = /bin/postgres", {"/new"}},
         {"XML, an argument holding U+0001", xmlOld, {"/new", "a\x01"}},
         {"XML, an argument holding a carriage return", xmlOld, {"/new", "a\r"}},
@@ -182,6 +189,27 @@ TEST(JobFiles, RewritesThatWouldLoseSomethingLeaveTheFileAsItWas) {
         EXPECT_FALSE(SetLaunchDaemonServiceConfigArgs(path, row.arguments)) << row.what;
         EXPECT_EQ(fileText(path), row.file) << row.what;
         EXPECT_EQ(entriesIn(folder.path), 1u) << row.what << ": a temporary stays";
+    }
+}
+
+// Arguments that are there but cannot be read are no arguments to the reader, as a missing
+// file or key is; a job file that can be read whole gives its arguments whatever else it holds.
+TEST(JobFiles, ArgumentsAreReadOnlyFromAnArrayOfStrings) {
+    TemporaryFolder folder;
+    const std::string path = folder / "job.plist";
+    EXPECT_EQ(GetLaunchDaemonServiceConfigArgs(path), std::nullopt) << "no file";
+    const std::pair<PlistDictionary, std::optional<LaunchArguments>> rows[] = {
+        {{{"Label", "x"}}, std::nullopt},
+        {{{"ProgramArguments", PlistArray{"/bin/x", PlistValue::integer(5)}}}, std::nullopt},
+        {{{"ProgramArguments", PlistArray{"/bin/x", PlistArray{"-D"}}}}, std::nullopt},
+        {{{"ProgramArguments", PlistArray{}}}, LaunchArguments{}},
+        {{{"ProgramArguments", PlistArray{"/bin/x", "-D", "/d"}},
+          {"Largest", PlistValue::unsignedInteger(UINT64_MAX)}},
+         LaunchArguments{"/bin/x", "-D", "/d"}},
+    };
+    for (const auto& [job, arguments] : rows) {
+        writeText(path, bytesIn(PlistFormat::Binary, job));
+        EXPECT_EQ(GetLaunchDaemonServiceConfigArgs(path), arguments);
     }
 }
 
