@@ -333,7 +333,7 @@ PlistFormat formatOfPlistBytes(std::string_view bytes) {
 }
 
 support::Result<PlistFile> readPlistFile(const std::string& path) {
-    auto bytes = readWholeFile(path);
+    auto bytes = readWholeFileSafely(path);
     if (!bytes) {
         return bytes.failure();
     }

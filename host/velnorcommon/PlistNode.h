@@ -42,8 +42,9 @@ struct PlistFile {
     PlistFormat format;
 };
 
-// The tree that the file at path holds. Fails with `could not read "PATH": REASON` when it
-// cannot be read or is not a property list; error() is ENOENT when there is no file at all.
+// The tree that the file at path holds, path resolved as SafePath.h resolves it. Fails with
+// `could not read "PATH": REASON` when it cannot be read or is not a property list; error() is
+// ENOENT when there is no file at all.
 support::Result<PlistFile> readPlistFile(const std::string& path);
 
 // The tree as an XML property list. Reals are written in the shortest form that reads back as

@@ -79,7 +79,7 @@ namespace {
 
 // The format of the file that a write replaces, which the write keeps; XML for a new file.
 support::Result<PlistFormat> formatToKeep(const std::string& path) {
-    auto bytes = readWholeFile(path);
+    auto bytes = readWholeFileSafely(path);
     if (!bytes) {
         return bytes.error() == ENOENT ? support::Result<PlistFormat>(PlistFormat::Xml)
                                        : bytes.failure();

@@ -14,8 +14,9 @@ namespace velnor {
 // message, when the bytes are not a property list.
 VELNOR_EXPORT support::Result<PlistValue> parsePropertyList(std::string_view bytes);
 
-// Reads a property-list file, XML or binary. Fails with `could not read "PATH": REASON` when
-// the file cannot be read or is not a property list; error() is ENOENT when there is no file.
+// Reads a property-list file, XML or binary, following a link only where the folder that holds
+// it is root's alone (SafePath.h). Fails with `could not read "PATH": REASON` when the file
+// cannot be read or is not a property list; error() is ENOENT when there is no file.
 VELNOR_EXPORT support::Result<PlistValue> readPropertyListFile(const std::string& path);
 
 // Reads a property-list file whose top level is a dictionary; fails the same way otherwise.

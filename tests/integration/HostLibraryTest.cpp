@@ -2,6 +2,7 @@
 // accounts can show.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -211,6 +212,34 @@ TEST(JobFiles, ArgumentsAreReadOnlyFromAnArrayOfStrings) {
         writeText(path, bytesIn(PlistFormat::Binary, job));
         EXPECT_EQ(GetLaunchDaemonServiceConfigArgs(path), arguments);
     }
+}
+
+// A job file reached through a link is rewritten where the link leads, and the link stays; a
+// link in a folder that another account may write is never followed, to read or to write.
+TEST(JobFiles, LinksAreFollowedOnlyWhereRootAlonePutThem) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can give a folder to another account";
+    }
+    TemporaryFolder folder;  // root's alone
+    const std::string target = folder / "real.plist";
+    writeText(target, bytesIn(PlistFormat::Xml, {{"ProgramArguments", PlistArray{"/old"}}}));
+    ASSERT_EQ(::symlink(target.c_str(), (folder / "job.plist").c_str()), 0);
+    ASSERT_TRUE(SetLaunchDaemonServiceConfigArgs(folder / "job.plist", {"/new"}));
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "job.plist")) << "the link stays";
+    EXPECT_EQ(GetLaunchDaemonServiceConfigArgs(target), LaunchArguments{"/new"});
+
+    const std::string theirs = folder / "theirs";
+    ASSERT_EQ(::mkdir(theirs.c_str(), 0755), 0);
+    ASSERT_EQ(::chown(theirs.c_str(), 65534, 65534), 0);
+    const std::string planted = theirs + "/job.plist";
+    ASSERT_EQ(::symlink(target.c_str(), planted.c_str()), 0);
+    const std::string before = fileText(target);
+    EXPECT_EQ(GetLaunchDaemonServiceConfigArgs(planted), std::nullopt);
+    EXPECT_FALSE(SetLaunchDaemonServiceConfigArgs(planted, {"/other"}));
+    EXPECT_FALSE(writePropertyListAtomically(planted, PlistValue(PlistDictionary{{"a", "b"}})));
+    EXPECT_FALSE(readPropertyListDictionary(planted));
+    EXPECT_EQ(fileText(target), before);
+    EXPECT_TRUE(std::filesystem::is_symlink(planted));
 }
 
 // The e2e job's label needs no escape; other labels are escaped as systemd escapes unit names,
