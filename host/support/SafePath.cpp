@@ -322,6 +322,51 @@ Result<UniqueFd> openSafely(const std::string& path, std::string* untrusted) {
     return Walk("open", path, std::nullopt, untrusted).run();
 }
 
+Result<Placement> placeSafely(const std::string& path) {
+    std::string current = path;
+    for (int links = 0;; ++links) {
+        std::string name = lastNameOf(current);
+        if (name == "/" || name == "." || name == "..") {
+            return couldNot("open", path, EISDIR);
+        }
+        const std::string holder = folderOf(current);
+        auto folder = openSafely(holder);
+        if (!folder) {
+            return folder.failure();
+        }
+        UniqueFd entry(openat(folder->get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        struct stat status;
+        if (!entry.valid() && errno != ENOENT) {
+            return couldNot("open", current, errno);
+        }
+        if (entry.valid() && fstat(entry.get(), &status) != 0) {
+            return couldNot("open", current, errno);
+        }
+        if (!entry.valid() || !S_ISLNK(status.st_mode)) {
+            return Placement{std::move(*folder), std::move(name), std::move(current)};
+        }
+        // The same rule as for a link on the way: followed only where nobody but root could
+        // have put it.
+        struct stat holderStatus;
+        if (fstat(folder->get(), &holderStatus) != 0) {
+            return couldNot("open", holder, errno);
+        }
+        if (auto why = whyNotRootsAlone(holderStatus, holder)) {
+            return couldNot("open", path,
+                            "cannot follow the symbolic link " + quoted(current) + ": " + *why,
+                            ELOOP);
+        }
+        auto target = linkTarget(entry.get());
+        if (links == kMostLinks || !target || target->empty()) {
+            return couldNot("open", current,
+                            links == kMostLinks ? ELOOP
+                            : !target           ? target.error()
+                                                : ENOENT);
+        }
+        current = target->front() == '/' ? *target : joinedPath(holder, *target);
+    }
+}
+
 Result<UniqueFd> reopen(int pathDescriptor, int flags, const std::string& shownPath) {
     // The descriptor's entry in /proc leads to the very file it holds, whatever has become of
     // the path since.

@@ -40,6 +40,20 @@ Result<Attributes> resolveAttributes(mode_t permissions, const std::string& owne
 // `could not open "PATH": REASON`; error() is ENOENT when something on the way is missing.
 Result<UniqueFd> openSafely(const std::string& path, std::string* untrusted = nullptr);
 
+// Where a file lies, for a rename over it: the folder that holds it, as an O_PATH descriptor, its
+// name there, and its path as messages show it.
+struct Placement {
+    UniqueFd folder;
+    std::string name;
+    std::string shownPath;
+};
+
+// Where the file that path names lies, links followed where safe: a link at the end of path is
+// followed too, so that a rename over the placement replaces the file that the link names and
+// the link stays. A last name with nothing there is no failure; that is where a new file goes.
+// Fails like openSafely.
+Result<Placement> placeSafely(const std::string& path);
+
 // The descriptor opened again with flags (O_RDONLY, ...), as the same file: never by its path.
 Result<UniqueFd> reopen(int pathDescriptor, int flags, const std::string& shownPath);
 

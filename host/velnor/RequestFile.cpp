@@ -46,9 +46,13 @@ support::Result<PlistDictionary> requestFromBytes(std::string_view bytes,
     if (!value) {
         return support::couldNot("read the request", source, value.message(), EINVAL);
     }
-    // The plug-in stores request strings in its job file, which is XML: a string that XML
+    // Plug-ins take integers as signed 64-bit ones.
+    if (std::optional<std::string> integer = findIntegerAboveSigned(*value)) {
+        return support::couldNot("read the request", source, *integer, EINVAL);
+    }
+    // The plug-in stores request strings in its job file, which may be XML: a string that XML
     // cannot carry would come back otherwise, or leave the file unreadable.
-    if (std::optional<std::string> uncarriable = findUncarriableText(*value)) {
+    if (std::optional<std::string> uncarriable = findUncarriableText(*value, PlistFormat::Xml)) {
         return support::couldNot("read the request", source,
                                  *uncarriable + ", which a property list cannot carry exactly",
                                  EINVAL);

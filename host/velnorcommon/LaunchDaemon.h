@@ -13,14 +13,18 @@ namespace velnor {
 using LaunchArguments = std::vector<std::string>;
 
 // The strings under ProgramArguments of the property list at path; nothing when the file is
-// missing, unreadable, not a dictionary, or has no such array of strings.
+// missing, cannot be read whole, is not a dictionary, or has no such array of strings. Every
+// reason but a missing file or a missing key goes to the log.
 VELNOR_EXPORT std::optional<LaunchArguments> GetLaunchDaemonServiceConfigArgs(
     const std::string& path);
 
 // Replaces ProgramArguments in the job file at path, keeping every other key and value, the
-// file's mode and owner. Written as XML, atomically. A missing file is created holding just
-// ProgramArguments. False when it cannot be written, or when an argument holds a character
-// that the XML file cannot carry exactly (PlistText.h); the old file is then left whole.
+// file's mode, owner and format (binary or XML), atomically. A missing file is created as XML
+// holding just ProgramArguments. False, with the reason in the log and the old file left whole,
+// when the file cannot be read whole, when it holds a ProgramArguments that is not an array of
+// strings (the arguments were composed without it and would lose what it holds), when a string
+// of the new file could not be carried exactly by its format (PlistText.h), or when it cannot be
+// written.
 VELNOR_EXPORT bool SetLaunchDaemonServiceConfigArgs(const std::string& path,
                                                     const LaunchArguments& arguments);
 

@@ -1,5 +1,6 @@
 #include "PlistNode.h"
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <charconv>
@@ -44,32 +45,48 @@ const char* kindNameOfNode(plist_type type) {
     return "none";
 }
 
+// "an integer", "a string": the kind's name as a sentence needs it.
+std::string withArticle(plist_type type) {
+    const std::string name = kindNameOfNode(type);
+    return (name.find_first_of("aeiou") == 0 ? "an " : "a ") + name;
+}
+
 struct FreeWithFree {
     void operator()(void* memory) const { std::free(memory); }
 };
 
-// A lone date as a binary property list: the header, the date object (its marker, then the
-// seconds as a big-endian double), the offset table and the trailer. libplist's accessor for
-// dates answers whole seconds in 32 bits only, and its constructor takes them, so a date's exact
-// value travels through this form instead.
-constexpr std::size_t kDateObjectOffset = 8;
+// A lone object as a binary property list: the header, the object (its marker, then its bytes
+// big-endian), the offset table and the trailer. libplist's accessor for dates answers whole
+// seconds in 32 bits only, and its constructor takes them; its constructor for integers takes
+// every one with the top bit set for a negative one. Such values travel through this form
+// instead.
+constexpr std::size_t kObjectOffset = 8;
 constexpr unsigned char kDateMarker = 0x33;
+// An integer of 16 bytes, the form binary property lists give those above the largest signed
+// 64-bit integer.
+constexpr unsigned char kWideIntegerMarker = 0x14;
 
-std::string binaryPlistOfDate(double seconds) {
-    std::string bytes = "bplist00";
-    bytes += static_cast<char>(kDateMarker);
-    const auto bits = std::bit_cast<std::uint64_t>(seconds);
+void appendBigEndian(std::string& bytes, std::uint64_t bits) {
     for (int shift = 56; shift >= 0; shift -= 8) {
         bytes += static_cast<char>((bits >> shift) & 0xFF);
     }
+}
+
+PlistNode nodeOfBinaryObject(unsigned char marker, std::string_view body) {
+    std::string bytes = "bplist00";
+    bytes += static_cast<char>(marker);
+    bytes += body;
     const std::size_t table = bytes.size();
-    bytes += static_cast<char>(kDateObjectOffset);
+    bytes += static_cast<char>(kObjectOffset);
     std::string trailer(32, '\0');
     trailer[6] = 1;   // offset size
     trailer[7] = 1;   // reference size
     trailer[15] = 1;  // one object, the top one (0)
     trailer[31] = static_cast<char>(table);
-    return bytes + trailer;
+    bytes += trailer;
+    plist_t node = nullptr;
+    plist_from_bin(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &node);
+    return PlistNode(node);
 }
 
 double secondsOfDateNode(plist_t node) {
@@ -77,10 +94,10 @@ double secondsOfDateNode(plist_t node) {
     std::uint32_t length = 0;
     plist_to_bin(node, &bytes, &length);
     std::uint64_t bits = 0;
-    if (bytes != nullptr && length > kDateObjectOffset + 8 &&
-        static_cast<unsigned char>(bytes[kDateObjectOffset]) == kDateMarker) {
+    if (bytes != nullptr && length > kObjectOffset + 8 &&
+        static_cast<unsigned char>(bytes[kObjectOffset]) == kDateMarker) {
         for (std::size_t i = 1; i <= 8; ++i) {
-            bits = (bits << 8) | static_cast<unsigned char>(bytes[kDateObjectOffset + i]);
+            bits = (bits << 8) | static_cast<unsigned char>(bytes[kObjectOffset + i]);
         }
     }
     plist_to_bin_free(bytes);
@@ -88,10 +105,20 @@ double secondsOfDateNode(plist_t node) {
 }
 
 PlistNode nodeOfDate(double seconds) {
-    const std::string bytes = binaryPlistOfDate(seconds);
-    plist_t node = nullptr;
-    plist_from_bin(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &node);
-    return PlistNode(node);
+    std::string body;
+    appendBigEndian(body, std::bit_cast<std::uint64_t>(seconds));
+    return nodeOfBinaryObject(kDateMarker, body);
+}
+
+PlistNode nodeOfInteger(const PlistValue& value) {
+    if (const auto number = value.asInteger()) {
+        // Negative numbers travel as their two's-complement bits; libplist writes them back
+        // with their sign.
+        return PlistNode(plist_new_uint(static_cast<std::uint64_t>(*number)));
+    }
+    std::string body(8, '\0');
+    appendBigEndian(body, *value.asUnsignedInteger());
+    return nodeOfBinaryObject(kWideIntegerMarker, body);
 }
 
 // The reals of a tree in the order its XML shows them.
@@ -195,13 +222,12 @@ class NodeConverter {
     // libplist keeps every integer as 64 unsigned bits and remembers apart whether a value with
     // the top bit set was written negative or as a large unsigned number. Only its XML output
     // tells the two apart, so that is asked in the rare case where it matters.
-    support::Result<PlistValue> integerOf(plist_t node) {
+    static PlistValue integerOf(plist_t node) {
         std::uint64_t bits = 0;
         plist_get_uint_val(node, &bits);
         if (bits > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) &&
             xmlOfPlistNode(node).find("<integer>-") == std::string::npos) {
-            return refuse("unsupported integer " + std::to_string(bits) +
-                          ", above the largest signed 64-bit integer,");
+            return PlistValue::unsignedInteger(bits);
         }
         return PlistValue::integer(static_cast<std::int64_t>(bits));
     }
@@ -301,8 +327,13 @@ support::Result<PlistNode> parsePlistNode(std::string_view bytes) {
     return PlistNode(root);
 }
 
-support::Result<PlistNode> readPlistNodeFile(const std::string& path) {
-    auto bytes = readWholeFile(path);
+PlistFormat formatOfPlistBytes(std::string_view bytes) {
+    const auto length = static_cast<std::uint32_t>(std::min<std::size_t>(bytes.size(), UINT32_MAX));
+    return plist_is_binary(bytes.data(), length) ? PlistFormat::Binary : PlistFormat::Xml;
+}
+
+support::Result<PlistFile> readPlistFile(const std::string& path) {
+    auto bytes = readWholeFileSafely(path);
     if (!bytes) {
         return bytes.failure();
     }
@@ -310,7 +341,7 @@ support::Result<PlistNode> readPlistNodeFile(const std::string& path) {
     if (!node) {
         return support::couldNot("read", path, node.message(), node.error());
     }
-    return node;
+    return PlistFile{std::move(*node), formatOfPlistBytes(*bytes)};
 }
 
 std::string xmlOfPlistNode(plist_t node) {
@@ -322,6 +353,33 @@ std::string xmlOfPlistNode(plist_t node) {
     std::vector<double> reals;
     collectReals(node, reals);
     return reals.empty() ? text : withExactReals(std::move(text), reals);
+}
+
+support::Result<std::string> exactBytesOfPlistNode(plist_t node, PlistFormat format) {
+    auto value = plistValueOfNode(node);
+    if (!value) {
+        return value.failure();
+    }
+    if (auto uncarriable = findUncarriableText(*value, format)) {
+        return invalid(*uncarriable + ", which " + formatName(format) + " cannot carry exactly");
+    }
+    std::string bytes;
+    if (format == PlistFormat::Xml) {
+        bytes = xmlOfPlistNode(node);
+    } else {
+        char* binary = nullptr;
+        std::uint32_t length = 0;
+        plist_to_bin(node, &binary, &length);
+        bytes.assign(binary != nullptr ? binary : "", binary != nullptr ? length : 0);
+        plist_to_bin_free(binary);
+    }
+    // What the rules above do not foresee in libplist's writers still never reaches a file.
+    auto again = parsePlistNode(bytes);
+    auto valueAgain = again ? plistValueOfNode(again->get()) : again.failure();
+    if (!valueAgain || !(*valueAgain == *value)) {
+        return invalid(std::string(formatName(format)) + " of it would not read back the same");
+    }
+    return bytes;
 }
 
 std::string base64OfBytes(std::string_view bytes) {
@@ -349,9 +407,7 @@ PlistNode plistNodeOfValue(const PlistValue& value) {
         case PlistValue::Kind::String:
             return PlistNode(plist_new_string(value.asString()->c_str()));
         case PlistValue::Kind::Integer:
-            // Negative numbers travel as their two's-complement bits; libplist writes them
-            // back with their sign.
-            return PlistNode(plist_new_uint(static_cast<std::uint64_t>(*value.asInteger())));
+            return nodeOfInteger(value);
         case PlistValue::Kind::Boolean:
             return PlistNode(plist_new_bool(*value.asBoolean() ? 1 : 0));
         case PlistValue::Kind::Array:
@@ -372,17 +428,22 @@ PlistNode plistNodeOfValue(const PlistValue& value) {
     return nullptr;
 }
 
-std::optional<std::vector<std::string>> stringsOfArrayNode(plist_t node) {
-    if (node == nullptr || plist_get_node_type(node) != PLIST_ARRAY) {
-        return std::nullopt;
+support::Result<std::vector<std::string>> stringsOfArrayNode(plist_t node) {
+    if (node == nullptr) {
+        return invalid("it is missing");
+    }
+    if (plist_get_node_type(node) != PLIST_ARRAY) {
+        return invalid(std::string("it is ") + withArticle(plist_get_node_type(node)));
     }
     std::vector<std::string> strings;
     const std::uint32_t size = plist_array_get_size(node);
     strings.reserve(size);
     for (std::uint32_t index = 0; index < size; ++index) {
-        auto text = textOfStringNode(plist_array_get_item(node, index));
+        plist_t element = plist_array_get_item(node, index);
+        auto text = textOfStringNode(element);
         if (!text) {
-            return std::nullopt;
+            return invalid("element " + std::to_string(index) + " is " +
+                           withArticle(plist_get_node_type(element)));
         }
         strings.push_back(std::move(*text));
     }

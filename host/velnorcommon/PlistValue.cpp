@@ -4,7 +4,10 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <limits>
 #include <stdexcept>
+
+#include "PlistTreePath.h"
 
 namespace velnor {
 
@@ -40,7 +43,13 @@ bool PlistDictionary::operator==(const PlistDictionary& other) const {
 
 PlistValue PlistValue::integer(std::int64_t number) {
     PlistValue value;
-    value.value_ = Integer{number};
+    value.value_ = Integer{static_cast<std::uint64_t>(number), number < 0};
+    return value;
+}
+
+PlistValue PlistValue::unsignedInteger(std::uint64_t number) {
+    PlistValue value;
+    value.value_ = Integer{number, false};
     return value;
 }
 
@@ -110,10 +119,21 @@ std::optional<std::uint64_t> PlistValue::asUid() const {
 }
 
 std::optional<std::int64_t> PlistValue::asInteger() const {
-    if (const auto* integer = std::get_if<Integer>(&value_)) {
-        return integer->number;
+    const auto* integer = std::get_if<Integer>(&value_);
+    if (integer == nullptr ||
+        (!integer->negative &&
+         integer->bits > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))) {
+        return std::nullopt;
     }
-    return std::nullopt;
+    return static_cast<std::int64_t>(integer->bits);
+}
+
+std::optional<std::uint64_t> PlistValue::asUnsignedInteger() const {
+    const auto* integer = std::get_if<Integer>(&value_);
+    if (integer == nullptr || integer->negative) {
+        return std::nullopt;
+    }
+    return integer->bits;
 }
 
 std::optional<bool> PlistValue::asBoolean() const {
@@ -147,6 +167,38 @@ const char* kindName(PlistValue::Kind kind) {
             return "uid";
     }
     return "unknown";
+}
+
+namespace {
+
+std::optional<std::string> findIntegerAboveSigned(const PlistValue& value, PlistTreePath& path) {
+    if (value.kind() == PlistValue::Kind::Integer && !value.asInteger()) {
+        return "unsupported integer " + std::to_string(*value.asUnsignedInteger()) +
+               ", above the largest signed 64-bit integer, " + path.describe();
+    }
+    std::optional<std::string> found;
+    if (const PlistArray* array = value.asArray()) {
+        for (std::size_t index = 0; index < array->size() && !found; ++index) {
+            path.enterIndex(index);
+            found = findIntegerAboveSigned((*array)[index], path);
+            path.leave();
+        }
+    }
+    if (const PlistDictionary* dictionary = value.asDictionary()) {
+        for (auto entry = dictionary->begin(); entry != dictionary->end() && !found; ++entry) {
+            path.enterKey(entry->first);
+            found = findIntegerAboveSigned(entry->second, path);
+            path.leave();
+        }
+    }
+    return found;
+}
+
+}  // namespace
+
+std::optional<std::string> findIntegerAboveSigned(const PlistValue& value) {
+    PlistTreePath path;
+    return findIntegerAboveSigned(value, path);
 }
 
 std::string textOfReal(double number) {

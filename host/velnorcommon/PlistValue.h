@@ -1,9 +1,11 @@
 // Property-list values as the host and its plug-ins exchange them.
 //
 // Every kind a property-list file can hold has its own alternative, so that a file read and
-// written whole keeps every value and kind. Integers and booleans are distinct kinds: an integer
-// 0 is never false, in memory, in a property-list file or in JSON; reals are a third kind again.
-// A default-constructed value is absent; a dictionary refuses to hold an absent value.
+// written whole keeps every value and kind; integers run from the smallest signed 64-bit one to
+// the largest unsigned one, as binary property lists carry them. Integers and booleans are distinct
+// kinds: an integer 0 is never false, in memory, in a property-list file or in JSON; reals are a
+// third kind again. A default-constructed value is absent; a dictionary refuses to hold an absent
+// value.
 #pragma once
 
 #include <cstdint>
@@ -66,6 +68,9 @@ class VELNOR_EXPORT PlistValue {
     // Integers and booleans have named constructors so that a literal 0 can never turn into
     // false, or true into 1, by overload resolution.
     static PlistValue integer(std::int64_t number);
+    // An integer up to the largest unsigned 64-bit one; the same value as integer(number)
+    // wherever both can hold it.
+    static PlistValue unsignedInteger(std::uint64_t number);
     static PlistValue boolean(bool flag);
     static PlistValue real(double number);
     // A point in time as property lists count it: seconds since 2001-01-01T00:00:00Z.
@@ -78,9 +83,11 @@ class VELNOR_EXPORT PlistValue {
     Kind kind() const { return static_cast<Kind>(value_.index()); }
     bool isAbsent() const { return kind() == Kind::Absent; }
 
-    // Each accessor answers nullptr (or nullopt) when the value is of another kind.
+    // Each accessor answers nullptr (or nullopt) when the value is of another kind, and the two
+    // integer accessors also when the integer lies outside their type.
     const std::string* asString() const { return std::get_if<std::string>(&value_); }
     std::optional<std::int64_t> asInteger() const;
+    std::optional<std::uint64_t> asUnsignedInteger() const;
     std::optional<bool> asBoolean() const;
     const PlistArray* asArray() const { return std::get_if<PlistArray>(&value_); }
     const PlistDictionary* asDictionary() const { return std::get_if<PlistDictionary>(&value_); }
@@ -92,8 +99,11 @@ class VELNOR_EXPORT PlistValue {
     bool operator==(const PlistValue& other) const { return value_ == other.value_; }
 
   private:
+    // The integer's 64 bits, and whether they stand for a negative number: -1 and the largest
+    // unsigned integer have the same bits.
     struct Integer {
-        std::int64_t number;
+        std::uint64_t bits;
+        bool negative;
         bool operator==(const Integer&) const = default;
     };
     struct Boolean {
@@ -128,6 +138,12 @@ class VELNOR_EXPORT PlistValue {
 // The kind's name as messages show it: "string", "integer", "boolean", "array", "dictionary",
 // "real", "date", "data", "uid", "absent".
 VELNOR_EXPORT const char* kindName(PlistValue::Kind kind);
+
+// The first integer in value, in the order of the tree, that a signed 64-bit integer cannot
+// hold, described with where it is: unsupported integer 18446744073709551615, above the largest
+// signed 64-bit integer, under "Outer" / 2. Nothing when there is none. Plug-ins take integers
+// as signed 64-bit ones.
+VELNOR_EXPORT std::optional<std::string> findIntegerAboveSigned(const PlistValue& value);
 
 // A real as property lists write it: the shortest decimal form that reads back as the same
 // number ("0.1", "-0", "1e+300"), or "nan", "+infinity", "-infinity".

@@ -17,15 +17,6 @@ namespace {
 // as job files are.
 constexpr mode_t kNewFileMode = 0644;
 
-// The value's XML, or nothing when it holds an absent value and so has no XML.
-std::optional<std::string> xmlOfValue(const PlistValue& value) {
-    PlistNode node = plistNodeOfValue(value);
-    if (!node) {
-        return std::nullopt;
-    }
-    return xmlOfPlistNode(node.get());
-}
-
 }  // namespace
 
 support::Result<PlistValue> parsePropertyList(std::string_view bytes) {
@@ -37,11 +28,11 @@ support::Result<PlistValue> parsePropertyList(std::string_view bytes) {
 }
 
 support::Result<PlistValue> readPropertyListFile(const std::string& path) {
-    auto node = readPlistNodeFile(path);
-    if (!node) {
-        return node.failure();
+    auto file = readPlistFile(path);
+    if (!file) {
+        return file.failure();
     }
-    auto value = plistValueOfNode(node->get());
+    auto value = plistValueOfNode(file->root.get());
     if (!value) {
         return support::couldNot("read", path, value.message(), value.error());
     }
@@ -62,11 +53,11 @@ support::Result<PlistDictionary> readPropertyListDictionary(const std::string& p
 }
 
 std::string toXmlPropertyList(const PlistValue& value) {
-    auto xml = xmlOfValue(value);
-    if (!xml) {
+    PlistNode node = plistNodeOfValue(value);
+    if (!node) {
         throw std::invalid_argument("an absent value cannot be written as a property list");
     }
-    return *xml;
+    return xmlOfPlistNode(node.get());
 }
 
 std::string toBinaryPropertyList(const PlistValue& value) {
@@ -86,25 +77,45 @@ std::string toBinaryPropertyList(const PlistValue& value) {
 
 namespace {
 
-// Why the value cannot be written to path as a property list, when it cannot.
-support::Status checkWritable(const std::string& path, const PlistValue& value) {
-    if (auto uncarriable = findUncarriableText(value)) {
-        return support::couldNot(
-            "write", path, *uncarriable + ", which a property list cannot carry exactly", EINVAL);
+// The format of the file that a write replaces, which the write keeps; XML for a new file.
+support::Result<PlistFormat> formatToKeep(const std::string& path) {
+    auto bytes = readWholeFileSafely(path);
+    if (!bytes) {
+        return bytes.error() == ENOENT ? support::Result<PlistFormat>(PlistFormat::Xml)
+                                       : bytes.failure();
     }
-    return {};
+    return formatOfPlistBytes(*bytes);
+}
+
+// The bytes that put value at path, in the format of the file there. A zero byte in a string
+// is refused before the value becomes a libplist tree, which would cut the string there.
+support::Result<std::string> bytesToWrite(const std::string& path, const PlistValue& value) {
+    auto format = formatToKeep(path);
+    if (!format) {
+        return format.failure();
+    }
+    PlistNode node = plistNodeOfValue(value);
+    if (!node) {
+        return support::couldNot("write", path, "the value holds an absent value", EINVAL);
+    }
+    if (auto uncarriable = findUncarriableText(value, *format)) {
+        return support::couldNot(
+            "write", path,
+            *uncarriable + ", which " + formatName(*format) + " cannot carry exactly", EINVAL);
+    }
+    auto bytes = exactBytesOfPlistNode(node.get(), *format);
+    if (!bytes) {
+        return support::couldNot("write", path, bytes.message(), bytes.error());
+    }
+    return bytes;
 }
 
 }  // namespace
 
 support::Status writePropertyListAtomically(const std::string& path, const PlistValue& value) {
-    auto xml = xmlOfValue(value);
+    auto bytes = bytesToWrite(path, value);
     support::Status written =
-        !xml ? support::couldNot("write", path, "the value holds an absent value", EINVAL)
-             : checkWritable(path, value);
-    if (written) {
-        written = replaceWholeFileAtomically(path, *xml, kNewFileMode);
-    }
+        bytes ? replaceWholeFileAtomically(path, *bytes, kNewFileMode) : bytes.failure();
     if (!written) {
         logHostFailure(written.message());
     }

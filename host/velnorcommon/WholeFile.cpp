@@ -5,35 +5,29 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <memory>
 
 #include "DescriptorIo.h"
 #include "PathNames.h"
+#include "SafePath.h"
 #include "TemporaryFiles.h"
 #include "UniqueFd.h"
 
 namespace velnor {
 namespace {
 
-// The file that a write to path really replaces: the target of a symbolic link, so that the
-// link stays a link. A path that does not resolve (nothing there yet) is its own target.
-std::string replacementTarget(const std::string& path) {
-    std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
-                                                         &std::free);
-    return resolved ? std::string(resolved.get()) : path;
-}
-
-// A temporary file beside target, removed again unless it has been renamed into place.
+// A temporary file beside the placement's file, removed again unless it has been renamed into
+// place.
 class TemporaryFile {
   public:
-    explicit TemporaryFile(const std::string& target) : name_(support::lastNameOf(target)) {
-        folder_.reset(
-            ::open(support::folderOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!folder_.valid()) {
-            created_ = support::Failure{errno, support::systemReason(errno)};
+    explicit TemporaryFile(const support::Placement& placement) : name_(placement.name) {
+        // The placement holds a path descriptor, which can neither be listed nor flushed.
+        auto folder = support::reopen(placement.folder.get(), O_RDONLY | O_DIRECTORY,
+                                      support::folderOf(placement.shownPath));
+        if (!folder) {
+            created_ = folder.failure();
             return;
         }
+        folder_ = std::move(*folder);
         support::removeLeftTemporaries(folder_.get(), name_);
         created_ = support::createTemporaryFile(folder_.get(), name_, &temporary_);
     }
@@ -77,13 +71,9 @@ bool takeOverAttributes(const TemporaryFile& file, const struct stat* old, mode_
     return ::fchmod(file.fd(), mode) == 0;
 }
 
-}  // namespace
-
-support::Result<std::string> readWholeFile(const std::string& path) {
-    support::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd.valid()) {
-        return support::couldNot("open", path, errno);
-    }
+// The whole of the regular file open at fd.
+support::Result<std::string> readWholeOpenFile(const support::UniqueFd& fd,
+                                               const std::string& path) {
     struct stat status {};
     if (::fstat(fd.get(), &status) != 0) {
         return support::couldNot("examine", path, errno);
@@ -98,11 +88,46 @@ support::Result<std::string> readWholeFile(const std::string& path) {
     return contents;
 }
 
+}  // namespace
+
+support::Result<std::string> readWholeFile(const std::string& path) {
+    support::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) {
+        return support::couldNot("open", path, errno);
+    }
+    return readWholeOpenFile(fd, path);
+}
+
+support::Result<std::string> readWholeFileSafely(const std::string& path) {
+    auto found = support::openSafely(path);
+    if (!found) {
+        return found.failure();
+    }
+    // A path descriptor of a folder or device would open as one; only a regular file is read.
+    struct stat status {};
+    if (::fstat(found->get(), &status) != 0) {
+        return support::couldNot("examine", path, errno);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return support::couldNot("read", path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+    }
+    auto fd = support::reopen(found->get(), O_RDONLY, path);
+    if (!fd) {
+        return fd.failure();
+    }
+    return readWholeOpenFile(*fd, path);
+}
+
 support::Status replaceWholeFileAtomically(const std::string& path, std::string_view contents,
                                            mode_t newFileMode) {
-    const std::string target = replacementTarget(path);
+    auto placement = support::placeSafely(path);
+    if (!placement) {
+        return placement.failure();
+    }
+    const std::string& target = placement->shownPath;
     struct stat old {};
-    const bool replacing = ::stat(target.c_str(), &old) == 0;
+    const bool replacing =
+        ::fstatat(placement->folder.get(), placement->name.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0;
     if (!replacing && errno != ENOENT) {
         return support::couldNot("examine", target, errno);
     }
@@ -110,7 +135,7 @@ support::Status replaceWholeFileAtomically(const std::string& path, std::string_
         return support::couldNot("replace", target, S_ISDIR(old.st_mode) ? EISDIR : EINVAL);
     }
 
-    TemporaryFile temporary(target);
+    TemporaryFile temporary(*placement);
     if (!temporary.created()) {
         return support::couldNot("create a temporary file beside", target,
                                  temporary.created().message(), temporary.created().error());

@@ -351,6 +351,20 @@ def read_job_file():
     return plistlib.loads(job_file_bytes())
 
 
+def job_file_format():
+    return "binary" if job_file_bytes().startswith(b"bplist00") else "xml"
+
+
+def job_file_as_libplist_reads_it():
+    """The job file as libplist reads it, written again as binary by plistutil and read back by
+    plistlib: a second reader beside plistlib. Raises when plistutil cannot read it."""
+    done = subprocess.run(["plistutil", "-i", JOB_FILE, "-f", "bin", "-o", "-"], capture_output=True,
+                          timeout=60)
+    if done.returncode != 0:
+        raise AssertionError(f"plistutil cannot read the job file: {done.stderr!r}")
+    return plistlib.loads(done.stdout)
+
+
 def write_job_file(job):
     with open(JOB_FILE, "wb") as out:
         plistlib.dump(job, out)

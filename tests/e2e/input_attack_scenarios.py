@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Hostile input and interrupted writes: request files built to crash the host or to change what
-it stores, job files holding every kind of value, and writes killed at random moments."""
+it stores, job files holding every kind of value or arguments that cannot be read, and writes
+killed at random moments."""
 
 import datetime
 import glob
@@ -82,6 +83,22 @@ def legacy_job():
     return job
 
 
+def migrated(job):
+    return {**job, "ProgramArguments": [
+        "log_directory=/Library/Logs/PostgreSQL" if argument == LEGACY_SETTING else argument
+        for argument in job["ProgramArguments"]]}
+
+
+def write_binary_job_file(job):
+    with open(JOB_FILE, "wb") as out:
+        plistlib.dump(job, out, fmt=plistlib.FMT_BINARY)
+
+
+def refusal(verb, reason):
+    """The host library's message when it refuses to change the job file."""
+    return f'could not {verb} "{JOB_FILE}": {reason}'
+
+
 def prepare_migration(job):
     harness.write_job_file(job)
     shutil.rmtree(LOG_DIR, ignore_errors=True)
@@ -151,6 +168,84 @@ class InputAttacks(harness.ScenarioCase):
         self.assertEqual([type(value) for value in migrated["Nested"]["Weights"]],
                          [float, float, int], "reals stay reals, integers integers")
         self.assertIn(b"<real>0.1</real>", harness.job_file_bytes(), "a real keeps its digits")
+
+    @sandbox("--binary-job-file", "--initdb", "--socket-dir", "--log-dir")
+    def test_job_file_holding_a_control_character_stays_readable(self):
+        """A settings write keeps a binary job file binary, so that a control character in a key
+        the plug-in never touches reaches every reader unchanged. An XML job file holding one is
+        not well-formed already, and is left as it is, with the reason in the log."""
+        job = harness.read_job_file()
+        job["Comment"] = "bell\u0007here"
+        write_binary_job_file(job)
+
+        answer = self.velnor("settings", "work_mem=8MB")
+        self.assertEqual(answer.response["configuration"]["work_mem"], "8MB")
+        self.assertEqual(harness.job_file_format(), "binary", "binary stays binary")
+        written = harness.read_job_file()
+        self.assertIn("work_mem=8MB", written["ProgramArguments"])
+        self.assertEqual({**written, "ProgramArguments": job["ProgramArguments"]}, job,
+                         "every other value as it was")
+        self.assertEqual(harness.job_file_as_libplist_reads_it(), written, "libplist reads the same")
+
+        plain = {key: value for key, value in written.items() if key != "Comment"}
+        with open(JOB_FILE, "wb") as out:
+            out.write(plistlib.dumps(plain).replace(
+                b"<dict>", b"<dict>\n\t<key>Comment</key>\n\t<string>bell&#7;here</string>", 1))
+        before = harness.job_file_bytes()
+        answer = self.velnor("settings", "work_mem=9MB")
+        self.assertEqual(answer.response["configuration"]["work_mem"], "9MB", "the response as ever")
+        self.assertEqual(harness.job_file_bytes(), before, "the XML job file is left as it was")
+        self.assertIn(refusal("change the launch arguments in",
+                              'the string under "Comment" holds U+0007, which an XML property list '
+                              'cannot carry exactly'), answer.stderr)
+
+    @sandbox("--legacy-log-dir", "--binary-job-file", "--initdb", "--socket-dir")
+    def test_job_file_holding_a_large_unsigned_integer_is_migrated(self):
+        """Integers above the largest signed 64-bit one, which binary job files carry, survive the
+        migration exactly; a job file that cannot be read whole is logged with the reason, and
+        then no marker is made."""
+        job = harness.read_job_file()
+        job["Limits"] = {"Largest": 2**64 - 1, "Above signed": 2**63, "Smallest": -2**63}
+        write_binary_job_file(job)
+
+        answer = self.velnor("idle")
+        self.assertIn(UPDATED_JOB_FILE, answer.log, "the migration ran")
+        self.assertEqual(harness.read_job_file(), migrated(job), "only the log directory changed")
+        self.assertEqual(harness.job_file_format(), "binary", "binary stays binary")
+        self.assertEqual(harness.job_file_as_libplist_reads_it(), migrated(job),
+                         "libplist reads the same")
+        self.assertTrue(os.path.exists(MARKER), "the marker follows the rewrite")
+
+        shutil.rmtree(LOG_DIR)
+        os.remove(MARKER)
+        job["Comment"] = "zero\0byte"  # libplist would cut the string there
+        write_binary_job_file(job)
+        before = harness.job_file_bytes()
+        answer = self.velnor("idle")
+        self.assertIn(f'could not read "{JOB_FILE}": not a valid binary property list: a string in '
+                      f'it holds a zero byte', answer.stderr, "the reason is logged")
+        self.assertNotIn(UPDATED_JOB_FILE, answer.log)
+        self.assertFalse(os.path.exists(MARKER), "no marker without a rewrite")
+        self.assertEqual(harness.job_file_bytes(), before)
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_arguments_holding_a_non_string_are_kept(self):
+        """A job file whose argument vector holds an integer has no vector the plug-in can read;
+        a settings write would compose one from nothing and lose the program. The library
+        refuses to replace it, says why, and the file stays as it was."""
+        job = harness.read_job_file()
+        job["ProgramArguments"] = ["/usr/bin/postgres", "-D", "/d", "-c", "port=5433", 5]
+        harness.write_job_file(job)
+        before = harness.job_file_bytes()
+
+        answer = self.velnor("settings", "A=1", "dataDir=/d")
+        self.assertEqual(answer.response, {"configuration": {"A": "1", "dataDir": "/d"},
+                                           "writeStatus": 0, "readStatus": 0}, "the response as ever")
+        self.assertEqual(harness.job_file_bytes(), before, "the job file is left as it was")
+        self.assertIn(refusal("change the launch arguments in",
+                              "ProgramArguments is not an array of strings (element 5 is an "
+                              "integer), and arguments composed without it would lose the program "
+                              "and settings that it holds"), answer.stderr)
 
     @sandbox("--legacy-log-dir", "--initdb", "--socket-dir")
     def test_killed_writes_leave_the_job_file_whole(self):

@@ -4,6 +4,8 @@ the sandbox, planting links, hard links and job files where the housekeeping and
 and checks that root's work never reaches past them."""
 
 import os
+import plistlib
+import shutil
 import subprocess
 import sys
 
@@ -21,6 +23,9 @@ DATA_LINK = "/Library/Data/pg"
 # can hard-link it, so a root that writes through a planted link would damage it.
 SHARED_FILE = "/var/local/shared-notes"
 SHARED_TEXT = "root's notes\n"
+# Root's job file kept with the data, behind a link, and another job file of root's.
+KEPT_JOB = f"{DATA_DIR}/{LABEL}.plist"
+OTHER_JOB = "/var/local/org.example.other.plist"
 
 # How many set-ups face the racer, and how many idle ticks face the marker's racer: against a
 # build that follows the links, the racers won most of them.
@@ -159,6 +164,27 @@ class PathAttacks(harness.ScenarioCase):
         os.symlink("/srv/pg", DATA_DIR)
         self.velnor("setup", "--data-location", DATA_DIR)
         self.assertEqual(attributes("/srv/pg"), harness.folder(0o700), "the data folder behind root's link")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_job_file_never_reached_through_the_accounts_link(self):
+        """Root keeps the job file with the data, behind a link; the service account swaps it
+        for a link to another job file of root's. The settings write neither reads nor writes
+        through that link, and says why."""
+        shutil.copy(harness.JOB_FILE, KEPT_JOB)
+        os.remove(harness.JOB_FILE)
+        os.symlink(KEPT_JOB, harness.JOB_FILE)
+        with open(OTHER_JOB, "wb") as other:
+            plistlib.dump({"Label": "org.example.other", "ProgramArguments": ["/bin/true"]}, other)
+        other = unchanged(OTHER_JOB)
+        self.as_service_account("ln", "-sf", OTHER_JOB, KEPT_JOB)
+
+        # With no arguments to read, the write names the data folder itself, after a setting.
+        answer = self.velnor("settings", "DateStyle=ISO", f"dataDir={DATA_DIR}")
+        self.assertEqual(unchanged(OTHER_JOB), other, "the other job file")
+        self.assertIn(f'could not open "{harness.JOB_FILE}": cannot follow the symbolic link '
+                      f'"{KEPT_JOB}": "{DATA_DIR}" is owned by an account other than root',
+                      answer.stderr, "the refusal")
+        self.assertEqual(os.readlink(KEPT_JOB), OTHER_JOB, "the account's link stays as it was")
 
     @sandbox("--initdb")
     def test_marker_never_written_through_a_hard_link(self):

@@ -18,11 +18,8 @@ import harness  # noqa: E402
 from harness import (ACCOUNT, ACCOUNT_ID, CREATED_LOG_DIR, CREATED_SOCKET_DIR, DATA_DIR, JOB_FILE,
                      LOG_DIR, LOG_FILE, MARKER, RESTARTING, SOCKET_DIR, START_TIMED_OUT,
                      STOP_TIMED_OUT, UPDATED_JOB_FILE, WAITING_TO_RESPOND, WAITING_TO_STOP, Waits,
-                     folder, job_file_bytes, read_job_file, regular_file, sandbox, write_job_file)
-
-
-def job_file_format():
-    return "binary" if job_file_bytes().startswith(b"bplist00") else "xml"
+                     folder, job_file_bytes, job_file_format, read_job_file, regular_file, sandbox,
+                     write_job_file)
 
 
 def idle_titled():
@@ -327,7 +324,7 @@ class Scenarios(harness.ScenarioCase):
             "log_directory=/Library/Logs/PostgreSQL" if argument == "log_directory=/Library/Logs"
             else argument for argument in job_before["ProgramArguments"]]
         self.assertEqual(read_job_file(), migrated, "only the log directory changed, in place")
-        self.assertEqual(job_file_format(), "xml", "the migrated job file is written as XML")
+        self.assertEqual(job_file_format(), "binary", "the migrated job file keeps its format")
         self.assertEqual(harness.attributes(LOG_DIR), folder(0o755), "log folder")
         self.assertEqual(harness.attributes(MARKER), regular_file(0o600), "migration marker")
         server = self.running_server()
