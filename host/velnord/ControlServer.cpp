@@ -13,9 +13,9 @@
 #include "ClientCommand.h"
 #include "ControlProtocol.h"
 #include "ExitStatus.h"
-#include "HostLock.h"
 #include "PathNames.h"
 #include "PluginLoader.h"
+#include "RootFolder.h"
 
 namespace velnor::host {
 namespace {
@@ -124,7 +124,8 @@ void reply(int socket, const PlistDictionary& message) {
 }  // namespace
 
 Result<UniqueFd> listenOnControlSocket(const std::string& path) {
-    Result<UniqueFd> folder = openRootOnlyFolder(support::folderOf(path), "control socket folder");
+    Result<UniqueFd> folder =
+        support::openRootOnlyFolder(support::folderOf(path), "control socket folder");
     if (!folder) {
         return folder.failure();
     }

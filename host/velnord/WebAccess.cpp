@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "HostLock.h"
 #include "PathNames.h"
+#include "RootFolder.h"
 #include "SafePath.h"
 
 namespace velnor::host {
@@ -52,7 +52,7 @@ bool sameSecret(const std::string& one, const std::string& other) {
 
 support::Status publishAccess(const std::string& token, const std::string& address) {
     support::Result<support::UniqueFd> folder =
-        openRootOnlyFolder(support::folderOf(kWebTokenPath), "web console folder");
+        support::openRootOnlyFolder(support::folderOf(kWebTokenPath), "web console folder");
     if (!folder) {
         return folder.failure();
     }

@@ -1,8 +1,8 @@
 // The settings read: every setting in the launch arguments, and the data folder.
 #include "config/LaunchArgumentCodec.h"
 #include "handler/Constants.h"
+#include "handler/Housekeeping.h"
 #include "handler/PostgresRequestHandler.h"
-#include "housekeeping/Housekeeping.h"
 #include "platform/HostLibrary.h"
 
 namespace velnor::postgres {

@@ -3,9 +3,9 @@
 // changed this way, never removed.
 #include "config/LaunchArgumentCodec.h"
 #include "handler/Constants.h"
+#include "handler/Housekeeping.h"
 #include "handler/PostgresRequestHandler.h"
 #include "handler/RequestError.h"
-#include "housekeeping/Housekeeping.h"
 #include "platform/HostLibrary.h"
 
 namespace velnor::postgres {

@@ -1,14 +1,12 @@
 #include "platform/Libpq.h"
 
 #include <dlfcn.h>
-#include <syslog.h>
 
 #include <mutex>
 #include <string>
 
+#include "HostLog.h"
 #include "Result.h"
-#include "handler/Constants.h"
-#include "platform/SystemLog.h"
 
 namespace velnor::platform {
 namespace {
@@ -70,7 +68,8 @@ const LibpqFunctions* libpq() {
     }
     support::Result<LibpqFunctions> functions = loadLibpq();
     if (!functions) {
-        syslog(LOG_ERR, std::string(postgres::kLogPrefix) + functions.message());
+        // Loading is the host's side of the probe: its failure is the host library's to tell.
+        logHostFailure(functions.message());
         return nullptr;
     }
     loaded = *functions;

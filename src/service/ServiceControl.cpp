@@ -3,10 +3,10 @@
 #include <string_view>
 
 #include "handler/Constants.h"
+#include "handler/Housekeeping.h"
 #include "handler/Log.h"
 #include "handler/PostgresRequestHandler.h"
 #include "handler/RequestError.h"
-#include "housekeeping/Housekeeping.h"
 #include "platform/HostLibrary.h"
 #include "platform/Kernel.h"
 #include "service/LivenessProbe.h"

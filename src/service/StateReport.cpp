@@ -4,10 +4,10 @@
 
 #include "config/LaunchArgumentCodec.h"
 #include "handler/Constants.h"
+#include "handler/Housekeeping.h"
 #include "handler/Paths.h"
 #include "handler/PostgresRequestHandler.h"
 #include "handler/RequestError.h"
-#include "housekeeping/Housekeeping.h"
 #include "platform/FileSystem.h"
 #include "platform/HostLibrary.h"
 #include "service/LivenessProbe.h"

@@ -23,19 +23,9 @@ using support::Result;
 using support::Status;
 using support::UniqueFd;
 
-constexpr mode_t kLockFolderMode = 0755;
 constexpr mode_t kLockFileMode = 0600;
 // How often a blocked flock is woken to look at the clock while it waits.
 constexpr suseconds_t kWakeUpMicroseconds = 100000;
-
-// Why a folder is not fit to hold root's lock: whoever may write to it can replace the lock
-// file. Empty when it is fit.
-std::string untrustedFolderBecause(const struct stat& status) {
-    if (status.st_uid != 0) {
-        return "it belongs to uid " + std::to_string(status.st_uid) + ", not root";
-    }
-    return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "others may write to it" : "";
-}
 
 // Why a lock file is not root's alone; empty when it is. A second name could be a file that
 // root's chmod must not touch.
@@ -169,25 +159,6 @@ Status takeLock(int descriptor, const HostLock& lock, const LockWait& wait) {
 
 }  // namespace
 
-Result<UniqueFd> openRootOnlyFolder(const std::string& folder, std::string_view name) {
-    const bool created = mkdir(folder.c_str(), kLockFolderMode) == 0;
-    if (!created && errno != EEXIST) {
-        return couldNot("create the " + std::string(name), folder, errno);
-    }
-    UniqueFd descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    struct stat status;
-    if (!descriptor.valid() || fstat(descriptor.get(), &status) != 0) {
-        return couldNot("open the " + std::string(name), folder, errno);
-    }
-    if (std::string reason = untrustedFolderBecause(status); !reason.empty()) {
-        return couldNot("open the " + std::string(name), folder, reason, EPERM);
-    }
-    if (created && fchmod(descriptor.get(), kLockFolderMode) != 0) {
-        return couldNot("set the mode of the " + std::string(name), folder, errno);
-    }
-    return descriptor;
-}
-
 std::string hostLockPath(const char* environment) {
     return environment != nullptr && *environment != '\0' ? environment : kDefaultHostLockPath;
 }
@@ -196,7 +167,7 @@ Result<HostLock> HostLock::open(const std::string& path, std::string_view name) 
     const std::string lockName(name);
     std::string folderPath = std::filesystem::path(path).parent_path().string();
     Result<UniqueFd> folder =
-        openRootOnlyFolder(folderPath.empty() ? "." : folderPath, lockName + " folder");
+        support::openRootOnlyFolder(folderPath.empty() ? "." : folderPath, lockName + " folder");
     if (!folder) {
         return folder.failure();
     }

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "Result.h"
+#include "RootFolder.h"
 #include "UniqueFd.h"
 
 namespace velnor::host {
@@ -23,12 +24,6 @@ inline constexpr const char* kDefaultHostLockPath = "/var/run/velnor/host.lock";
 // The lock file: the environment's VELNOR_LOCK_FILE value when set and not empty, else
 // kDefaultHostLockPath.
 std::string hostLockPath(const char* environment);
-
-// Opens a folder of root's that no one else may write to, creating it root's and 0755 when it is
-// missing (its parent must exist). Refuses one that is not root's or that others may write to;
-// name says what the folder is for in messages ("host lock folder").
-support::Result<support::UniqueFd> openRootOnlyFolder(const std::string& folder,
-                                                      std::string_view name);
 
 // How long to wait for a lock that another host holds, and what to do once it takes a while.
 struct LockWait {

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <string>
 #include <string_view>
 
 namespace velnor::host {
@@ -43,6 +44,9 @@ class TerminalScope {
   private:
     const Terminal* previous_;
 };
+
+// Tells a failure on the terminal's standard error as "velnor: MESSAGE".
+void complain(const std::string& message);
 
 // Prints a log message of the plug-in as the in-process host's log prints it on standard error.
 void printLogMessage(const Terminal& terminal, std::string_view message);

@@ -19,6 +19,7 @@
 #include "HostLock.h"
 #include "Invocation.h"
 #include "PluginLoader.h"
+#include "Terminal.h"
 
 namespace velnor::host {
 namespace {

@@ -6,7 +6,6 @@
 
 #include <cerrno>
 
-#include "Conclusion.h"
 #include "DescriptorIo.h"
 #include "ExitStatus.h"
 #include "Output.h"

@@ -1,4 +1,4 @@
-#include "housekeeping/Housekeeping.h"
+#include "handler/Housekeeping.h"
 
 #include "handler/PostgresRequestHandler.h"
 

@@ -15,9 +15,6 @@
 
 namespace velnor::host {
 
-// Tells a failure on standard error as "velnor: MESSAGE".
-void complain(const std::string& message);
-
 // Tells a usage error and the usage hint; the usage exit status.
 int usageError(const std::string& message);
 

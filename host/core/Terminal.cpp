@@ -78,4 +78,8 @@ void printLogMessage(const Terminal& terminal, std::string_view message) {
     (void)terminal.toErr(line);
 }
 
+void complain(const std::string& message) {
+    (void)terminal().toErr("velnor: " + message + "\n");
+}
+
 }  // namespace velnor::host

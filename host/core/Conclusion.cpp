@@ -141,10 +141,6 @@ void explainHeldStop(const Call& call) {
 
 }  // namespace
 
-void complain(const std::string& message) {
-    (void)terminal().toErr("velnor: " + message + "\n");
-}
-
 int usageError(const std::string& message) {
     complain(message);
     (void)terminal().toErr(usageHint());
