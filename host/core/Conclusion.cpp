@@ -1,6 +1,8 @@
 #include "Conclusion.h"
 
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -118,12 +120,35 @@ void showLogSince(const Call& call, LogMark mark) {
     }
 }
 
+// A stop answers once the server refuses connections; the idle clients it ended, and then the
+// server, exit a moment later. A service that still runs once this has passed is held.
+constexpr std::chrono::milliseconds kStopSettle{2000};
+// How often the state is asked meanwhile.
+constexpr std::chrono::milliseconds kStopSettlePoll{100};
+
+bool serviceRuns(const Call& call) {
+    support::Result<Outcome> state = call("getStateWithRequest", PlistDictionary());
+    const std::string* now = state ? textAt(state->result, "state") : nullptr;
+    return now != nullptr && *now == "RUNNING";
+}
+
+// Whether the service still runs after the stop's ending clients and server have had
+// kStopSettle to exit.
+bool runsOnceSettled(const Call& call) {
+    const auto until = std::chrono::steady_clock::now() + kStopSettle;
+    while (serviceRuns(call)) {
+        if (std::chrono::steady_clock::now() >= until) {
+            return true;
+        }
+        std::this_thread::sleep_for(kStopSettlePoll);
+    }
+    return false;
+}
+
 // After a stop that answered, a service still running is held by clients inside a
 // transaction: the stop ends idle clients only, and the server waits for the others.
 void explainHeldStop(const Call& call) {
-    support::Result<Outcome> state = call("getStateWithRequest", PlistDictionary());
-    const std::string* now = state ? textAt(state->result, "state") : nullptr;
-    if (now == nullptr || *now != "RUNNING") {
+    if (!runsOnceSettled(call)) {
         return;
     }
     // A server that is just exiting still counts as running, with no client left to name.
