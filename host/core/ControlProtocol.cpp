@@ -81,16 +81,6 @@ const char* styleName(OperationStyle style) {
     return "unknown";
 }
 
-std::optional<OperationStyle> styleNamed(std::string_view name) {
-    for (OperationStyle style :
-         {OperationStyle::Request, OperationStyle::Service, OperationStyle::Idle}) {
-        if (name == styleName(style)) {
-            return style;
-        }
-    }
-    return std::nullopt;
-}
-
 support::Status writeFrame(int descriptor, const PlistDictionary& message) {
     std::string body = toBinaryPropertyList(PlistValue(message));
     std::string frame(kLengthBytes, '\0');
@@ -153,21 +143,6 @@ support::Result<PlistDictionary> readFrame(int descriptor, std::vector<support::
     return protocolFailure("a frame holds no dictionary");
 }
 
-PlistDictionary callRequest(const std::string& operation, const OperationArgument& argument) {
-    PlistDictionary request{{"version", PlistValue::integer(kProtocolVersion)},
-                            {"operation", PlistValue(operation)}};
-    if (const PlistDictionary* dictionary = std::get_if<PlistDictionary>(&argument)) {
-        request.set("request", PlistValue(*dictionary));
-    } else if (const PlistValue* variant = std::get_if<PlistValue>(&argument)) {
-        if (!variant->isAbsent()) {
-            request.set("variant", *variant);
-        }
-    } else if (const std::int32_t* count = std::get_if<std::int32_t>(&argument)) {
-        request.set("count", PlistValue::integer(*count));
-    }
-    return request;
-}
-
 support::Result<OperationArgument> argumentOfRequest(const PlistDictionary& request,
                                                      OperationStyle style) {
     const PlistValue* value = nullptr;
@@ -209,19 +184,6 @@ PlistDictionary outcomeReply(const Outcome& outcome) {
         reply.set("failure", PlistValue(outcome.failure));
     }
     return reply;
-}
-
-Outcome outcomeOfReply(const PlistDictionary& reply) {
-    Outcome outcome;
-    const PlistValue* answered = reply.find("answered");
-    outcome.answered = answered != nullptr && answered->asBoolean().value_or(false);
-    if (const PlistValue* response = reply.find("response")) {
-        outcome.result = *response;
-    }
-    if (const std::string* failure = textAt(reply, "failure")) {
-        outcome.failure = *failure;
-    }
-    return outcome;
 }
 
 PlistDictionary errorReply(const std::string& text, std::optional<int> status) {

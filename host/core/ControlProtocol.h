@@ -1,24 +1,7 @@
-// What velnor and velnord say to each other on the daemon's control socket.
-//
-// Every message is a frame: its length as 4 bytes, big-endian, then that many bytes of a binary
-// property list whose top level is a dictionary. A frame longer than kMaxFrameBytes is refused
-// unread. Each request carries "version" (kProtocolVersion); a daemon that speaks another version
-// answers an "error" and closes. The requests, one at a time on a connection:
-//
-//   {operation: NAME, describe: true}   -> {kind: "style", style: "request"|"service"|"idle"}
-//   {operation: NAME, request: DICT}    -> {kind: "log", priority: INT, message: TEXT} ...
-//   {operation: NAME[, variant: TEXT]}     then {kind: "outcome", answered: BOOL,
-//   {operation: NAME, count: INT}           [response: VALUE], [failure: TEXT]}
-//   {run: [DATA, ...], plugin: DATA}    -> {kind: "exit", status: INT} | {kind: "direct"}
-//
-// The command-line request comes with four descriptors (SCM_RIGHTS): the client's standard
-// input, output and error and its working folder. The daemon runs the command there, writing to
-// those descriptors, and the connection ends with the reply; "direct" tells the client to run
-// the command in its own process (--direct, or a plug-in other than the daemon's).
-//
-// An operation the plug-in does not have answers {kind: "error", error: TEXT, status: 64}; a
-// malformed request, or a peer that is not root, {kind: "error", error: TEXT}, and the daemon
-// closes the connection.
+// What velnor and velnord say to each other on the daemon's control socket: frames of a 4-byte
+// big-endian length and a binary property list holding a dictionary. The messages, their
+// descriptors and their errors are described once, in doc/control-protocol.md; the client's own
+// framing is in host/velnor/Client.c.
 #pragma once
 
 #include <cstddef>
@@ -43,7 +26,6 @@ inline constexpr std::size_t kMostPassedDescriptors = 4;
 
 // The style's name in the protocol and in messages: "request", "service", "idle".
 const char* styleName(OperationStyle style);
-std::optional<OperationStyle> styleNamed(std::string_view name);
 
 // Writes message as one frame; fails with the system's error (EPIPE for a peer that has gone).
 support::Status writeFrame(int descriptor, const PlistDictionary& message);
@@ -55,17 +37,13 @@ support::Status writeFrame(int descriptor, const PlistDictionary& message);
 support::Result<PlistDictionary> readFrame(int descriptor,
                                            std::vector<support::UniqueFd>* passed = nullptr);
 
-// The request that calls operation with argument, which fits the operation's style.
-PlistDictionary callRequest(const std::string& operation, const OperationArgument& argument);
-
 // The argument that a call request carries for an operation of this style; fails, saying why,
 // when the request carries none that fits.
 support::Result<OperationArgument> argumentOfRequest(const PlistDictionary& request,
                                                      OperationStyle style);
 
-// The outcome as its reply, and back.
+// The outcome as its reply.
 PlistDictionary outcomeReply(const Outcome& outcome);
-Outcome outcomeOfReply(const PlistDictionary& reply);
 
 // {kind: "error", error: text[, status]}.
 PlistDictionary errorReply(const std::string& text, std::optional<int> status = std::nullopt);
