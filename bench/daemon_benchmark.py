@@ -173,6 +173,25 @@ def status_runs(arguments, table):
         table.add(f"{name} / pg_ctl (medians)", f"{medians[name] / medians['pg_ctl']:.2f}", target)
     table.add("daemon status / bare round trip (medians)",
               f"{medians['daemon'] / medians['round trip']:.2f}", "<= 1.3")
+    client_share(arguments, table)
+
+
+def client_share(arguments, table):
+    """velnor's own share of the round trip: velnor status and the bare client, each against the
+    bare server, which listens on velnord's socket for this pass."""
+    server = subprocess.Popen([arguments.round_trip_server, SOCKET])
+    while not os.path.exists(SOCKET):
+        time.sleep(0.01)
+    timer = [arguments.timer, str(arguments.runs),
+             "velnor", "-", arguments.velnor, "--plugin", arguments.plugin, "status", "--",
+             "round_trip", "-", arguments.round_trip_client, SOCKET]
+    measured = subprocess.run(timer, capture_output=True, text=True, check=True).stdout
+    server.kill()
+    server.wait()
+    os.unlink(SOCKET)
+    medians = [float(line.split()[1]) for line in measured.splitlines()]
+    table.add("  velnor status / bare client, both against the bare server",
+              f"{medians[0] / medians[1]:.2f} (medians {medians[0]:.3f} and {medians[1]:.3f} ms)")
 
 
 def traced_tick(arguments, table):

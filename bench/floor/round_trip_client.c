@@ -1,7 +1,7 @@
 // The floor under `velnor status` through velnord: a static C client that does what velnor does
 // on its way to the daemon and back, and nothing else. It connects to the socket, sends one
 // request frame with its standard descriptors and working folder, reads the one reply frame,
-// prints what it holds and exits 3, as a status of a stopped server does.
+// prints its bytes and exits 3, as a status of a stopped server does.
 //
 // round-trip-client SOCKET
 #define _GNU_SOURCE

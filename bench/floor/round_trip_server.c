@@ -1,6 +1,7 @@
 // The other half of the floor under `velnor status` through velnord: one thread that accepts a
 // connection, reads its request frame (closing the descriptors that came with it) and answers
-// a fixed reply at once. Runs until killed.
+// a fixed reply at once: the frame in which velnord tells a client that its command exited 3, so
+// that velnor itself can be timed against this server too. Runs until killed.
 //
 // round-trip-server SOCKET
 #define _GNU_SOURCE
@@ -10,7 +11,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-static const char kAnswer[] = "postgres is stopped\n";
+// {kind: "exit", status: 3} as a binary property list.
+static const unsigned char kAnswer[] = {
+    0x62, 0x70, 0x6c, 0x69, 0x73, 0x74, 0x30, 0x30, 0xd2, 0x01, 0x02, 0x03, 0x04, 0x54, 0x6b, 0x69,
+    0x6e, 0x64, 0x56, 0x73, 0x74, 0x61, 0x74, 0x75, 0x73, 0x54, 0x65, 0x78, 0x69, 0x74, 0x10, 0x03,
+    0x08, 0x0d, 0x12, 0x19, 0x1e, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x01, 0x00, 0x00, 0x00,
+    0x00, 0x00, 0x00, 0x00, 0x05, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+    0x00, 0x00, 0x00, 0x00, 0x20,
+};
 
 // Closes the descriptors that a read carried.
 static void closePassed(struct msghdr* message) {
@@ -69,8 +77,8 @@ int main(int argc, char** argv) {
         perror("round-trip-server: listen");
         return 69;
     }
-    unsigned char reply[4 + sizeof kAnswer - 1] = {0, 0, 0, sizeof kAnswer - 1};
-    memcpy(reply + 4, kAnswer, sizeof kAnswer - 1);
+    unsigned char reply[4 + sizeof kAnswer] = {0, 0, 0, sizeof kAnswer};
+    memcpy(reply + 4, kAnswer, sizeof kAnswer);
     for (;;) {
         int connection = accept4(listener, NULL, NULL, SOCK_CLOEXEC);
         if (connection < 0) {

@@ -32,6 +32,8 @@ constexpr int kListenBacklog = 64;
 // Clients served at the same time, command lines included; one more is told to come back later.
 // Each costs a descriptor, and a command line a thread.
 constexpr std::size_t kMostConnections = 128;
+// Threads kept waiting for the next command line.
+constexpr std::size_t kSpareCommandThreads = 2;
 // Connections taken from the backlog in one turn of the loop, so that a flood of them cannot
 // keep the loop from the replies it has to send.
 constexpr int kAcceptsPerTurn = 32;
@@ -257,13 +259,12 @@ ControlServer::ControlServer(const PluginDescriptor& plugin, std::string pluginP
       pluginPath_(std::move(pluginPath)),
       worker_(worker),
       inbox_(inbox),
-      listener_(std::move(listener)) {}
+      listener_(std::move(listener)),
+      commandLines_(kSpareCommandThreads) {}
 
 ControlServer::~ControlServer() {
     connections_.clear();
-    for (auto& [id, thread] : commandLines_) {
-        thread.join();
-    }
+    commandLines_.stop();
     sd_event_source_disable_unref(listenerSource_);
     sd_event_source_disable_unref(inboxSource_);
     sd_event_source_disable_unref(tickTimer_);
@@ -318,10 +319,7 @@ void ControlServer::finish() {
         flush(*connection);
     }
     connections_.clear();
-    for (auto& [id, thread] : commandLines_) {
-        thread.join();
-    }
-    commandLines_.clear();
+    commandLines_.stop();
     inbox_.drain();
 }
 
@@ -407,7 +405,7 @@ void ControlServer::admit(UniqueFd socket) {
                                  (peer ? std::to_string(peer->uid) : std::string("unknown")));
         return;
     }
-    if (connections_.size() + commandLines_.size() >= kMostConnections) {
+    if (connections_.size() + commandLines_.busy() >= kMostConnections) {
         refuse(socket.get(), "velnord serves " + std::to_string(kMostConnections) +
                                  " clients already; try again later");
         return;
@@ -604,17 +602,19 @@ void ControlServer::startCommandLine(Connection& connection, ReceivedFrame& requ
     // The thread writes its one reply and may wait to: the socket blocks again.
     const int flags = fcntl(connection.socket.get(), F_GETFL);
     fcntl(connection.socket.get(), F_SETFL, flags & ~O_NONBLOCK);
-    const std::uint64_t id = connection.id;
-    commandLines_.emplace(id, std::thread([this, id, client = std::move(client),
-                                           socket = std::move(connection.socket)]() mutable {
-                              runCommandLine(id, client, std::move(socket));
-                          }));
+    struct CommandLine {
+        ClientCommand client;
+        UniqueFd socket;
+    };
+    auto commandLine =
+        std::make_shared<CommandLine>(std::move(client), std::move(connection.socket));
     connection.dead = true;
+    commandLines_.run(
+        [this, commandLine] { runCommandLine(commandLine->client, commandLine->socket.get()); });
 }
 
-// The top of a command line's thread: what escapes the command is logged, and the client is
-// told; then the loop joins the thread.
-void ControlServer::runCommandLine(std::uint64_t id, ClientCommand& client, UniqueFd socket) {
+// The top of a command line's work: what escapes the command is logged, and the client is told.
+void ControlServer::runCommandLine(const ClientCommand& client, int socket) {
     PlistDictionary reply;
     try {
         std::optional<int> status = runClientCommand(client, plugin_, pluginPath_, worker_);
@@ -627,17 +627,7 @@ void ControlServer::runCommandLine(std::uint64_t id, ClientCommand& client, Uniq
         ::syslog(LOG_ERR, "velnord could not run a command line: %s", what.c_str());
         reply = errorReply("velnord could not run the command: " + what, kExitUnavailable);
     }
-    (void)writeFrame(socket.get(), reply);
-    socket.reset();
-    inbox_.post([this, id] { joinCommandLine(id); });
-}
-
-void ControlServer::joinCommandLine(std::uint64_t id) {
-    auto found = commandLines_.find(id);
-    if (found != commandLines_.end()) {
-        found->second.join();
-        commandLines_.erase(found);
-    }
+    (void)writeFrame(socket, reply);
 }
 
 void ControlServer::send(Connection& connection, const PlistDictionary& message) {

@@ -17,10 +17,10 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ClientCommand.h"
+#include "CommandRunners.h"
 #include "FrameReader.h"
 #include "PluginInterface.h"
 #include "Result.h"
@@ -104,7 +104,7 @@ class ControlServer {
     void answer(Connection& connection, ReceivedFrame& request);
     void answerCall(Connection& connection, const PlistDictionary& request);
     void startCommandLine(Connection& connection, ReceivedFrame& request);
-    void runCommandLine(std::uint64_t id, ClientCommand& client, support::UniqueFd socket);
+    void runCommandLine(const ClientCommand& client, int socket);
     void send(Connection& connection, const PlistDictionary& message);
     void sendThenClose(Connection& connection, const PlistDictionary& message);
     void flush(Connection& connection);
@@ -112,7 +112,6 @@ class ControlServer {
     void settle(Connection& connection);
     void deliverMessage(std::uint64_t id, int priority, const std::string& text);
     void deliverOutcome(std::uint64_t id, const std::optional<Outcome>& outcome);
-    void joinCommandLine(std::uint64_t id);
 
     const PluginDescriptor& plugin_;
     const std::string pluginPath_;
@@ -128,8 +127,7 @@ class ControlServer {
     std::optional<StopDeadline> stopDeadline_;
     std::uint64_t lastId_ = 0;
     std::map<std::uint64_t, std::unique_ptr<Connection>> connections_;
-    // The command lines running, each on its thread; joined on the loop once one has ended.
-    std::map<std::uint64_t, std::thread> commandLines_;
+    CommandRunners commandLines_;
 };
 
 }  // namespace velnor::host
