@@ -101,16 +101,18 @@ class Daemon:
         return rss, len(os.listdir(f"/proc/{self.process.pid}/fd"))
 
     def processor_time(self):
-        """The nanoseconds its threads have run, and how often its worker has been woken."""
-        total, worker_wakes = 0, 0
+        """The nanoseconds each of its threads has run, by name, and how often its worker has been
+        woken."""
+        ran, worker_wakes = {}, 0
         for task in os.listdir(f"/proc/{self.process.pid}/task"):
             with open(f"/proc/{self.process.pid}/task/{task}/schedstat") as schedstat:
-                ran, _, wakes = (int(field) for field in schedstat.read().split())
+                nanoseconds, _, wakes = (int(field) for field in schedstat.read().split())
             with open(f"/proc/{self.process.pid}/task/{task}/comm") as comm:
-                if comm.read().strip() == "velnord worker":
-                    worker_wakes = wakes
-            total += ran
-        return total, worker_wakes
+                name = comm.read().strip()
+            if name == "velnord worker":
+                worker_wakes = wakes
+            ran[name] = ran.get(name, 0) + nanoseconds
+        return ran, worker_wakes
 
     def stop(self):
         """Ends the daemon and answers the line in which it counted what it ran."""
@@ -214,7 +216,9 @@ def traced_tick(arguments, table):
         if thread == worker and found and found.group(1) not in folders:
             folders.append(found.group(1))
     # Each call by its name and first two arguments, from the worker's first lock to its release.
-    calls = [call for thread, call in traced_lines if thread == worker]
+    # A call that another thread's interrupted shows whole, and its resumption not at all.
+    calls = [call.replace(" <unfinished ...>", "") for thread, call in traced_lines
+             if thread == worker and not call.startswith("<...")]
     begin = next((index for index, call in enumerate(calls) if call.startswith("flock(")), 0)
     end = next((index for index in range(begin + 1, len(calls)) if calls[index].startswith("flock(")), begin)
     tick = [re.sub(r"^(\w+\([^,)]*(?:, [^,)]*)?).*$", r"\1)", line) for line in calls[begin:end + 1]]
@@ -237,9 +241,12 @@ def idle_tick(arguments, table):
     daemon.stop()
     # The worker is woken once per tick and by nothing else in the settled state.
     ticks = max(1, wakes_after - wakes_before)
-    per_tick = (ran_after - ran_before) / ticks
+    spent = {name: ran_after[name] - ran_before.get(name, 0) for name in ran_after}
+    per_tick = sum(spent.values()) / ticks
     table.add(f"idle tick, velnord every {arguments.tick_interval} ms: processor time per tick",
               f"{per_tick / 1000:.2f} us ({ticks} ticks seen, {elapsed / interval:.0f} intervals)")
+    table.add("  of which each thread", ", ".join(f"{name} {nanoseconds / ticks / 1000:.2f} us"
+                                                  for name, nanoseconds in sorted(spent.items())))
     bare = subprocess.run([arguments.bare_tick, str(int(interval * 1e6)), str(arguments.ticks), HOST_LOCK, *folders],
                           capture_output=True, text=True, check=True).stdout
     timed, back_to_back = (float(value) for value in re.findall(r"_ns (\d+)", bare))

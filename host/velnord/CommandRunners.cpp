@@ -1,5 +1,6 @@
 #include "CommandRunners.h"
 
+#include <pthread.h>
 #include <syslog.h>
 
 #include <exception>
@@ -52,6 +53,8 @@ void CommandRunners::stop() {
 
 // A thread's life: it runs work until it finds enough others waiting, or the runners stop.
 void CommandRunners::serve() {
+    // Named, so that the threads that write to clients are told from the loop's in ps and top.
+    pthread_setname_np(pthread_self(), "velnord command");
     std::unique_lock lock(mutex_);
     for (;;) {
         ++waiting_;

@@ -459,9 +459,6 @@ int ControlServer::onFrameDeadline(sd_event_source*, std::uint64_t, void* which)
         connection.server.sendThenClose(
             connection, errorReply("no whole request came within " +
                                    std::to_string(kFrameDeadline.count()) + " seconds"));
-        // The reply gets as long again to be taken.
-        sd_event_source_set_time_relative(connection.deadline, microsecondsOf(kFrameDeadline));
-        sd_event_source_set_enabled(connection.deadline, SD_EVENT_ONESHOT);
     }
     connection.server.settle(connection);
     return 0;
@@ -574,7 +571,8 @@ void ControlServer::deliverOutcome(std::uint64_t id, const std::optional<Outcome
     settle(connection);
 }
 
-// The daemon waits for the connection's next request, for at most the frame deadline.
+// The daemon waits for the connection's next request, or for it to take its last reply, for at
+// most the frame deadline.
 void ControlServer::awaitRequest(Connection& connection) {
     sd_event_source_set_time_relative(connection.deadline, microsecondsOf(kFrameDeadline));
     sd_event_source_set_enabled(connection.deadline, SD_EVENT_ONESHOT);
@@ -643,9 +641,12 @@ void ControlServer::send(Connection& connection, const PlistDictionary& message)
     }
 }
 
+// The reply gets as long as a request would to be taken; a client that takes nothing is dropped
+// then.
 void ControlServer::sendThenClose(Connection& connection, const PlistDictionary& message) {
     send(connection, message);
     connection.closing = true;
+    awaitRequest(connection);
 }
 
 // Writes what the socket takes now; the rest waits for the socket to be writable.

@@ -10,10 +10,6 @@
 namespace velnor::host {
 namespace {
 
-// A stop still pending once its deadline's query has run means that its process survived the
-// SIGKILL; it is asked about again after this long rather than at once, over and over.
-constexpr std::chrono::seconds kStopRetry{1};
-
 // What an exception that escaped a job says, for the log and the caller.
 std::string describe(const std::exception_ptr& thrown) {
     try {
@@ -292,19 +288,9 @@ void Worker::learnStopDeadline(const std::string& queriedLabel) {
     if (!stopDeadline_) {
         return;
     }
-    std::optional<StopDeadline> earliest;
-    const std::vector<PendingStop> pending =
-        pendingStops_ ? pendingStops_() : std::vector<PendingStop>{};
-    const auto now = std::chrono::steady_clock::now();
-    for (const PendingStop& stop : pending) {
-        std::chrono::steady_clock::duration left = std::chrono::milliseconds(stop.millisecondsLeft);
-        if (stop.label == queriedLabel && stop.millisecondsLeft == 0) {
-            left = kStopRetry;
-        }
-        if (!earliest || now + left < earliest->at) {
-            earliest = StopDeadline{now + left, stop.label};
-        }
-    }
+    std::optional<StopDeadline> earliest =
+        earliestStopDeadline(pendingStops_ ? pendingStops_() : std::vector<PendingStop>{},
+                             queriedLabel, std::chrono::steady_clock::now());
     // Nothing pending before and after: the loop has no timer to change.
     if (!earliest && !deadlineReported_) {
         return;

@@ -18,6 +18,7 @@
 #include "Invocation.h"
 #include "LaunchdJobs.h"
 #include "PluginInterface.h"
+#include "StopDeadline.h"
 
 namespace velnor::host {
 
@@ -26,12 +27,6 @@ using WorkerReport = std::function<void(const std::string& what)>;
 
 // The stops whose process still runs, and when each one's ExitTimeOut ends.
 using PendingStopsSource = std::function<std::vector<PendingStop>()>;
-
-// The earliest end of a pending stop's ExitTimeOut, and the job it is for.
-struct StopDeadline {
-    std::chrono::steady_clock::time_point at;
-    std::string label;
-};
 
 // Told, on the worker's thread, whenever the earliest stop deadline may have changed.
 using StopDeadlineReport = std::function<void(std::optional<StopDeadline>)>;
