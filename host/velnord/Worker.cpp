@@ -10,6 +10,10 @@
 namespace velnor::host {
 namespace {
 
+// True on the worker's own thread: a message logged on any other (a command line's, the web
+// console's) belongs to no call that the worker runs.
+thread_local bool onWorkerThread = false;
+
 // What an exception that escaped a job says, for the log and the caller.
 std::string describe(const std::exception_ptr& thrown) {
     try {
@@ -139,7 +143,7 @@ WorkerCounts Worker::counts() const {
 }
 
 void Worker::relay(int priority, const std::string& message) {
-    if (current_) {
+    if (onWorkerThread && current_) {
         current_->message(priority, message);
     }
 }
@@ -158,6 +162,7 @@ void Worker::stop() {
 void Worker::loop() {
     // Named, so that the thread that runs the plug-in is told from the loop's in ps and top.
     pthread_setname_np(pthread_self(), "velnord worker");
+    onWorkerThread = true;
     std::unique_lock lock(mutex_);
     for (;;) {
         wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
