@@ -6,12 +6,15 @@ writes starts the sandbox and this script inside it). Nothing is asserted: the f
 printed beside their targets.
 
 - velnor status through velnord, direct velnor status and pg_ctl status, whole processes
-  (median and p90), beside the floor: /bin/true and the --floor programs (a static C and a C++
-  hello), all timed by bench/startup/spawn_timer;
-- the idle tick in the settled state: the system calls of one tick (strace on the daemon) and
-  the time per tick over many ticks (velnord --bench-idle, the worker's own tick);
-- many clients sending state reports at once: every reply arrives, in order, none overlapping
-  (the daemon's own count), with the latency's p50 and p99;
+  (median and p90), beside the floors: /bin/true, the --floor programs (a static C and a C++
+  hello) and the bare round trip that velnor status rides on (a static C client that connects,
+  sends a request and prints the answer, and a one-thread C server that answers at once), all
+  timed by bench/startup/spawn_timer, the kinds taking turns;
+- the idle tick in the settled state: the system calls of one tick (strace on the daemon), and
+  the processor time per tick of a velnord that ticks every few milliseconds (its threads'
+  schedstat) beside the same system calls made bare in one C process (bench/idle/bare_tick.c);
+- many clients sending state reports at once: every reply arrives, in order, with the latency's
+  p50 and p99;
 - many mixed operations through the socket: velnord's resident memory and descriptors before
   and after.
 """
@@ -30,6 +33,8 @@ import threading
 import time
 
 SOCKET = "/run/velnor/velnord.sock"
+ROUND_TRIP_SOCKET = "/run/velnor-round-trip.sock"
+HOST_LOCK = "/var/run/velnor/host.lock"
 PG_CTL = "/usr/lib/postgresql/15/bin/pg_ctl"
 DATA_DIR = "/var/pgsql"
 ACCOUNT_ID = 216
@@ -95,12 +100,26 @@ class Daemon:
             rss = int(re.search(r"VmRSS:\s+(\d+) kB", status.read()).group(1))
         return rss, len(os.listdir(f"/proc/{self.process.pid}/fd"))
 
+    def processor_time(self):
+        """The nanoseconds each of its threads has run, by name, and how often its worker has been
+        woken."""
+        ran, worker_wakes = {}, 0
+        for task in os.listdir(f"/proc/{self.process.pid}/task"):
+            with open(f"/proc/{self.process.pid}/task/{task}/schedstat") as schedstat:
+                nanoseconds, _, wakes = (int(field) for field in schedstat.read().split())
+            with open(f"/proc/{self.process.pid}/task/{task}/comm") as comm:
+                name = comm.read().strip()
+            if name == "velnord worker":
+                worker_wakes = wakes
+            ran[name] = ran.get(name, 0) + nanoseconds
+        return ran, worker_wakes
+
     def stop(self):
         """Ends the daemon and answers the line in which it counted what it ran."""
         self.process.send_signal(signal.SIGTERM)
         self.process.wait(timeout=30)
         self.log.seek(0)
-        counts = [line for line in self.log.read().splitlines() if "overlapping" in line]
+        counts = [line for line in self.log.read().splitlines() if "idle ticks" in line]
         return counts[-1] if counts else "no count logged"
 
 
@@ -123,20 +142,27 @@ def status_runs(arguments, table):
         "direct": [arguments.velnor, "--direct", "--plugin", arguments.plugin, "status"],
         "pg_ctl": [PG_CTL, "status", "-D", DATA_DIR],
         # What starting a process alone costs here, and a program of each kind.
+        "round trip": [arguments.round_trip_client, ROUND_TRIP_SOCKET],
         "/bin/true": ["/bin/true"],
         **{os.path.basename(program): [program] for program in arguments.floor},
     }
     # pg_ctl refuses root: it runs as the service account. It answers 3 for a stopped server, as
     # velnor status does.
     accounts = {"pg_ctl": str(ACCOUNT_ID)}
-    expected = {"pg_ctl": 3, "daemon": 3, "direct": 3}
+    expected = {"pg_ctl": 3, "daemon": 3, "direct": 3, "round trip": 3}
     daemon = Daemon(arguments.velnord, arguments.plugin, 10)
+    server = subprocess.Popen([arguments.round_trip_server, ROUND_TRIP_SOCKET])
+    while not os.path.exists(ROUND_TRIP_SOCKET):
+        time.sleep(0.01)
     timer = [arguments.timer, str(arguments.runs)]
     for name, command in commands.items():
         timer += [name.replace(" ", "_"), accounts.get(name, "-"), *command, "--"]
     # Kinds take turns, round after round, timed by a C program: see bench/startup/spawn_timer.c.
     measured = subprocess.run(timer[:-1], capture_output=True, text=True, check=True).stdout
     daemon.stop()
+    server.kill()
+    server.wait()
+    os.unlink(ROUND_TRIP_SOCKET)
     medians = {}
     for line, name in zip(measured.splitlines(), commands):
         median, p90, status = line.split()[1:]
@@ -147,43 +173,87 @@ def status_runs(arguments, table):
         table.add(f"{label}, {arguments.runs} runs, whole process", f"median {median} ms, p90 {p90} ms")
     for name, target in [("daemon", "<= 0.5"), ("direct", "<= 1.5")]:
         table.add(f"{name} / pg_ctl (medians)", f"{medians[name] / medians['pg_ctl']:.2f}", target)
+    table.add("daemon status / bare round trip (medians)",
+              f"{medians['daemon'] / medians['round trip']:.2f}", "<= 1.3")
+    client_share(arguments, table)
 
 
-def idle_tick(arguments, table):
-    measured = subprocess.run([arguments.velnord, "--plugin", arguments.plugin, "--bench-idle",
-                               str(arguments.ticks)], capture_output=True, text=True, check=True).stdout
-    per_tick = float(re.search(r"per_tick_ns ([\d.]+)", measured).group(1))
-    table.add(f"idle tick, {arguments.ticks} ticks (velnord --bench-idle)", f"{per_tick / 1000:.2f} us per tick",
-              "<= 5 us")
-    # What one system call costs here: a tick makes four.
-    began = time.perf_counter()
-    for _ in range(arguments.ticks):
-        os.getppid()
-    table.add("  one system call here (getppid, from Python)",
-              f"{(time.perf_counter() - began) / arguments.ticks * 1e6:.2f} us")
-    # One tick of the serving daemon, seen from outside: the worker's system calls between two of
-    # its timed waits. An existence test opens a path from the root (and looks at what it found).
+def client_share(arguments, table):
+    """velnor's own share of the round trip: velnor status and the bare client, each against the
+    bare server, which listens on velnord's socket for this pass."""
+    server = subprocess.Popen([arguments.round_trip_server, SOCKET])
+    while not os.path.exists(SOCKET):
+        time.sleep(0.01)
+    timer = [arguments.timer, str(arguments.runs),
+             "velnor", "-", arguments.velnor, "--plugin", arguments.plugin, "status", "--",
+             "round_trip", "-", arguments.round_trip_client, SOCKET]
+    measured = subprocess.run(timer, capture_output=True, text=True, check=True).stdout
+    server.kill()
+    server.wait()
+    os.unlink(SOCKET)
+    medians = [float(line.split()[1]) for line in measured.splitlines()]
+    table.add("  velnor status / bare client, both against the bare server",
+              f"{medians[0] / medians[1]:.2f} (medians {medians[0]:.3f} and {medians[1]:.3f} ms)")
+
+
+def traced_tick(arguments, table):
+    """The system calls of one settled tick, by thread (strace on a serving velnord); answers the
+    folders that the tick tests."""
     daemon = Daemon(arguments.velnord, arguments.plugin, 0.25)
     time.sleep(0.5)
     traced = subprocess.Popen(["strace", "-f", "-qq", "-p", str(daemon.process.pid), "-e", "signal=none"],
                               stderr=subprocess.PIPE, text=True)
     time.sleep(1.2)
     traced.send_signal(signal.SIGINT)
-    # The worker is the thread that waits with a time limit, for its next tick (the daemon serves
-    # no web console here, whose threads would too).
     traced_lines = [re.match(r"^(?:\[pid\s+(\d+)\] )?(.*)$", line).groups()
                     for line in traced.communicate()[1].splitlines()]
     daemon.stop()
-    worker = next((thread for thread, call in traced_lines if "FUTEX_WAIT_BITSET" in call), None)
-    lines = [call for thread, call in traced_lines if thread == worker]
-    waits = [index for index, line in enumerate(lines) if "FUTEX_WAIT_BITSET" in line]
-    between = lines[waits[0] + 1:waits[1]] if len(waits) >= 2 else []
-    # Each call by its name and first two arguments.
-    tick = [re.sub(r"^(\w+\([^,)]*(?:, [^,)]*)?).*$", r"\1)", line) for line in between
-            if not line.startswith(("futex(", "<... futex resumed>"))]
+    # The worker is the thread that tests the folders; the loop, the one that reads the timer.
+    worker = next((thread for thread, call in traced_lines if call.startswith("openat2(")), None)
+    folders = []
+    for thread, call in traced_lines:
+        found = re.match(r'openat2\(AT_FDCWD, "([^"]+)"', call)
+        if thread == worker and found and found.group(1) not in folders:
+            folders.append(found.group(1))
+    # Each call by its name and first two arguments, from the worker's first lock to its release.
+    # A call that another thread's interrupted shows whole, and its resumption not at all.
+    calls = [call.replace(" <unfinished ...>", "") for thread, call in traced_lines
+             if thread == worker and not call.startswith("<...")]
+    begin = next((index for index, call in enumerate(calls) if call.startswith("flock(")), 0)
+    end = next((index for index in range(begin + 1, len(calls)) if calls[index].startswith("flock(")), begin)
+    tick = [re.sub(r"^(\w+\([^,)]*(?:, [^,)]*)?).*$", r"\1)", line) for line in calls[begin:end + 1]]
     tests = sum(1 for line in tick if re.match(r"open\w*\(AT_FDCWD", line))
     table.add("idle tick, existence tests in one tick (strace)", f"{tests} ({len(tick)} calls: {'; '.join(tick)})",
               "2")
+    return folders
+
+
+def idle_tick(arguments, table):
+    folders = traced_tick(arguments, table)
+    interval = arguments.tick_interval / 1000
+    daemon = Daemon(arguments.velnord, arguments.plugin, interval)
+    time.sleep(0.5)
+    ran_before, wakes_before = daemon.processor_time()
+    began = time.perf_counter()
+    time.sleep(arguments.ticks * interval)
+    ran_after, wakes_after = daemon.processor_time()
+    elapsed = time.perf_counter() - began
+    daemon.stop()
+    # The worker is woken once per tick and by nothing else in the settled state.
+    ticks = max(1, wakes_after - wakes_before)
+    spent = {name: ran_after[name] - ran_before.get(name, 0) for name in ran_after}
+    per_tick = sum(spent.values()) / ticks
+    table.add(f"idle tick, velnord every {arguments.tick_interval} ms: processor time per tick",
+              f"{per_tick / 1000:.2f} us ({ticks} ticks seen, {elapsed / interval:.0f} intervals)")
+    table.add("  of which each thread", ", ".join(f"{name} {nanoseconds / ticks / 1000:.2f} us"
+                                                  for name, nanoseconds in sorted(spent.items())))
+    bare = subprocess.run([arguments.bare_tick, str(int(interval * 1e6)), str(arguments.ticks), HOST_LOCK, *folders],
+                          capture_output=True, text=True, check=True).stdout
+    timed, back_to_back = (float(value) for value in re.findall(r"_ns (\d+)", bare))
+    table.add("  the same system calls bare in C, woken by a timer", f"{timed / 1000:.2f} us per tick")
+    table.add("  the same system calls bare in C, back to back", f"{back_to_back / 1000:.2f} us per tick")
+    table.add("idle tick / bare, woken by a timer", f"{per_tick / timed:.2f}", "<= 1.3")
+    table.add("idle tick / bare, back to back", f"{per_tick / back_to_back:.2f}")
 
 
 def concurrent_clients(arguments, table):
@@ -217,7 +287,7 @@ def concurrent_clients(arguments, table):
               f"{len(latencies)} of {expected}, {len(failures)} wrong or out of order", "all, in order")
     table.add("  latency per report", f"p50 {milliseconds(quantile(latencies, 0.5))}, "
               f"p99 {milliseconds(quantile(latencies, 0.99))}; {expected / took:.0f} reports/s")
-    table.add("  velnord's own count", re.sub(r"^.*?ran ", "ran ", counts), "0 overlapping")
+    table.add("  velnord's own count", re.sub(r"^.*?ran ", "ran ", counts))
     for failure in failures[:5]:
         print(failure, file=sys.stderr)
 
@@ -276,7 +346,11 @@ def main():
     parser.add_argument("--floor", action="append", default=[],
                         help="a program whose start-up is measured beside the others")
     parser.add_argument("--runs", type=int, default=200)
-    parser.add_argument("--ticks", type=int, default=100000)
+    parser.add_argument("--round-trip-client", required=True, help="bench/floor/round_trip_client.c, built")
+    parser.add_argument("--round-trip-server", required=True, help="bench/floor/round_trip_server.c, built")
+    parser.add_argument("--bare-tick", required=True, help="bench/idle/bare_tick.c, built")
+    parser.add_argument("--ticks", type=int, default=2000)
+    parser.add_argument("--tick-interval", type=float, default=2, help="milliseconds between ticks")
     parser.add_argument("--clients", type=int, default=50)
     parser.add_argument("--reports", type=int, default=100)
     parser.add_argument("--mixed", type=int, default=10000)

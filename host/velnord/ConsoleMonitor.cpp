@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -318,10 +319,17 @@ void ConsoleMonitor::loop() {
         bool refreshing = refreshDue_;
         refreshDue_ = false;
         lock.unlock();
-        if (refreshing) {
-            refreshState();
+        // The top of the monitor's thread: a round that throws is logged, and the next one runs.
+        try {
+            if (refreshing) {
+                refreshState();
+            }
+            followLog();
+        } catch (const std::exception& exception) {
+            ::syslog(LOG_ERR, "the web console could not follow the service: %s", exception.what());
+        } catch (...) {
+            ::syslog(LOG_ERR, "the web console could not follow the service");
         }
-        followLog();
         lock.lock();
     }
 }

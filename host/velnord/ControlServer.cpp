@@ -1,14 +1,17 @@
 #include "ControlServer.h"
 
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <syslog.h>
+#include <systemd/sd-event.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <exception>
 
 #include "ClientCommand.h"
 #include "ControlProtocol.h"
@@ -26,11 +29,33 @@ using support::UniqueFd;
 
 constexpr mode_t kSocketMode = 0600;
 constexpr int kListenBacklog = 64;
-// Clients served at the same time; one more is told to come back later. Each costs a thread
-// and a descriptor, so a flood of idle connections cannot exhaust the daemon.
+// Clients served at the same time, command lines included; one more is told to come back later.
+// Each costs a descriptor, and a command line a thread.
 constexpr std::size_t kMostConnections = 128;
-// Threads kept waiting for the next client once a burst has passed.
-constexpr std::size_t kSpareThreads = 2;
+// Threads kept waiting for the next command line.
+constexpr std::size_t kSpareCommandThreads = 2;
+// Connections taken from the backlog in one turn of the loop, so that a flood of them cannot
+// keep the loop from the replies it has to send.
+constexpr int kAcceptsPerTurn = 32;
+// What a client may leave unread before it is dropped: a client that reads nothing cannot make
+// the daemon keep a call's messages without end.
+constexpr std::size_t kMostUnsent = std::size_t{4} << 20;
+
+std::uint64_t microsecondsOf(std::chrono::steady_clock::duration duration) {
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(duration).count());
+}
+
+// What an exception says, for the log and the client.
+std::string describe(const std::exception_ptr& thrown) {
+    try {
+        std::rethrow_exception(thrown);
+    } catch (const std::exception& exception) {
+        return exception.what();
+    } catch (...) {
+        return "an exception of an unknown type";
+    }
+}
 
 // Removes a socket that an earlier daemon left at name, when it is root's; refuses anything else.
 support::Status clearStaleSocket(int folder, const std::string& name, const std::string& path) {
@@ -116,9 +141,11 @@ std::optional<std::vector<std::string>> argumentsOf(const PlistValue& run) {
     return arguments;
 }
 
-// Sends a reply; a client that has gone only loses it.
-void reply(int socket, const PlistDictionary& message) {
-    (void)writeFrame(socket, message);
+// Tells a client that the daemon will not serve it, without waiting: a client that reads
+// nothing only loses the answer.
+void refuse(int socket, const std::string& why) {
+    const std::string frame = encodedFrame(errorReply(why));
+    (void)::send(socket, frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
 }  // namespace
@@ -135,242 +162,536 @@ Result<UniqueFd> listenOnControlSocket(const std::string& path) {
     return bindSocket(folder->get(), path);
 }
 
+LoopInbox::LoopInbox() : wake_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+
+void LoopInbox::post(std::function<void()> work) {
+    bool first = false;
+    {
+        std::lock_guard lock(mutex_);
+        first = posted_.empty();
+        posted_.push_back(std::move(work));
+    }
+    // One wake-up for a batch: the loop takes everything posted when it drains.
+    if (first) {
+        const std::uint64_t one = 1;
+        (void)::write(wake_.get(), &one, sizeof one);
+    }
+}
+
+void LoopInbox::drain() {
+    std::uint64_t count = 0;
+    (void)::read(wake_.get(), &count, sizeof count);
+    std::deque<std::function<void()>> taken;
+    {
+        std::lock_guard lock(mutex_);
+        taken.swap(posted_);
+    }
+    for (std::function<void()>& work : taken) {
+        try {
+            work();
+        } catch (...) {
+            ::syslog(LOG_ERR, "velnord could not pass on the worker's answer: %s",
+                     describe(std::current_exception()).c_str());
+        }
+    }
+}
+
+// A client of the control socket as the loop sees it. While a call of its runs, its requests are
+// not read (one at a time); while the daemon waits for its next request, the frame deadline runs.
+struct ControlServer::Connection {
+    ControlServer& server;
+    std::uint64_t id;
+    UniqueFd socket;
+    ucred peer;
+    FrameReader reader;
+    sd_event_source* io = nullptr;
+    sd_event_source* deadline = nullptr;
+    std::string unsent;
+    // A call of its is on the worker.
+    bool busy = false;
+    // It is told its last reply, then closed.
+    bool closing = false;
+    // It has gone or is to be dropped at once.
+    bool dead = false;
+
+    ~Connection() {
+        sd_event_source_disable_unref(io);
+        sd_event_source_disable_unref(deadline);
+    }
+};
+
+// Hands a call's messages and outcome to the loop, which sends them to the connection if it is
+// still there.
+class ControlServer::LoopCallSink : public CallSink {
+  public:
+    LoopCallSink(ControlServer& server, std::uint64_t id) : server_(server), id_(id) {}
+
+    void message(int priority, const std::string& text) override {
+        server_.inbox_.post([server = &server_, id = id_, priority, text] {
+            server->deliverMessage(id, priority, text);
+        });
+    }
+
+    void finished(std::optional<Outcome> outcome) override {
+        server_.inbox_.post([server = &server_, id = id_, outcome = std::move(outcome)] {
+            server->deliverOutcome(id, outcome);
+        });
+    }
+
+  private:
+    ControlServer& server_;
+    const std::uint64_t id_;
+};
+
+Result<std::unique_ptr<ControlServer>> ControlServer::create(
+    const PluginDescriptor& plugin, std::string pluginPath, Worker& worker, LoopInbox& inbox,
+    UniqueFd listener, std::chrono::microseconds idleInterval) {
+    std::unique_ptr<ControlServer> server(
+        new ControlServer(plugin, std::move(pluginPath), worker, inbox, std::move(listener)));
+    if (support::Status watching = server->watch(idleInterval); !watching) {
+        return watching.failure();
+    }
+    return server;
+}
+
 ControlServer::ControlServer(const PluginDescriptor& plugin, std::string pluginPath, Worker& worker,
-                             UniqueFd listener)
+                             LoopInbox& inbox, UniqueFd listener)
     : plugin_(plugin),
       pluginPath_(std::move(pluginPath)),
       worker_(worker),
-      listener_(std::move(listener)) {}
+      inbox_(inbox),
+      listener_(std::move(listener)),
+      commandLines_(kSpareCommandThreads) {}
 
 ControlServer::~ControlServer() {
-    close();
+    connections_.clear();
+    commandLines_.stop();
+    sd_event_source_disable_unref(listenerSource_);
+    sd_event_source_disable_unref(inboxSource_);
+    sd_event_source_disable_unref(tickTimer_);
+    sd_event_source_disable_unref(stopTimer_);
+    sd_event_unref(event_);
 }
 
-support::Status ControlServer::serve(int stopRequested) {
-    {
-        std::lock_guard lock(mutex_);
-        addAcceptor();
+// Everything the loop waits on.
+support::Status ControlServer::watch(std::chrono::microseconds idleInterval) {
+    int failed = sd_event_new(&event_);
+    if (failed < 0) {
+        return couldNot("create", "the daemon's event loop", -failed);
     }
-    for (;;) {
-        pollfd watched{stopRequested, POLLIN, 0};
-        if (poll(&watched, 1, -1) < 0 && errno != EINTR) {
-            stopAccepting();
-            return couldNot("wait on", "the daemon's stop signal", errno);
+    const int flags = fcntl(listener_.get(), F_GETFL);
+    if (flags < 0 || fcntl(listener_.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
+        return couldNot("watch", kControlSocketPath, errno);
+    }
+    // The timer may fire up to a twentieth of the interval late, so that the kernel can gather
+    // wake-ups, and never more than a quarter of a second.
+    const auto interval = static_cast<std::uint64_t>(idleInterval.count());
+    idleInterval_ = interval;
+    const std::uint64_t slack =
+        std::max<std::uint64_t>(1, std::min<std::uint64_t>(interval / 20, 250000));
+    if ((failed = sd_event_add_io(event_, &listenerSource_, listener_.get(), EPOLLIN, onListener,
+                                  this)) < 0 ||
+        (failed = sd_event_add_io(event_, &inboxSource_, inbox_.descriptor(), EPOLLIN, onInbox,
+                                  this)) < 0 ||
+        (failed = sd_event_add_time_relative(event_, &tickTimer_, CLOCK_MONOTONIC, interval, slack,
+                                             onTick, this)) < 0 ||
+        (failed = sd_event_add_signal(event_, nullptr, SIGTERM, onStopSignal, this)) < 0 ||
+        (failed = sd_event_add_signal(event_, nullptr, SIGINT, onStopSignal, this)) < 0) {
+        return couldNot("watch", "the daemon's control socket, timers and signals", -failed);
+    }
+    return {};
+}
+
+support::Status ControlServer::serve() {
+    const int failed = sd_event_loop(event_);
+    sd_event_source_set_enabled(listenerSource_, SD_EVENT_OFF);
+    listener_.reset();
+    if (failed < 0) {
+        return couldNot("run", "the daemon's event loop", -failed);
+    }
+    return {};
+}
+
+void ControlServer::finish() {
+    // The worker has stopped: the answers it gave last are sent, as far as each client takes
+    // them now, and every connection ends.
+    inbox_.drain();
+    for (auto& [id, connection] : connections_) {
+        flush(*connection);
+    }
+    connections_.clear();
+    commandLines_.stop();
+    inbox_.drain();
+}
+
+int ControlServer::onStopSignal(sd_event_source* source, const ::signalfd_siginfo*, void*) {
+    return sd_event_exit(sd_event_source_get_event(source), 0);
+}
+
+int ControlServer::onInbox(sd_event_source*, int, std::uint32_t, void* self) {
+    static_cast<ControlServer*>(self)->inbox_.drain();
+    return 0;
+}
+
+int ControlServer::onTick(sd_event_source* source, std::uint64_t, void* self) {
+    ControlServer& server = *static_cast<ControlServer*>(self);
+    server.worker_.queueTick();
+    // The next tick is due an interval after this one was queued.
+    sd_event_source_set_time_relative(source, server.idleInterval_);
+    sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
+    return 0;
+}
+
+int ControlServer::onStopDeadline(sd_event_source*, std::uint64_t, void* self) {
+    ControlServer& server = *static_cast<ControlServer*>(self);
+    if (server.stopDeadline_) {
+        server.worker_.queueStopQuery(server.stopDeadline_->label);
+        server.stopDeadline_.reset();
+    }
+    return 0;
+}
+
+void ControlServer::setStopDeadline(std::optional<StopDeadline> deadline) {
+    stopDeadline_ = std::move(deadline);
+    if (!stopDeadline_) {
+        sd_event_source_set_enabled(stopTimer_, SD_EVENT_OFF);
+        return;
+    }
+    const std::uint64_t at = microsecondsOf(stopDeadline_->at.time_since_epoch());
+    int failed = 0;
+    if (stopTimer_ == nullptr) {
+        failed =
+            sd_event_add_time(event_, &stopTimer_, CLOCK_MONOTONIC, at, 1000, onStopDeadline, this);
+    } else {
+        failed = sd_event_source_set_time(stopTimer_, at);
+        if (failed >= 0) {
+            failed = sd_event_source_set_enabled(stopTimer_, SD_EVENT_ONESHOT);
         }
-        if (watched.revents != 0) {
-            stopAccepting();
-            return {};
-        }
+    }
+    if (failed < 0) {
+        // The next call looks again; until then the stop runs past its deadline.
+        ::syslog(LOG_ERR, "could not set the stop deadline of %s: %s", stopDeadline_->label.c_str(),
+                 std::strerror(-failed));
     }
 }
 
-// Wakes every thread that waits in accept, which then fails.
-void ControlServer::stopAccepting() {
-    shutdown(listener_.get(), SHUT_RDWR);
-}
-
-void ControlServer::close() {
-    stopAccepting();
-    std::unique_lock lock(mutex_);
-    closed_ = true;
-    for (int socket : conversing_) {
-        // Wakes a thread that waits for its client's next request; one whose call has just
-        // finished can still write its answer.
-        shutdown(socket, SHUT_RD);
+int ControlServer::onListener(sd_event_source*, int, std::uint32_t, void* self) {
+    ControlServer& server = *static_cast<ControlServer*>(self);
+    try {
+        server.acceptConnections();
+    } catch (...) {
+        ::syslog(LOG_ERR, "velnord could not take a connection: %s",
+                 describe(std::current_exception()).c_str());
     }
-    allGone_.wait(lock, [this] { return threads_ == 0; });
+    return 0;
 }
 
-// One more thread waiting for a connection; called with the mutex held, or before any runs.
-void ControlServer::addAcceptor() {
-    ++threads_;
-    ++waiting_;
-    std::thread([this] { acceptConnections(); }).detach();
-}
-
-// A thread's life: it waits for a connection, converses, and waits again, unless enough others
-// wait already. Threads are kept rather than made per connection: a new one costs more here
-// than the whole conversation of a status.
 void ControlServer::acceptConnections() {
-    while (std::optional<Connection> connection = nextConnection()) {
-        {
-            std::lock_guard lock(mutex_);
-            conversing_.insert(connection->socket.get());
-            if (closed_) {
-                shutdown(connection->socket.get(), SHUT_RD);
-            }
-        }
-        converse(*connection);
-        std::lock_guard lock(mutex_);
-        conversing_.erase(connection->socket.get());
-        --busy_;
-        if (waiting_ >= kSpareThreads) {
-            break;
-        }
-        ++waiting_;
-    }
-    std::lock_guard lock(mutex_);
-    if (--threads_ == 0) {
-        allGone_.notify_all();
-    }
-}
-
-// Counts one more client served, unless as many as may be are served already; the last waiting
-// thread leaves one behind, so that the next client is answered too.
-bool ControlServer::takeOn() {
-    std::lock_guard lock(mutex_);
-    if (busy_ >= kMostConnections) {
-        return false;
-    }
-    ++busy_;
-    if (--waiting_ == 0) {
-        addAcceptor();
-    }
-    return true;
-}
-
-// The next connection of root's that this thread serves; nothing when the daemon stops
-// accepting (the thread no longer counts as waiting then).
-std::optional<ControlServer::Connection> ControlServer::nextConnection() {
-    for (;;) {
-        // The kernel hands each connection to one waiting thread.
-        UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    for (int taken = 0; taken < kAcceptsPerTurn; ++taken) {
+        UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!socket.valid()) {
-            // EINVAL: the listener was shut down. Anything else (a client that gave up, no
-            // descriptor to spare) ends only this attempt.
-            if (errno == EINVAL) {
-                break;
-            }
-            continue;
+            // EAGAIN: none left. Anything else (a client that gave up, no descriptor to spare)
+            // ends only this attempt; the listener stays readable for the next turn.
+            return;
         }
-        std::optional<ucred> peer = peerCredentials(socket.get());
-        if (!peer || peer->uid != 0) {
-            reply(socket.get(),
-                  errorReply("velnord serves root only, not uid " +
-                             (peer ? std::to_string(peer->uid) : std::string("unknown"))));
-            continue;
-        }
-        if (takeOn()) {
-            return Connection{std::move(socket), peer->pid};
-        }
-        // Told outside the lock: a client that reads nothing must not hold up the others.
-        reply(socket.get(), errorReply("velnord serves " + std::to_string(kMostConnections) +
-                                       " clients already; try again later"));
+        admit(std::move(socket));
     }
-    std::lock_guard lock(mutex_);
-    --waiting_;
-    return std::nullopt;
 }
 
-void ControlServer::converse(Connection& connection) {
-    const int socket = connection.socket.get();
-    for (;;) {
-        std::vector<UniqueFd> passed;
-        Result<PlistDictionary> request = readFrame(socket, &passed);
+// Root's clients are served, up to kMostConnections at once; every other is told why not.
+void ControlServer::admit(UniqueFd socket) {
+    std::optional<ucred> peer = peerCredentials(socket.get());
+    if (!peer || peer->uid != 0) {
+        refuse(socket.get(), "velnord serves root only, not uid " +
+                                 (peer ? std::to_string(peer->uid) : std::string("unknown")));
+        return;
+    }
+    if (connections_.size() + commandLines_.busy() >= kMostConnections) {
+        refuse(socket.get(), "velnord serves " + std::to_string(kMostConnections) +
+                                 " clients already; try again later");
+        return;
+    }
+    const std::uint64_t id = ++lastId_;
+    auto connection = std::make_unique<Connection>(*this, id, std::move(socket), *peer);
+    int failed = sd_event_add_io(event_, &connection->io, connection->socket.get(), EPOLLIN,
+                                 onConnection, connection.get());
+    if (failed >= 0) {
+        failed = sd_event_add_time_relative(event_, &connection->deadline, CLOCK_MONOTONIC,
+                                            microsecondsOf(kFrameDeadline), 100000, onFrameDeadline,
+                                            connection.get());
+    }
+    if (failed < 0) {
+        ::syslog(LOG_ERR, "could not watch a client's connection: %s", std::strerror(-failed));
+        return;
+    }
+    connections_.emplace(id, std::move(connection));
+}
+
+// The top of everything a connection's events do: whatever escapes is logged, and the client is
+// told and closed.
+int ControlServer::onConnection(sd_event_source*, int, std::uint32_t revents, void* which) {
+    Connection& connection = *static_cast<Connection*>(which);
+    ControlServer& server = connection.server;
+    try {
+        if ((revents & EPOLLOUT) != 0) {
+            server.flush(connection);
+        }
+        if (!connection.dead && (revents & (EPOLLHUP | EPOLLERR)) != 0 && connection.busy) {
+            // Gone while its call runs: the call goes on, its answers are dropped.
+            connection.dead = true;
+        } else if (!connection.dead && !connection.busy && !connection.closing &&
+                   (revents & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
+            server.readRequests(connection);
+        }
+    } catch (...) {
+        const std::string what = describe(std::current_exception());
+        ::syslog(LOG_ERR, "velnord could not answer a client: %s", what.c_str());
+        server.sendThenClose(connection, errorReply("velnord could not answer: " + what));
+    }
+    server.settle(connection);
+    return 0;
+}
+
+int ControlServer::onFrameDeadline(sd_event_source*, std::uint64_t, void* which) {
+    Connection& connection = *static_cast<Connection*>(which);
+    // Closing, it still had not taken its last reply: it is dropped.
+    connection.dead = connection.dead || connection.closing;
+    if (!connection.dead) {
+        connection.server.sendThenClose(
+            connection, errorReply("no whole request came within " +
+                                   std::to_string(kFrameDeadline.count()) + " seconds"));
+    }
+    connection.server.settle(connection);
+    return 0;
+}
+
+// Reads the requests that have come whole and answers each, until one must wait for the worker
+// or the rest has not come yet.
+void ControlServer::readRequests(Connection& connection) {
+    while (!connection.dead && !connection.busy && !connection.closing) {
+        Result<std::optional<ReceivedFrame>> request =
+            connection.reader.readAvailable(connection.socket.get());
         if (!request) {
             if (request.error() == EPROTO) {
-                reply(socket, errorReply(request.message()));
+                sendThenClose(connection, errorReply(request.message()));
+            } else {
+                connection.dead = true;
             }
-            break;
+            return;
         }
-        if (!answer(connection, *request, passed)) {
-            break;
+        if (!*request) {
+            return;
         }
+        answer(connection, **request);
     }
-    shutdown(socket, SHUT_RDWR);
 }
 
-// Answers one request; false when the connection ends with it.
-bool ControlServer::answer(const Connection& connection, const PlistDictionary& request,
-                           std::vector<UniqueFd>& passed) {
-    const int socket = connection.socket.get();
-    const PlistValue* version = request.find("version");
+void ControlServer::answer(Connection& connection, ReceivedFrame& request) {
+    const PlistValue* version = request.message.find("version");
     if (version == nullptr || version->asInteger() != kProtocolVersion) {
-        reply(socket, errorReply("velnord speaks protocol version " +
-                                 std::to_string(kProtocolVersion) + " only"));
-        return false;
+        sendThenClose(connection, errorReply("velnord speaks protocol version " +
+                                             std::to_string(kProtocolVersion) + " only"));
+        return;
     }
-    if (request.contains("run")) {
-        return answerCommandLine(connection, request, passed);
+    if (request.message.contains("run")) {
+        startCommandLine(connection, request);
+        return;
     }
-    return answerCall(socket, request);
+    answerCall(connection, request.message);
 }
 
-// Runs a client's command line with its own descriptors; the exit status, or "direct" when the
-// client is to run it in its own process.
-bool ControlServer::answerCommandLine(const Connection& connection, const PlistDictionary& request,
-                                      std::vector<UniqueFd>& passed) {
-    const int socket = connection.socket.get();
-    std::optional<std::vector<std::string>> arguments = argumentsOf(*request.find("run"));
-    if (!arguments || passed.size() != kClientDescriptors) {
-        reply(socket, errorReply("a command line's request carries its arguments and " +
-                                 std::to_string(kClientDescriptors) +
-                                 " descriptors: standard input, output, error and the working "
-                                 "folder"));
-        return false;
-    }
-    ClientCommand client{std::move(*arguments), std::nullopt, std::move(passed), connection.peer,
-                         socket};
-    if (const PlistValue* plugin = request.find("plugin")) {
-        const std::string* path = bytesOf(*plugin);
-        client.pluginFromEnvironment = path ? std::optional<std::string>(*path) : std::nullopt;
-    }
-    std::optional<int> status = runClientCommand(client, plugin_, pluginPath_, worker_);
-    // A command line is the connection's last request: the client ends once told.
-    if (!status) {
-        reply(socket, {{"kind", PlistValue("direct")}});
-    } else {
-        reply(socket, {{"kind", PlistValue("exit")}, {"status", PlistValue::integer(*status)}});
-    }
-    return false;
-}
-
-bool ControlServer::answerCall(int socket, const PlistDictionary& request) {
+void ControlServer::answerCall(Connection& connection, const PlistDictionary& request) {
     const std::string* name = textAt(request, "operation");
     if (name == nullptr) {
-        reply(socket, errorReply("a request names its \"operation\""));
-        return false;
+        sendThenClose(connection, errorReply("a request names its \"operation\""));
+        return;
     }
     const HostOperation* operation = findOperation(plugin_, *name);
     if (operation == nullptr) {
-        reply(socket, errorReply("the plug-in has no operation \"" + *name + "\"", kExitUsage));
-        return true;
+        send(connection, errorReply("the plug-in has no operation \"" + *name + "\"", kExitUsage));
+        return;
     }
     if (request.contains("describe")) {
-        reply(socket, PlistDictionary{{"kind", PlistValue("style")},
-                                      {"style", PlistValue(styleName(operation->style))}});
-        return true;
+        send(connection, PlistDictionary{{"kind", PlistValue("style")},
+                                         {"style", PlistValue(styleName(operation->style))}});
+        return;
     }
     // A client that knows the style it prepared its argument for says so, and is told, as the
     // in-process host would tell it, when the operation has another.
     if (const std::string* expected = textAt(request, "style");
         expected != nullptr && *expected != styleName(operation->style)) {
-        reply(socket, errorReply("the plug-in's " + *name + " is a " + styleName(operation->style) +
-                                     " operation, which this command cannot call",
-                                 kExitUnavailable));
-        return true;
+        send(connection,
+             errorReply("the plug-in's " + *name + " is a " + styleName(operation->style) +
+                            " operation, which this command cannot call",
+                        kExitUnavailable));
+        return;
     }
     Result<OperationArgument> argument = argumentOfRequest(request, operation->style);
     if (!argument) {
-        reply(socket, errorReply(argument.message()));
-        return false;
+        sendThenClose(connection, errorReply(argument.message()));
+        return;
     }
-    // Each message goes out as it is logged; once the client has gone, the rest are dropped and
-    // the call goes on.
-    bool clientGone = false;
-    auto relay = [socket, &clientGone](int priority, const std::string& message) {
-        if (!clientGone) {
-            clientGone = !writeFrame(socket, {{"kind", PlistValue("log")},
-                                              {"priority", PlistValue::integer(priority)},
-                                              {"message", PlistValue(message)}});
+    if (!worker_.submit(*operation, std::move(*argument),
+                        std::make_shared<LoopCallSink>(*this, connection.id))) {
+        sendThenClose(connection, errorReply("velnord is stopping; the call was not run"));
+        return;
+    }
+    // No request is read, and no deadline runs, until the call is answered.
+    connection.busy = true;
+    sd_event_source_set_enabled(connection.deadline, SD_EVENT_OFF);
+}
+
+void ControlServer::deliverMessage(std::uint64_t id, int priority, const std::string& text) {
+    auto found = connections_.find(id);
+    if (found == connections_.end() || found->second->dead) {
+        return;
+    }
+    send(*found->second, {{"kind", PlistValue("log")},
+                          {"priority", PlistValue::integer(priority)},
+                          {"message", PlistValue(text)}});
+    settle(*found->second);
+}
+
+void ControlServer::deliverOutcome(std::uint64_t id, const std::optional<Outcome>& outcome) {
+    auto found = connections_.find(id);
+    if (found == connections_.end()) {
+        return;
+    }
+    Connection& connection = *found->second;
+    connection.busy = false;
+    if (!connection.dead) {
+        if (!outcome) {
+            sendThenClose(connection, errorReply("velnord is stopping; the call was not run"));
+        } else {
+            send(connection, outcomeReply(*outcome));
+            awaitRequest(connection);
+            // The next request may have come already.
+            readRequests(connection);
         }
-    };
-    std::optional<Outcome> outcome = worker_.call(*operation, std::move(*argument), relay);
-    if (!outcome) {
-        reply(socket, errorReply("velnord is stopping; the call was not run"));
-        return false;
     }
-    return writeFrame(socket, outcomeReply(*outcome)).ok();
+    settle(connection);
+}
+
+// The daemon waits for the connection's next request, or for it to take its last reply, for at
+// most the frame deadline.
+void ControlServer::awaitRequest(Connection& connection) {
+    sd_event_source_set_time_relative(connection.deadline, microsecondsOf(kFrameDeadline));
+    sd_event_source_set_enabled(connection.deadline, SD_EVENT_ONESHOT);
+}
+
+// A command line runs on a thread of its own: it writes to the client's standard output and
+// error, which may block for as long as the client reads nothing, and neither the loop nor the
+// worker may wait on that. The connection is the thread's from here on.
+void ControlServer::startCommandLine(Connection& connection, ReceivedFrame& request) {
+    std::optional<std::vector<std::string>> arguments = argumentsOf(*request.message.find("run"));
+    if (!arguments || request.passed.size() != kClientDescriptors) {
+        sendThenClose(connection,
+                      errorReply("a command line's request carries its arguments and " +
+                                 std::to_string(kClientDescriptors) +
+                                 " descriptors: standard input, output, error and the working "
+                                 "folder"));
+        return;
+    }
+    ClientCommand client{std::move(*arguments), std::nullopt, std::move(request.passed),
+                         connection.peer.pid, connection.socket.get()};
+    if (const PlistValue* plugin = request.message.find("plugin")) {
+        const std::string* path = bytesOf(*plugin);
+        client.pluginFromEnvironment = path ? std::optional<std::string>(*path) : std::nullopt;
+    }
+    // The thread writes its one reply and may wait to: the socket blocks again.
+    const int flags = fcntl(connection.socket.get(), F_GETFL);
+    fcntl(connection.socket.get(), F_SETFL, flags & ~O_NONBLOCK);
+    struct CommandLine {
+        ClientCommand client;
+        UniqueFd socket;
+    };
+    auto commandLine =
+        std::make_shared<CommandLine>(std::move(client), std::move(connection.socket));
+    connection.dead = true;
+    commandLines_.run(
+        [this, commandLine] { runCommandLine(commandLine->client, commandLine->socket.get()); });
+}
+
+// The top of a command line's work: what escapes the command is logged, and the client is told.
+void ControlServer::runCommandLine(const ClientCommand& client, int socket) {
+    PlistDictionary reply;
+    try {
+        std::optional<int> status = runClientCommand(client, plugin_, pluginPath_, worker_);
+        // A command line is the connection's last request: the client ends once told.
+        reply = status ? PlistDictionary{{"kind", PlistValue("exit")},
+                                         {"status", PlistValue::integer(*status)}}
+                       : PlistDictionary{{"kind", PlistValue("direct")}};
+    } catch (...) {
+        const std::string what = describe(std::current_exception());
+        ::syslog(LOG_ERR, "velnord could not run a command line: %s", what.c_str());
+        reply = errorReply("velnord could not run the command: " + what, kExitUnavailable);
+    }
+    (void)writeFrame(socket, reply);
+}
+
+void ControlServer::send(Connection& connection, const PlistDictionary& message) {
+    if (connection.dead) {
+        return;
+    }
+    connection.unsent += encodedFrame(message);
+    flush(connection);
+    if (connection.unsent.size() > kMostUnsent) {
+        ::syslog(LOG_WARNING, "dropped a client (pid %d) that read none of %zu bytes of replies",
+                 static_cast<int>(connection.peer.pid), connection.unsent.size());
+        connection.dead = true;
+    }
+}
+
+// The reply gets as long as a request would to be taken; a client that takes nothing is dropped
+// then.
+void ControlServer::sendThenClose(Connection& connection, const PlistDictionary& message) {
+    send(connection, message);
+    connection.closing = true;
+    awaitRequest(connection);
+}
+
+// Writes what the socket takes now; the rest waits for the socket to be writable.
+void ControlServer::flush(Connection& connection) {
+    std::size_t done = 0;
+    while (!connection.dead && done < connection.unsent.size()) {
+        const ssize_t count = ::send(connection.socket.get(), connection.unsent.data() + done,
+                                     connection.unsent.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            break;
+        }
+        if (count < 0) {
+            // The client has gone; a call of its still running finishes unheard.
+            connection.dead = true;
+            break;
+        }
+        done += static_cast<std::size_t>(count);
+    }
+    connection.unsent.erase(0, done);
+}
+
+// After every event of a connection: drops it when it is done with, else watches for what it
+// waits for now.
+void ControlServer::settle(Connection& connection) {
+    const bool over = connection.closing && connection.unsent.empty();
+    if (connection.dead || over) {
+        if (!connection.busy) {
+            connections_.erase(connection.id);
+            return;
+        }
+        // Its call's answers are still to come through the inbox, which then drops it.
+        connection.dead = true;
+        sd_event_source_set_enabled(connection.io, SD_EVENT_OFF);
+        sd_event_source_set_enabled(connection.deadline, SD_EVENT_OFF);
+        return;
+    }
+    std::uint32_t events = connection.unsent.empty() ? 0U : std::uint32_t{EPOLLOUT};
+    if (!connection.busy && !connection.closing) {
+        events |= EPOLLIN;
+    }
+    sd_event_source_set_io_events(connection.io, events);
 }
 
 }  // namespace velnor::host

@@ -1,21 +1,35 @@
-// The daemon's control socket: root's clients connect, each served on a thread of its own that
-// reads its requests one at a time and hands the calls to the worker.
+// The daemon's event loop, on its main thread: the control socket and each connection's reads
+// and writes (all non-blocking), the idle tick's timer, the stop deadline's timer and SIGTERM and
+// SIGINT. It never enters the plug-in and never waits: calls go to the worker's queue, and what
+// the worker answers comes back through the loop's inbox. A command line, which writes to the
+// client's own descriptors and may block on them, runs on a thread of its own.
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
-#include <condition_variable>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "ClientCommand.h"
+#include "CommandRunners.h"
+#include "FrameReader.h"
 #include "PluginInterface.h"
 #include "Result.h"
 #include "UniqueFd.h"
 #include "Worker.h"
+
+typedef struct sd_event sd_event;
+typedef struct sd_event_source sd_event_source;
+struct signalfd_siginfo;
 
 namespace velnor::host {
 
@@ -25,52 +39,95 @@ namespace velnor::host {
 // a file, another account's socket) is refused.
 support::Result<support::UniqueFd> listenOnControlSocket(const std::string& path);
 
+// Work handed to the loop's thread from any other: each closure runs there, in the order posted.
+class LoopInbox {
+  public:
+    LoopInbox();
+    // The descriptor that is readable while something waits.
+    int descriptor() const { return wake_.get(); }
+    void post(std::function<void()> work);
+    // Runs what was posted; what throws is logged and skipped.
+    void drain();
+
+  private:
+    support::UniqueFd wake_;
+    std::mutex mutex_;
+    std::deque<std::function<void()>> posted_;
+};
+
+// How long a client has, once the daemon waits for its next request, to send it whole: one that
+// sends nothing, or dribbles, is closed then and holds nothing.
+inline constexpr std::chrono::seconds kFrameDeadline{5};
+
 class ControlServer {
   public:
     // pluginPath is the file that plugin was loaded from: a command line that asks for another
-    // is left to the client to run in its own process.
-    ControlServer(const PluginDescriptor& plugin, std::string pluginPath, Worker& worker,
-                  support::UniqueFd listener);
+    // is left to the client to run in its own process. An idle tick is queued on the worker
+    // every idleInterval.
+    static support::Result<std::unique_ptr<ControlServer>> create(
+        const PluginDescriptor& plugin, std::string pluginPath, Worker& worker, LoopInbox& inbox,
+        support::UniqueFd listener, std::chrono::microseconds idleInterval);
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
 
-    // Serves until stopRequested becomes readable (the daemon's signal descriptor); then stops
-    // accepting and returns. Connections still open are ended by close().
-    support::Status serve(int stopRequested);
+    // Serves until SIGTERM or SIGINT (blocked in every thread beforehand); then stops accepting
+    // and returns. Connections still open are ended by finish().
+    support::Status serve();
 
-    // Ends every connection (its thread waits for its call first, if it runs one) and joins them.
-    void close();
+    // Once the worker has stopped: answers what it answered last, ends every connection and
+    // waits for the command lines still running.
+    void finish();
+
+    // Rearms the stop deadline's timer; on the loop's thread.
+    void setStopDeadline(std::optional<StopDeadline> deadline);
 
   private:
-    struct Connection {
-        support::UniqueFd socket;
-        pid_t peer = 0;
-    };
+    struct Connection;
+    class LoopCallSink;
 
-    void stopAccepting();
-    void addAcceptor();
+    ControlServer(const PluginDescriptor& plugin, std::string pluginPath, Worker& worker,
+                  LoopInbox& inbox, support::UniqueFd listener);
+    support::Status watch(std::chrono::microseconds idleInterval);
+
+    static int onListener(sd_event_source*, int, std::uint32_t, void* self);
+    static int onConnection(sd_event_source*, int, std::uint32_t revents, void* connection);
+    static int onFrameDeadline(sd_event_source*, std::uint64_t, void* connection);
+    static int onInbox(sd_event_source*, int, std::uint32_t, void* self);
+    static int onTick(sd_event_source* source, std::uint64_t, void* self);
+    static int onStopDeadline(sd_event_source*, std::uint64_t, void* self);
+    static int onStopSignal(sd_event_source*, const ::signalfd_siginfo*, void* self);
+
     void acceptConnections();
-    std::optional<Connection> nextConnection();
-    bool takeOn();
-    void converse(Connection& connection);
-    bool answer(const Connection& connection, const PlistDictionary& request,
-                std::vector<support::UniqueFd>& passed);
-    bool answerCall(int socket, const PlistDictionary& request);
-    bool answerCommandLine(const Connection& connection, const PlistDictionary& request,
-                           std::vector<support::UniqueFd>& passed);
+    void admit(support::UniqueFd socket);
+    void readRequests(Connection& connection);
+    void answer(Connection& connection, ReceivedFrame& request);
+    void answerCall(Connection& connection, const PlistDictionary& request);
+    void startCommandLine(Connection& connection, ReceivedFrame& request);
+    void runCommandLine(const ClientCommand& client, int socket);
+    void send(Connection& connection, const PlistDictionary& message);
+    void sendThenClose(Connection& connection, const PlistDictionary& message);
+    void flush(Connection& connection);
+    void awaitRequest(Connection& connection);
+    void settle(Connection& connection);
+    void deliverMessage(std::uint64_t id, int priority, const std::string& text);
+    void deliverOutcome(std::uint64_t id, const std::optional<Outcome>& outcome);
 
     const PluginDescriptor& plugin_;
     const std::string pluginPath_;
     Worker& worker_;
+    LoopInbox& inbox_;
     support::UniqueFd listener_;
-    std::mutex mutex_;
-    std::condition_variable allGone_;
-    std::size_t threads_ = 0;
-    std::size_t waiting_ = 0;
-    std::size_t busy_ = 0;
-    std::set<int> conversing_;
-    bool closed_ = false;
+    sd_event* event_ = nullptr;
+    sd_event_source* listenerSource_ = nullptr;
+    sd_event_source* inboxSource_ = nullptr;
+    sd_event_source* tickTimer_ = nullptr;
+    sd_event_source* stopTimer_ = nullptr;
+    std::uint64_t idleInterval_ = 0;  // microseconds
+    std::optional<StopDeadline> stopDeadline_;
+    std::uint64_t lastId_ = 0;
+    std::map<std::uint64_t, std::unique_ptr<Connection>> connections_;
+    CommandRunners commandLines_;
 };
 
 }  // namespace velnor::host

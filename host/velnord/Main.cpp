@@ -2,7 +2,6 @@
 // hook once, and then serves root's calls from the control socket one at a time, with the idle
 // housekeeping every interval in between.
 #include <signal.h>
-#include <sys/signalfd.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -57,9 +56,6 @@ struct Options {
     // The help text when --help was asked for: printed, and nothing runs.
     std::optional<std::string> help;
     std::optional<WebListen> web = WebListen{};
-    // For the benchmark, not in the help: run this many idle ticks through the worker, print
-    // the time they took, and end instead of serving.
-    std::optional<std::int64_t> benchIdleTicks;
 };
 
 void complain(const std::string& message) {
@@ -83,7 +79,6 @@ struct Typed {
     std::string idleInterval;
     std::string webListen;
     bool noWeb = false;
-    std::int64_t benchIdle = 0;
 };
 
 void addOptions(CLI::App& app, Options& options, Typed& typed) {
@@ -109,7 +104,6 @@ void addOptions(CLI::App& app, Options& options, Typed& typed) {
                        "its access token: velnor web-url")
             ->type_name("ADDR:PORT");
     app.add_flag("--no-web", typed.noWeb, "no web console")->excludes(listen);
-    app.add_option("--bench-idle", typed.benchIdle)->group("")->check(CLI::PositiveNumber);
 }
 
 support::Result<Options> parseOptions(int argc, char** argv) {
@@ -141,15 +135,13 @@ support::Result<Options> parseOptions(int argc, char** argv) {
         }
         options.web = *listen;
     }
-    if (typed.benchIdle > 0) {
-        options.benchIdleTicks = typed.benchIdle;
-    }
     return options;
 }
 
-// SIGTERM and SIGINT, blocked in every thread and read from a descriptor by the accept loop, so
-// that the daemon stops between operations and never inside one.
-support::Result<support::UniqueFd> stopSignals() {
+// SIGTERM and SIGINT, blocked in every thread before any starts, so that only the event loop
+// sees them (through its own signal descriptor) and the daemon stops between operations, never
+// inside one.
+support::Status blockStopSignals() {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
@@ -157,11 +149,7 @@ support::Result<support::UniqueFd> stopSignals() {
     if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
         return support::couldNot("block", "SIGTERM", errno);
     }
-    support::UniqueFd descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
-    if (!descriptor.valid()) {
-        return support::couldNot("watch", "SIGTERM", errno);
-    }
-    return descriptor;
+    return {};
 }
 
 // Every message of the plug-in and the host library goes to the daemon's log and, during a
@@ -190,40 +178,16 @@ std::unique_ptr<WebConsole> startWebConsole(const Options& options, const Plugin
 
 // What the daemon ran in its life, for its log and the benchmark that reads it.
 void logCounts(const WorkerCounts& counts) {
-    ::syslog(LOG_INFO,
-             "ran %llu calls, %llu idle ticks and %llu state queries at stop deadlines; plug-in "
-             "calls overlapping another: %llu",
+    ::syslog(LOG_INFO, "ran %llu calls, %llu idle ticks and %llu state queries at stop deadlines",
              static_cast<unsigned long long>(counts.calls),
              static_cast<unsigned long long>(counts.ticks),
-             static_cast<unsigned long long>(counts.stopQueries),
-             static_cast<unsigned long long>(counts.overlaps));
-}
-
-// The idle tick as the daemon runs it, count times in a row, timed; nothing is served.
-int measureIdleTicks(const PluginModule& module, const HostLock& hostLock, std::int64_t count) {
-    const PluginDescriptor& plugin = module.descriptor();
-    ServiceManagerNotice notice;
-    Worker worker(
-        plugin, hostLock, findOperation(plugin, "doIdleAtCount"), std::chrono::hours(24),
-        [&notice](const std::string& what) { notice.ran(what); }, nullptr);
-    std::optional<Worker::Clock::duration> took = worker.runTicks(count);
-    if (!took) {
-        complain("the plug-in has no idle operation");
-        return kExitUnavailable;
-    }
-    const double nanoseconds = std::chrono::duration<double, std::nano>(*took).count();
-    std::printf("ticks %lld total_ns %.0f per_tick_ns %.1f overlaps %llu\n",
-                static_cast<long long>(count), nanoseconds,
-                nanoseconds / static_cast<double>(count),
-                static_cast<unsigned long long>(worker.counts().overlaps));
-    return kExitNormal;
+             static_cast<unsigned long long>(counts.stopQueries));
 }
 
 int serve(const Options& options, const PluginModule& module, const HostLock& hostLock,
           const std::string& pluginPath, ServiceManagerNotice& notice) {
-    support::Result<support::UniqueFd> stop = stopSignals();
-    if (!stop) {
-        complain(stop.message());
+    if (support::Status blocked = blockStopSignals(); !blocked) {
+        complain(blocked.message());
         return kExitUnavailable;
     }
     support::Result<support::UniqueFd> listener = listenOnControlSocket(kControlSocketPath);
@@ -233,29 +197,43 @@ int serve(const Options& options, const PluginModule& module, const HostLock& ho
     }
     const PluginDescriptor& plugin = module.descriptor();
     std::atomic<WebConsole*> console = nullptr;
+    LoopInbox inbox;
+    // Set before the loop runs, which is the only place the worker's deadlines are read.
+    ControlServer* server = nullptr;
     Worker worker(
         plugin, hostLock, findOperation(plugin, "doIdleAtCount"),
-        std::chrono::duration_cast<Worker::Clock::duration>(options.idleInterval),
         [&notice, &console](const std::string& what) {
             notice.ran(what);
             if (WebConsole* web = console.load()) {
                 web->ran(what);
             }
         },
-        [] { return LaunchdJobs::onThisMachine().pendingStops(); });
+        [] { return LaunchdJobs::onThisMachine().pendingStops(); },
+        [&inbox, &server](std::optional<StopDeadline> deadline) {
+            inbox.post(
+                [&server, deadline = std::move(deadline)] { server->setStopDeadline(deadline); });
+        });
     relayLogMessages(worker);
     std::unique_ptr<WebConsole> web = startWebConsole(options, plugin, worker);
     console = web.get();
-    ControlServer server(plugin, pluginPath, worker, std::move(*listener));
-    notice.ready();
-    support::Status served = server.serve(stop->get());
+    support::Result<std::unique_ptr<ControlServer>> created = ControlServer::create(
+        plugin, pluginPath, worker, inbox, std::move(*listener),
+        std::chrono::duration_cast<std::chrono::microseconds>(options.idleInterval));
+    support::Status served = created.ok() ? support::Status() : support::Status(created.failure());
+    if (created) {
+        server = created->get();
+        notice.ready();
+        served = server->serve();
+    }
     notice.stopping();
     unlink(kControlSocketPath);
     if (web) {
         web->stop();
     }
     worker.stop();
-    server.close();
+    if (server != nullptr) {
+        server->finish();
+    }
     setLogSink(nullptr);
     logCounts(worker.counts());
     if (!served) {
@@ -324,9 +302,6 @@ int run(const Options& options) {
     }
     if (std::optional<int> status = startUp(**module, *hostLock)) {
         return *status;
-    }
-    if (options.benchIdleTicks) {
-        return measureIdleTicks(**module, *hostLock, *options.benchIdleTicks);
     }
     ServiceManagerNotice notice;
     return serve(options, **module, *hostLock, pluginPath, notice);

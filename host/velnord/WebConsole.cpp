@@ -202,7 +202,14 @@ support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescr
         sigemptyset(&pipe);
         sigaddset(&pipe, SIGPIPE);
         pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-        server->listen_after_bind();
+        // The top of the console's thread: the console may end, never the daemon.
+        try {
+            server->listen_after_bind();
+        } catch (const std::exception& exception) {
+            ::syslog(LOG_ERR, "the web console stopped: %s", exception.what());
+        } catch (...) {
+            ::syslog(LOG_ERR, "the web console stopped on an exception of an unknown type");
+        }
     });
     return console;
 }

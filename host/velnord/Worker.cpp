@@ -1,64 +1,93 @@
 #include "Worker.h"
 
+#include <pthread.h>
 #include <syslog.h>
 
-#include <algorithm>
+#include <exception>
 
 #include "LaunchDaemon.h"
 
 namespace velnor::host {
 namespace {
 
-// A stop still pending once its deadline's query has run means that its process survived the
-// SIGKILL; it is asked about again after this long rather than at once, over and over.
-constexpr std::chrono::seconds kStopRetry{1};
+// True on the worker's own thread: a message logged on any other (a command line's, the web
+// console's) belongs to no call that the worker runs.
+thread_local bool onWorkerThread = false;
 
-// Watches for a short call's end before sleeping on it: on this kind of machine, putting a
-// thread to sleep and waking it costs more than a state report itself.
-void awaitBriefly(const std::atomic<bool>& ended) {
-    constexpr auto kWatched = std::chrono::microseconds(300);
-    const auto until = std::chrono::steady_clock::now() + kWatched;
-    while (!ended.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < until) {
-        __builtin_ia32_pause();
+// What an exception that escaped a job says, for the log and the caller.
+std::string describe(const std::exception_ptr& thrown) {
+    try {
+        std::rethrow_exception(thrown);
+    } catch (const std::exception& exception) {
+        return exception.what();
+    } catch (...) {
+        return "an exception of an unknown type";
     }
 }
 
-// Passes the call's messages to relay as they come, until the worker has closed the mailbox.
-void deliver(Worker::Mailbox& mailbox, const std::function<void(int, const std::string&)>& relay) {
-    std::unique_lock lock(mailbox.mutex);
-    for (;;) {
-        mailbox.changed.wait(lock,
-                             [&mailbox] { return mailbox.closed || !mailbox.messages.empty(); });
-        std::deque<std::pair<int, std::string>> taken;
-        taken.swap(mailbox.messages);
-        const bool closed = mailbox.closed;
-        lock.unlock();
-        for (const auto& [priority, message] : taken) {
-            if (relay) {
-                relay(priority, message);
+// The sink of a caller that waits: messages and the outcome are kept until the caller's thread
+// takes them, so that the worker never waits on it.
+class WaitingSink : public CallSink {
+  public:
+    void message(int priority, const std::string& text) override {
+        {
+            std::lock_guard lock(mutex_);
+            messages_.emplace_back(priority, text);
+        }
+        changed_.notify_one();
+    }
+
+    void finished(std::optional<Outcome> outcome) override {
+        {
+            std::lock_guard lock(mutex_);
+            outcome_ = std::move(outcome);
+            done_ = true;
+        }
+        changed_.notify_one();
+    }
+
+    // Passes the messages to relay as they come, then answers the outcome.
+    std::optional<Outcome> deliver(const std::function<void(int, const std::string&)>& relay) {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            changed_.wait(lock, [this] { return done_ || !messages_.empty(); });
+            std::deque<std::pair<int, std::string>> taken;
+            taken.swap(messages_);
+            const bool done = done_;
+            lock.unlock();
+            for (const auto& [priority, text] : taken) {
+                if (relay) {
+                    relay(priority, text);
+                }
+            }
+            lock.lock();
+            if (done && messages_.empty()) {
+                return std::move(outcome_);
             }
         }
-        if (closed) {
-            return;
-        }
-        lock.lock();
     }
-}
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<std::pair<int, std::string>> messages_;
+    std::optional<Outcome> outcome_;
+    bool done_ = false;
+};
 
 }  // namespace
 
 Worker::Worker(const PluginDescriptor& plugin, const HostLock& hostLock,
-               const HostOperation* idleOperation, Clock::duration idleInterval,
-               WorkerReport report, PendingStopsSource pendingStops)
+               const HostOperation* idleOperation, WorkerReport report,
+               PendingStopsSource pendingStops, StopDeadlineReport stopDeadline)
     : plugin_(plugin),
       hostLock_(hostLock),
       idleOperation_(idleOperation),
-      idleInterval_(idleInterval),
       report_(std::move(report)),
       pendingStops_(std::move(pendingStops)),
-      nextTick_(Clock::now() + idleInterval) {
+      stopDeadline_(std::move(stopDeadline)) {
     // A stop that a host before this one began is seen to its end too.
-    learnStopDeadline({});
+    queue_.push_back(Job{JobKind::LearnStops, nullptr, {}, nullptr, {}});
     thread_ = std::thread([this] { loop(); });
 }
 
@@ -66,70 +95,57 @@ Worker::~Worker() {
     stop();
 }
 
-std::optional<Outcome> Worker::call(const HostOperation& operation, OperationArgument argument,
-                                    std::function<void(int, const std::string&)> relay) {
-    std::future<std::optional<Outcome>> done;
-    auto mailbox = std::make_shared<Mailbox>();
-    bool next = false;
+bool Worker::push(Job job) {
     {
         std::lock_guard lock(mutex_);
         if (stopping_) {
-            return std::nullopt;
+            return false;
         }
-        // A call that finds the worker idle runs at once; one that queues behind others waits
-        // asleep, so that the waiting callers never take the worker's processor from it.
-        next = queue_.empty() && !running_;
-        queue_.push_back(Job{&operation, std::move(argument), mailbox, Clock::now(), {}, 0, {}});
-        done = queue_.back().done.get_future();
+        queue_.push_back(std::move(job));
     }
     wake_.notify_one();
-    if (next) {
-        awaitBriefly(mailbox->ended);
-    }
-    deliver(*mailbox, relay);
-    return done.get();
+    return true;
 }
 
-std::optional<Worker::Clock::duration> Worker::runTicks(std::int64_t count) {
-    std::future<std::optional<Clock::duration>> ticked;
+bool Worker::submit(const HostOperation& operation, OperationArgument argument,
+                    std::shared_ptr<CallSink> sink) {
+    return push(Job{JobKind::Call, &operation, std::move(argument), std::move(sink), {}});
+}
+
+std::optional<Outcome> Worker::call(const HostOperation& operation, OperationArgument argument,
+                                    std::function<void(int, const std::string&)> relay) {
+    auto sink = std::make_shared<WaitingSink>();
+    if (!submit(operation, std::move(argument), sink)) {
+        return std::nullopt;
+    }
+    return sink->deliver(relay);
+}
+
+void Worker::queueTick() {
     {
         std::lock_guard lock(mutex_);
-        if (stopping_ || idleOperation_ == nullptr) {
-            return std::nullopt;
+        if (stopping_ || tickQueued_) {
+            return;
         }
-        queue_.push_back(Job{nullptr, {}, {}, Clock::now(), {}, count, {}});
-        ticked = queue_.back().ticked.get_future();
+        tickQueued_ = true;
+        queue_.push_back(Job{JobKind::Tick, nullptr, {}, nullptr, {}});
     }
     wake_.notify_one();
-    return ticked.get();
+}
+
+void Worker::queueStopQuery(std::string label) {
+    push(Job{JobKind::StopQuery, nullptr, {}, nullptr, std::move(label)});
 }
 
 WorkerCounts Worker::counts() const {
-    std::lock_guard lock(countsMutex_);
+    std::lock_guard lock(mutex_);
     return counts_;
 }
 
 void Worker::relay(int priority, const std::string& message) {
-    if (currentMailbox_) {
-        currentMailbox_->post(priority, message);
+    if (onWorkerThread && current_) {
+        current_->message(priority, message);
     }
-}
-
-void Worker::Mailbox::post(int priority, const std::string& message) {
-    {
-        std::lock_guard lock(mutex);
-        messages.emplace_back(priority, message);
-    }
-    changed.notify_one();
-}
-
-void Worker::Mailbox::close() {
-    {
-        std::lock_guard lock(mutex);
-        closed = true;
-    }
-    ended.store(true, std::memory_order_release);
-    changed.notify_one();
 }
 
 void Worker::stop() {
@@ -143,77 +159,63 @@ void Worker::stop() {
     }
 }
 
-// Something timed is due once its moment has come, unless a call that arrived before that
-// moment waits. Called with the mutex held.
-bool Worker::isDue(Clock::time_point moment) const {
-    return Clock::now() >= moment && (queue_.empty() || queue_.front().arrived > moment);
-}
-
-bool Worker::tickIsDue() const {
-    return idleOperation_ != nullptr && isDue(nextTick_);
-}
-
-bool Worker::stopQueryIsDue() const {
-    return stopDeadline_ && isDue(stopDeadline_->at);
-}
-
-// Sleeps until a call arrives, the next tick or the next stop's deadline.
-void Worker::waitForWork(std::unique_lock<std::mutex>& lock) {
-    std::optional<Clock::time_point> wakeAt;
-    if (idleOperation_ != nullptr) {
-        wakeAt = nextTick_;
-    }
-    if (stopDeadline_) {
-        wakeAt = wakeAt ? std::min(*wakeAt, stopDeadline_->at) : stopDeadline_->at;
-    }
-    if (wakeAt) {
-        wake_.wait_until(lock, *wakeAt);
-    } else {
-        wake_.wait(lock);
-    }
-}
-
 void Worker::loop() {
+    // Named, so that the thread that runs the plug-in is told from the loop's in ps and top.
+    pthread_setname_np(pthread_self(), "velnord worker");
+    onWorkerThread = true;
     std::unique_lock lock(mutex_);
-    while (!stopping_) {
-        if (tickIsDue()) {
-            lock.unlock();
-            tick();
-            lock.lock();
-            continue;
-        }
-        if (stopQueryIsDue()) {
-            lock.unlock();
-            queryStopAtDeadline();
-            lock.lock();
-            continue;
-        }
-        if (queue_.empty()) {
-            waitForWork(lock);
-            continue;
+    for (;;) {
+        wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+        if (stopping_) {
+            break;
         }
         Job job = std::move(queue_.front());
         queue_.pop_front();
-        running_ = true;
+        tickQueued_ = tickQueued_ && job.kind != JobKind::Tick;
         lock.unlock();
-        if (job.operation == nullptr) {
-            runTicks(job);
-        } else {
-            runJob(job);
-        }
+        run(job);
         lock.lock();
-        running_ = false;
     }
     // Calls that never had their turn are told so; their clients hear that the daemon stops.
-    for (Job& job : queue_) {
-        if (job.operation == nullptr) {
-            job.ticked.set_value(std::nullopt);
-        } else {
-            job.done.set_value(std::nullopt);
-            job.mailbox->close();
+    std::deque<Job> left;
+    left.swap(queue_);
+    lock.unlock();
+    for (Job& job : left) {
+        if (job.sink) {
+            job.sink->finished(std::nullopt);
         }
     }
-    queue_.clear();
+}
+
+// The top of every job: whatever escapes it is logged, and a caller is answered with it, so
+// that no exception ends the daemon.
+void Worker::run(Job& job) {
+    try {
+        switch (job.kind) {
+            case JobKind::Call:
+                runCall(job);
+                break;
+            case JobKind::Tick:
+                tick();
+                break;
+            case JobKind::StopQuery:
+                queryStop(job.label);
+                break;
+            case JobKind::LearnStops:
+                learnStopDeadline({});
+                break;
+        }
+    } catch (...) {
+        current_ = nullptr;
+        const std::string what = describe(std::current_exception());
+        ::syslog(LOG_ERR, "the worker could not finish %s: %s",
+                 job.operation != nullptr ? job.operation->name : "its housekeeping", what.c_str());
+        if (job.sink) {
+            Outcome failed;
+            failed.failure = "velnord could not finish the call: " + what;
+            job.sink->finished(std::move(failed));
+        }
+    }
 }
 
 // Holds the host lock for one call. An in-process host (velnor --direct) may hold it for its own
@@ -229,96 +231,77 @@ support::Result<HostLock::Held> Worker::holdHostLock() {
     return hostLock_.holdOnceFree();
 }
 
-// Every entry into the plug-in goes through here, with the host lock held, so that an overlap
-// would be counted.
+// Every entry into the plug-in goes through here, with the host lock held.
 Outcome Worker::enterPlugin(const HostOperation& operation, const OperationArgument& argument) {
-    const bool overlapped = inside_.fetch_add(1) != 0;
     Outcome outcome = callWithNewHandler(plugin_, operation, argument);
-    inside_.fetch_sub(1);
-    std::lock_guard lock(countsMutex_);
-    counts_.overlaps += overlapped ? 1 : 0;
+    std::lock_guard lock(mutex_);
     ++(operation.style == OperationStyle::Idle ? counts_.ticks : counts_.calls);
     return outcome;
 }
 
 void Worker::tick() {
+    if (idleOperation_ == nullptr) {
+        return;
+    }
     // A tick is housekeeping that an in-process host holding the lock does in its own call: it
     // waits for the next interval rather than for that call.
     std::optional<HostLock::Held> held = hostLock_.holdIfFree();
     if (!held) {
-        nextTick_ = Clock::now() + idleInterval_;
         return;
     }
     Outcome outcome = enterPlugin(*idleOperation_, idleCount_);
+    held.reset();
     // The count goes round as a signed 32-bit integer does, without overflowing one.
     idleCount_ = static_cast<std::int32_t>(static_cast<std::uint32_t>(idleCount_) + 1U);
-    nextTick_ = Clock::now() + idleInterval_;
     if (report_) {
         report_(outcome.answered ? "idle tick" : "idle tick failed: " + outcome.failure);
     }
 }
 
-void Worker::runTicks(Job& job) {
-    const Clock::time_point began = Clock::now();
-    for (std::int64_t done = 0; done < job.ticks; ++done) {
-        tick();
-    }
-    job.ticked.set_value(Clock::now() - began);
-}
-
-void Worker::runJob(Job& job) {
-    currentMailbox_ = job.mailbox;
+void Worker::runCall(Job& job) {
+    current_ = job.sink;
     Outcome outcome;
     if (support::Result<HostLock::Held> held = holdHostLock()) {
         outcome = enterPlugin(*job.operation, job.argument);
     } else {
         outcome.failure = held.message();
     }
-    currentMailbox_ = nullptr;
+    current_ = nullptr;
     if (report_) {
         report_(job.operation->name);
     }
-    job.done.set_value(std::move(outcome));
-    job.mailbox->close();
+    job.sink->finished(std::move(outcome));
     // A stop, restart or settings change may have asked the job to stop.
     learnStopDeadline({});
 }
 
 // The query finds the job past its ExitTimeOut and kills what is left of it.
-void Worker::queryStopAtDeadline() {
-    std::string label;
-    {
-        std::lock_guard lock(mutex_);
-        label = stopDeadline_->label;
-    }
+void Worker::queryStop(const std::string& label) {
     if (support::Result<HostLock::Held> held = holdHostLock()) {
         GetLaunchDaemonServiceState(label);
     } else {
         syslog(LOG_ERR, "%s", held.message().c_str());
     }
     {
-        std::lock_guard lock(countsMutex_);
+        std::lock_guard lock(mutex_);
         ++counts_.stopQueries;
     }
     learnStopDeadline(label);
 }
 
 void Worker::learnStopDeadline(const std::string& queriedLabel) {
-    std::optional<StopDeadline> earliest;
-    const std::vector<PendingStop> pending =
-        pendingStops_ ? pendingStops_() : std::vector<PendingStop>{};
-    const Clock::time_point now = Clock::now();
-    for (const PendingStop& stop : pending) {
-        Clock::duration left = std::chrono::milliseconds(stop.millisecondsLeft);
-        if (stop.label == queriedLabel && stop.millisecondsLeft == 0) {
-            left = kStopRetry;
-        }
-        if (!earliest || now + left < earliest->at) {
-            earliest = StopDeadline{now + left, stop.label};
-        }
+    if (!stopDeadline_) {
+        return;
     }
-    std::lock_guard lock(mutex_);
-    stopDeadline_ = std::move(earliest);
+    std::optional<StopDeadline> earliest =
+        earliestStopDeadline(pendingStops_ ? pendingStops_() : std::vector<PendingStop>{},
+                             queriedLabel, std::chrono::steady_clock::now());
+    // Nothing pending before and after: the loop has no timer to change.
+    if (!earliest && !deadlineReported_) {
+        return;
+    }
+    deadlineReported_ = earliest.has_value();
+    stopDeadline_(std::move(earliest));
 }
 
 }  // namespace velnor::host

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""velnord on its own: who it serves, what it does with frames it cannot use, a client that
-vanishes mid-operation, SIGTERM while an operation runs, the idle tick's housekeeping, a stop's
+"""velnord on its own: who it serves, what it does with frames it cannot use, clients that send
+nothing or dribble, a client that vanishes mid-operation, SIGTERM while an operation runs, the idle tick's housekeeping, a stop's
 SIGKILL on time, the jobs that run at load, a command line run with the client's own folder and
 input, and a direct velnor that loads no libpq."""
 
@@ -101,6 +101,30 @@ print(b"serves root only" in data, client.recv(1) == b"")"""])
                 reply = read_frame(client)
             self.assertEqual(reply["kind"], kind, f"a call for a {style} operation")
         self.assertEqual(self.velnor("status", status=3).response, {"state": "STOPPED"})
+        self.assertIsNone(daemon.poll(), "velnord still runs")
+
+    @sandbox()
+    def test_silent_and_dribbling_clients_are_closed_and_hold_up_no_one(self):
+        daemon = self.start_daemon()
+        descriptors = lambda: len(os.listdir(f"/proc/{daemon.pid}/fd"))  # noqa: E731
+        self.assertEqual(self.velnor("status", status=3).response, {"state": "STOPPED"})
+        served = descriptors()
+        request = frame({"version": VERSION, "operation": "getStateWithRequest", "request": {}})
+        silent, dribbling, answered = connect(), connect(), connect()
+        dribbling.sendall(request[:6])
+        # Served while the other two have sent nothing whole, on a connection of its own.
+        answered.sendall(request)
+        self.assertEqual(read_frame(answered)["kind"], "outcome")
+        self.assertEqual(self.velnor("status", status=3).response, {"state": "STOPPED"})
+        for what, client in [("a client that sent nothing", silent), ("a client that dribbled", dribbling)]:
+            client.settimeout(30)
+            reply = read_frame(client)
+            self.assertIn("no whole request came within", reply["error"] if reply else "", what)
+            self.assertIsNone(read_frame(client), f"the daemon closed {what}")
+        # The answered client, idle since, is closed too; and nothing of the three is kept.
+        answered.settimeout(30)
+        self.assertEqual(read_frame(answered)["kind"], "error")
+        harness.wait_until(lambda: descriptors() == served, "velnord holds no descriptor of the three")
         self.assertIsNone(daemon.poll(), "velnord still runs")
 
     @sandbox("--initdb")

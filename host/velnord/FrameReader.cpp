@@ -1,0 +1,140 @@
+#include "FrameReader.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "ControlProtocol.h"
+#include "PropertyListFile.h"
+
+namespace velnor::host {
+namespace {
+
+using support::Result;
+
+constexpr std::size_t kLengthBytes = 4;
+
+support::Failure protocolFailure(const std::string& reason) {
+    return {EPROTO, reason};
+}
+
+// Takes the descriptors that a read carried; beyond kMostPassedDescriptors they are closed.
+void keepPassed(msghdr& message, std::vector<support::UniqueFd>& passed) {
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
+            continue;
+        }
+        const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (std::size_t index = 0; index < count; ++index) {
+            int received;
+            std::memcpy(&received, CMSG_DATA(header) + index * sizeof(int), sizeof received);
+            support::UniqueFd owned(received);
+            if (passed.size() < kMostPassedDescriptors) {
+                passed.push_back(std::move(owned));
+            }
+        }
+    }
+}
+
+// One non-blocking read into buffer; the count, 0 at the end of the stream, -1 with errno set.
+ssize_t receive(int socket, char* buffer, std::size_t size,
+                std::vector<support::UniqueFd>& passed) {
+    iovec part{buffer, size};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMostPassedDescriptors)];
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    ssize_t count;
+    do {
+        count = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+    } while (count < 0 && errno == EINTR);
+    if (count >= 0) {
+        keepPassed(message, passed);
+    }
+    return count;
+}
+
+}  // namespace
+
+Result<std::optional<ReceivedFrame>> FrameReader::readAvailable(int socket) {
+    for (;;) {
+        char* into = nullptr;
+        std::size_t wanted = 0;
+        if (!length_) {
+            into = reinterpret_cast<char*>(prefix_.data()) + have_;
+            wanted = kLengthBytes - have_;
+        } else {
+            into = body_.data() + have_;
+            wanted = *length_ - have_;
+        }
+        if (wanted == 0) {
+            return finish();
+        }
+        const ssize_t count = receive(socket, into, wanted, passed_);
+        if (count < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                return std::optional<ReceivedFrame>();
+            }
+            return support::couldNot("read a frame from", "the control socket", errno);
+        }
+        if (count == 0) {
+            if (!begun()) {
+                return support::Failure{ENODATA, "the peer closed the connection"};
+            }
+            return protocolFailure(length_ ? "a frame ended after " + std::to_string(have_) +
+                                                 " of its " + std::to_string(*length_) + " bytes"
+                                           : std::string("a frame ended inside its length"));
+        }
+        have_ += static_cast<std::size_t>(count);
+        if (!length_ && have_ == kLengthBytes) {
+            std::size_t length = 0;
+            for (unsigned char byte : prefix_) {
+                length = (length << 8) | byte;
+            }
+            if (length > kMaxFrameBytes) {
+                return protocolFailure("a frame of " + std::to_string(length) +
+                                       " bytes is over the " + std::to_string(kMaxFrameBytes) +
+                                       "-byte limit");
+            }
+            length_ = length;
+            body_.assign(length, '\0');
+            have_ = 0;
+        }
+    }
+}
+
+Result<std::optional<ReceivedFrame>> FrameReader::finish() {
+    Result<PlistValue> value = parsePropertyList(body_);
+    std::vector<support::UniqueFd> passed = std::move(passed_);
+    restart();
+    if (!value) {
+        return protocolFailure("a frame holds no property list: " + value.message());
+    }
+    const PlistDictionary* message = value->asDictionary();
+    if (message == nullptr) {
+        return protocolFailure("a frame holds no dictionary");
+    }
+    return std::optional<ReceivedFrame>(ReceivedFrame{*message, std::move(passed)});
+}
+
+void FrameReader::restart() {
+    have_ = 0;
+    length_.reset();
+    body_.clear();
+    passed_.clear();
+}
+
+std::string encodedFrame(const PlistDictionary& message) {
+    const std::string body = toBinaryPropertyList(PlistValue(message));
+    std::string frame(kLengthBytes, '\0');
+    for (std::size_t index = 0; index < kLengthBytes; ++index) {
+        frame[index] = static_cast<char>((body.size() >> (8 * (kLengthBytes - 1 - index))) & 0xFF);
+    }
+    return frame + body;
+}
+
+}  // namespace velnor::host
