@@ -17,19 +17,6 @@
 namespace velnor::host {
 namespace {
 
-struct CodeWords {
-    std::string_view code;
-    std::string_view words;
-};
-
-// Start and stop each wait four half seconds for the server's answer.
-constexpr CodeWords kCodeWords[] = {
-    {"CANNOT_START_SERVICE_TIMEOUT_ERR", "the server did not answer within 2 s"},
-    {"CANNOT_START_SERVICE_ERR", "launchd could not run the server's job"},
-    {"CANNOT_STOP_SERVICE_TIMEOUT_ERR", "the server still answered 2 s after the stop"},
-    {"CANNOT_STOP_SERVICE_ERR", "launchd could not stop the server's job"},
-};
-
 // Fields of the protocol's own bookkeeping, which tell a person nothing.
 constexpr std::string_view kProtocolFields[] = {"setStateVersion", "readStatus", "writeStatus"};
 
@@ -123,15 +110,6 @@ support::Result<support::UniqueFd> openLog(const std::string& path) {
 }
 
 }  // namespace
-
-std::optional<std::string_view> errorWords(std::string_view code) {
-    for (const CodeWords& known : kCodeWords) {
-        if (known.code == code) {
-            return known.words;
-        }
-    }
-    return std::nullopt;
-}
 
 std::string failureSentence(std::string_view verb, std::string_view code) {
     std::string sentence = std::string(verb) + " failed: ";

@@ -11,12 +11,9 @@
 
 #include "PlistValue.h"
 #include "Result.h"
+#include "ServiceFacts.h"
 
 namespace velnor::host {
-
-// The words for an error code that the plug-in answers; nothing for a code it does not have,
-// whose text then speaks for itself.
-std::optional<std::string_view> errorWords(std::string_view code);
 
 // "start failed: the server did not answer within 2 s (CANNOT_START_SERVICE_TIMEOUT_ERR)".
 std::string failureSentence(std::string_view verb, std::string_view code);

@@ -18,6 +18,7 @@
 #include "PluginLoader.h"
 #include "ProcessStat.h"
 #include "SafePath.h"
+#include "ServiceFacts.h"
 #include "SettingsCheck.h"
 
 namespace velnor::host {
@@ -29,8 +30,6 @@ constexpr std::size_t kKeptLogLines = 200;
 constexpr std::uint64_t kMostLogRead = 64 * 1024;
 constexpr std::int64_t kSampleSpan = 3600;
 constexpr auto kLogPoll = std::chrono::seconds(1);
-// The service's job, whose state the samples record.
-constexpr const char* kServiceLabel = "org.postgresql.postgres";
 
 std::int64_t nowSeconds() {
     return std::chrono::duration_cast<std::chrono::seconds>(
