@@ -54,9 +54,20 @@ struct ClientTitle {
     std::string state;
 };
 
-// The client connection that a process title shows, "postgres: USER DB HOST STATE";
-// nothing for the server's own processes (checkpointer, logger, ...).
+// The client connection that a process title shows, "postgres: USER DB HOST STATE", the state
+// being the rest of the title; nothing for the server's own processes (checkpointer, ...).
 std::optional<ClientTitle> parseClientTitle(pid_t pid, std::string_view title);
+
+// A process whose title shows a client connection, with its owner and parent.
+struct ClientProcess {
+    ClientTitle client;
+    uid_t owner = 0;
+    pid_t parent = 0;
+};
+
+// Every process on the machine whose title shows a client connection: the host's one walk
+// over /proc. The title is the process's first argument, which the server rewrites.
+std::vector<ClientProcess> clientProcesses();
 
 // The client connections of every server run from /usr/bin/postgres..., read from the process
 // titles of the children of its main process: a server that is shutting down takes no new

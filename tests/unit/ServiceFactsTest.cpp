@@ -28,5 +28,31 @@ TEST(ServiceFacts, EachErrorCodeHasOneSentence) {
     }
 }
 
+// The one reading of a server child's title, for the held stop and the console alike.
+TEST(ServiceFacts, AClientsTitleNamesUserDatabaseHostAndState) {
+    using namespace std::string_view_literals;
+    const std::pair<std::string_view, const char*> cases[] = {
+        {"postgres: app db [local] idle", "app|db|[local]|idle"},
+        {"postgres: app db 10.0.0.1(5433) idle in transaction",
+         "app|db|10.0.0.1(5433)|idle in transaction"},
+        {"postgres:  app  db  [local]  SELECT  ", "app|db|[local]|SELECT"},
+        {"postgres: app db [local] idle\0\0"sv, "app|db|[local]|idle"},  // padded
+        {"postgres: checkpointer", nullptr},
+        {"postgres: logical replication launcher", nullptr},
+        {"postgres: app db [local]", nullptr},  // no state
+        {"postgres: app db somewhere idle", nullptr},
+        {"postgres -D /var/pgsql", nullptr},
+        {"", nullptr},
+    };
+    for (const auto& [title, fields] : cases) {
+        const std::optional<ClientTitle> client = parseClientTitle(7, title);
+        EXPECT_EQ(client ? client->user + "|" + client->database + "|" + client->host + "|" +
+                               client->state
+                         : "<none>",
+                  fields ? fields : "<none>")
+            << title;
+    }
+}
+
 }  // namespace
 }  // namespace velnor::host
