@@ -48,9 +48,6 @@ std::int64_t bootClockMilliseconds() {
     return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// How long the old process may take to go once it has been sent SIGKILL.
-constexpr std::int64_t kKillSettleMilliseconds = 5000;
-
 // Waits up to milliseconds for the process to end; true once it has.
 bool awaitProcessEnd(const StartedProcess& process, std::int64_t milliseconds) {
     // A pid descriptor becomes readable when its process ends, whoever its parent is.

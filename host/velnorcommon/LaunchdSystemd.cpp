@@ -41,10 +41,9 @@ constexpr const char* kUnitExists = "org.freedesktop.systemd1.UnitExists";
 // As root, systemd answers on its own socket even where no message bus runs.
 constexpr const char* kSystemdPrivateSocket = "unix:path=/run/systemd/private";
 
-// How often a start looks whether the old unit has gone, and how long beyond the old unit's stop
-// timeout it waits for systemd to have killed and forgotten it.
+// How often a start looks whether the old unit has gone; beyond the old unit's stop timeout it
+// waits kKillSettleMilliseconds for systemd to have killed and forgotten it.
 constexpr long kGonePollMilliseconds = 20;
-constexpr std::int64_t kKillSettleMilliseconds = 5000;
 constexpr std::uint64_t kMicrosecondsPerSecond = 1000000;
 
 bool isUnescapedByte(char byte, bool first) {
