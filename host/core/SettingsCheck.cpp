@@ -198,6 +198,7 @@ Result<ServerProgram> serverProgramOfJob(const std::string& jobFile) {
 }
 
 Result<std::pair<std::string, std::string>> splitSetting(const std::string& argument) {
+    // Values may hold "=" themselves (search_path="$user",public), names never do.
     std::size_t equals = argument.find('=');
     if (equals == std::string::npos || equals == 0) {
         return Failure{EINVAL, "\"" + argument + "\" is not NAME=VALUE"};
