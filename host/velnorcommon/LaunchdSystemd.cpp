@@ -16,6 +16,7 @@
 #include "JobLaunch.h"
 #include "LaunchdJob.h"
 #include "LaunchdJobs.h"
+#include "LoadOnce.h"
 #include "PathNames.h"
 #include "ProcessStat.h"
 #include "Result.h"
@@ -86,13 +87,11 @@ struct SdBus {
 constexpr const char* kLibsystemdName = "libsystemd.so.0";
 
 support::Result<SdBus> loadLibsystemd() {
-    // Never closed: the functions stay valid for the process's life.
-    void* library = dlopen(kLibsystemdName, RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        const char* error = dlerror();
-        return support::couldNot("load", kLibsystemdName,
-                                 error != nullptr ? error : "unknown error");
+    support::Result<void*> opened = support::openLibrary(kLibsystemdName);
+    if (!opened) {
+        return opened.failure();
     }
+    void* library = *opened;
     SdBus functions;
     bool resolved = true;
 #define VELNOR_SD_BUS_RESOLVE(name)                                              \
@@ -106,15 +105,15 @@ support::Result<SdBus> loadLibsystemd() {
     return functions;
 }
 
-// The library once loaded, or why it cannot be; a program loads it at most once.
-const support::Result<SdBus>& libsystemd() {
-    static const support::Result<SdBus> loaded = loadLibsystemd();
-    return loaded;
+// The library once loaded, or why it cannot be yet.
+support::Result<const SdBus*> libsystemd() {
+    static support::LoadOnce<SdBus> library(loadLibsystemd);
+    return library.get();
 }
 
 // Only where a bus is open, which connectToSystemd opens only once the library is loaded.
 const SdBus& sdBus() {
-    return *libsystemd();
+    return **libsystemd();
 }
 
 struct BusUnref {
@@ -146,8 +145,8 @@ class BusError {
 };
 
 support::Result<Bus> connectToSystemd() {
-    if (!libsystemd()) {
-        return libsystemd().failure();
+    if (support::Result<const SdBus*> loaded = libsystemd(); !loaded) {
+        return loaded.failure();
     }
     sd_bus* bus = nullptr;
     if (sdBus().sd_bus_new(&bus) >= 0) {
