@@ -12,6 +12,7 @@
 #include <memory>
 #include <string_view>
 
+#include "Deadline.h"
 #include "HostLog.h"
 #include "JobLaunch.h"
 #include "LaunchdJob.h"
@@ -164,12 +165,6 @@ support::Result<Bus> connectToSystemd() {
     return Bus(bus);
 }
 
-std::int64_t monotonicMilliseconds() {
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
 // What systemd says of a loaded unit.
 struct UnitState {
     std::string activeState;
@@ -275,7 +270,7 @@ support::Status awaitUnitGone(sd_bus* bus, const std::string& unit, const UnitSt
     const std::int64_t allowed = static_cast<std::int64_t>(std::min<std::uint64_t>(
                                      state.timeoutStopMicroseconds / 1000, INT32_MAX)) +
                                  kKillSettleMilliseconds;
-    const std::int64_t deadline = monotonicMilliseconds() + allowed;
+    const support::Deadline deadline{std::chrono::milliseconds(allowed)};
     for (;;) {
         auto now = stateOfUnit(bus, unit);
         if (!now) {
@@ -284,7 +279,7 @@ support::Status awaitUnitGone(sd_bus* bus, const std::string& unit, const UnitSt
         if (!now->has_value()) {
             return {};
         }
-        if (monotonicMilliseconds() >= deadline) {
+        if (deadline.passed()) {
             return support::Failure{ETIMEDOUT, "its unit " + unit + " is still " +
                                                    (*now)->activeState + " after " +
                                                    std::to_string(allowed) + " ms"};
