@@ -5,6 +5,8 @@
 #include <charconv>
 #include <limits>
 
+#include "SettingsCheck.h"
+
 namespace velnor::host {
 namespace {
 
@@ -124,12 +126,11 @@ void addVerbs(CLI::App& app, Typed& typed) {
 support::Result<Command> settingsCommand(Command command, const Typed& typed) {
     PlistDictionary configuration;
     for (const std::string& setting : typed.settings) {
-        // Values may hold "=" themselves (search_path="$user",public), keys never do.
-        std::size_t equals = setting.find('=');
-        if (equals == std::string::npos || equals == 0) {
+        support::Result<std::pair<std::string, std::string>> pair = splitSetting(setting);
+        if (!pair) {
             return failure("a setting is written KEY=VALUE, not \"" + setting + "\"");
         }
-        configuration.set(setting.substr(0, equals), PlistValue(setting.substr(equals + 1)));
+        configuration.set(pair->first, PlistValue(std::move(pair->second)));
     }
     if (configuration.empty()) {
         command.operation = "readSettingsWithRequest";

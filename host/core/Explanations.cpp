@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -16,19 +17,6 @@
 
 namespace velnor::host {
 namespace {
-
-struct CodeWords {
-    std::string_view code;
-    std::string_view words;
-};
-
-// Start and stop each wait four half seconds for the server's answer.
-constexpr CodeWords kCodeWords[] = {
-    {"CANNOT_START_SERVICE_TIMEOUT_ERR", "the server did not answer within 2 s"},
-    {"CANNOT_START_SERVICE_ERR", "launchd could not run the server's job"},
-    {"CANNOT_STOP_SERVICE_TIMEOUT_ERR", "the server still answered 2 s after the stop"},
-    {"CANNOT_STOP_SERVICE_ERR", "launchd could not stop the server's job"},
-};
 
 // Fields of the protocol's own bookkeeping, which tell a person nothing.
 constexpr std::string_view kProtocolFields[] = {"setStateVersion", "readStatus", "writeStatus"};
@@ -48,6 +36,19 @@ std::vector<std::string> words(std::string_view text) {
     return split;
 }
 
+// The next word of text, taken off its front; nothing when no word is left.
+std::optional<std::string_view> takeWord(std::string_view& text) {
+    std::size_t start = text.find_first_not_of(' ');
+    if (start == std::string_view::npos) {
+        return std::nullopt;
+    }
+    text.remove_prefix(start);
+    std::size_t end = std::min(text.find(' '), text.size());
+    std::string_view word = text.substr(0, end);
+    text.remove_prefix(end);
+    return word;
+}
+
 // The start of a /proc file, at most limit bytes: empty when the process has ended.
 std::string readSmallFile(const std::string& path, std::size_t limit) {
     std::ifstream in(path, std::ios::binary);
@@ -57,16 +58,19 @@ std::string readSmallFile(const std::string& path, std::size_t limit) {
     return text;
 }
 
-// The process's arguments joined by spaces (a title the server set may already be one).
+// The process's first argument, where the server writes a child's title.
 std::string processTitle(pid_t pid) {
     std::string title = readSmallFile("/proc/" + std::to_string(pid) + "/cmdline", 4096);
-    while (!title.empty() && title.back() == '\0') {
-        title.pop_back();
+    return title.substr(0, title.find('\0'));
+}
+
+// The owner of the process, as its /proc folder shows it; nothing once it has ended.
+std::optional<uid_t> ownerOf(pid_t pid) {
+    struct stat status;
+    if (stat(("/proc/" + std::to_string(pid)).c_str(), &status) != 0) {
+        return std::nullopt;
     }
-    for (char& byte : title) {
-        byte = byte == '\0' ? ' ' : byte;
-    }
-    return title;
+    return status.st_uid;
 }
 
 // The parent of the process, from its stat line after the command's closing parenthesis.
@@ -80,12 +84,13 @@ pid_t parentOf(pid_t pid) {
     return fields.size() > 1 ? static_cast<pid_t>(std::atoi(fields[1].c_str())) : 0;
 }
 
+// The server program's path begins as the job's does ("/usr/bin/postgres-15").
 bool runsServerProgram(pid_t pid) {
     char target[4096];
     std::string link = "/proc/" + std::to_string(pid) + "/exe";
     ssize_t length = readlink(link.c_str(), target, sizeof target - 1);
     return length > 0 && std::string_view(target, static_cast<std::size_t>(length))
-                             .starts_with("/usr/bin/postgres");
+                             .starts_with(kServerProgramPrefix);
 }
 
 std::vector<pid_t> processIds() {
@@ -123,15 +128,6 @@ support::Result<support::UniqueFd> openLog(const std::string& path) {
 }
 
 }  // namespace
-
-std::optional<std::string_view> errorWords(std::string_view code) {
-    for (const CodeWords& known : kCodeWords) {
-        if (known.code == code) {
-            return known.words;
-        }
-    }
-    return std::nullopt;
-}
 
 std::string failureSentence(std::string_view verb, std::string_view code) {
     std::string sentence = std::string(verb) + " failed: ";
@@ -229,27 +225,47 @@ support::Result<std::string> appendedSince(const LogMark& mark, std::size_t limi
 }
 
 std::optional<ClientTitle> parseClientTitle(pid_t pid, std::string_view title) {
-    constexpr std::string_view kPrefix = "postgres: ";
-    if (!title.starts_with(kPrefix)) {
+    // The server pads a shorter title than the one before it.
+    while (!title.empty() && (title.back() == ' ' || title.back() == '\0')) {
+        title.remove_suffix(1);
+    }
+    if (!title.starts_with(kServerTitlePrefix)) {
         return std::nullopt;
     }
-    std::vector<std::string> fields = words(title.substr(kPrefix.size()));
-    if (fields.size() < 4 || !isClientHost(fields[2])) {
+    title.remove_prefix(kServerTitlePrefix.size());
+    ClientTitle client{pid, {}, {}, {}, {}};
+    for (std::string* field : {&client.user, &client.database, &client.host}) {
+        std::optional<std::string_view> word = takeWord(title);
+        if (!word) {
+            return std::nullopt;
+        }
+        *field = *word;
+    }
+    std::size_t state = title.find_first_not_of(' ');
+    if (state == std::string_view::npos || !isClientHost(client.host)) {
         return std::nullopt;
     }
-    ClientTitle client{pid, fields[0], fields[1], fields[2], fields[3]};
-    for (std::size_t index = 4; index < fields.size(); ++index) {
-        client.state += " " + fields[index];
-    }
+    client.state = title.substr(state);
     return client;
+}
+
+std::vector<ClientProcess> clientProcesses() {
+    std::vector<ClientProcess> found;
+    for (pid_t pid : processIds()) {
+        std::optional<ClientTitle> client = parseClientTitle(pid, processTitle(pid));
+        std::optional<uid_t> owner = client ? ownerOf(pid) : std::nullopt;
+        if (owner) {
+            found.push_back(ClientProcess{std::move(*client), *owner, parentOf(pid)});
+        }
+    }
+    return found;
 }
 
 std::vector<ClientTitle> serverClients() {
     std::vector<ClientTitle> clients;
-    for (pid_t pid : processIds()) {
-        std::optional<ClientTitle> client = parseClientTitle(pid, processTitle(pid));
-        if (client && runsServerProgram(parentOf(pid))) {
-            clients.push_back(std::move(*client));
+    for (ClientProcess& process : clientProcesses()) {
+        if (runsServerProgram(process.parent)) {
+            clients.push_back(std::move(process.client));
         }
     }
     return clients;

@@ -11,12 +11,9 @@
 
 #include "PlistValue.h"
 #include "Result.h"
+#include "ServiceFacts.h"
 
 namespace velnor::host {
-
-// The words for an error code that the plug-in answers; nothing for a code it does not have,
-// whose text then speaks for itself.
-std::optional<std::string_view> errorWords(std::string_view code);
 
 // "start failed: the server did not answer within 2 s (CANNOT_START_SERVICE_TIMEOUT_ERR)".
 std::string failureSentence(std::string_view verb, std::string_view code);
@@ -57,9 +54,20 @@ struct ClientTitle {
     std::string state;
 };
 
-// The client connection that a process title shows, "postgres: USER DB HOST STATE";
-// nothing for the server's own processes (checkpointer, logger, ...).
+// The client connection that a process title shows, "postgres: USER DB HOST STATE", the state
+// being the rest of the title; nothing for the server's own processes (checkpointer, ...).
 std::optional<ClientTitle> parseClientTitle(pid_t pid, std::string_view title);
+
+// A process whose title shows a client connection, with its owner and parent.
+struct ClientProcess {
+    ClientTitle client;
+    uid_t owner = 0;
+    pid_t parent = 0;
+};
+
+// Every process on the machine whose title shows a client connection: the host's one walk
+// over /proc. The title is the process's first argument, which the server rewrites.
+std::vector<ClientProcess> clientProcesses();
 
 // The client connections of every server run from /usr/bin/postgres..., read from the process
 // titles of the children of its main process: a server that is shutting down takes no new

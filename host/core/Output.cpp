@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "PlistNode.h"
+#include "PlistText.h"
 #include "PropertyListFile.h"
 
 namespace velnor::host {
@@ -16,42 +17,6 @@ constexpr int kIndentStep = 2;
 constexpr std::string_view kReplacementCharacter = "\\ufffd";
 // Property lists count dates from 2001-01-01T00:00:00Z; Unix time from 1970.
 constexpr double kUnixSecondsAt2001 = 978307200;
-
-// The length of the well-formed UTF-8 sequence at the start of text, or 0 when it does not
-// start with one (a stray continuation byte, a truncated or overlong sequence, a surrogate,
-// or a code point above U+10FFFF).
-std::size_t utf8SequenceLength(std::string_view text) {
-    auto byte = [&](std::size_t index) { return static_cast<unsigned char>(text[index]); };
-    auto isContinuation = [&](std::size_t index) {
-        return index < text.size() && (byte(index) & 0xC0) == 0x80;
-    };
-    unsigned char lead = byte(0);
-    std::size_t length = 0;
-    unsigned char lowest = 0x80;   // bounds of the second byte, to refuse overlong forms,
-    unsigned char highest = 0xBF;  // surrogates and code points beyond U+10FFFF
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        lowest = lead == 0xE0 ? 0xA0 : 0x80;
-        highest = lead == 0xED ? 0x9F : 0xBF;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        lowest = lead == 0xF0 ? 0x90 : 0x80;
-        highest = lead == 0xF4 ? 0x8F : 0xBF;
-    } else {
-        return 0;
-    }
-    if (!isContinuation(1) || byte(1) < lowest || byte(1) > highest) {
-        return 0;
-    }
-    for (std::size_t index = 2; index < length; ++index) {
-        if (!isContinuation(index)) {
-            return 0;
-        }
-    }
-    return length;
-}
 
 void appendEscapedAscii(std::string& out, char character) {
     switch (character) {
@@ -96,7 +61,7 @@ void appendJsonString(std::string& out, std::string_view text) {
             text.remove_prefix(1);
             continue;
         }
-        std::size_t length = utf8SequenceLength(text);
+        std::size_t length = utf8LengthAt(text, 0);
         if (length == 0) {
             out += kReplacementCharacter;
             text.remove_prefix(1);

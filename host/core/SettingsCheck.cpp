@@ -14,6 +14,7 @@
 #include <optional>
 
 #include "Accounts.h"
+#include "Deadline.h"
 #include "LaunchDaemon.h"
 #include "PlistValue.h"
 #include "PropertyListFile.h"
@@ -86,17 +87,15 @@ std::string trimmed(std::string text) {
 }
 
 // Reads the child's output until it closes it or the deadline passes; false on the deadline.
-bool collectOutput(int output, std::chrono::steady_clock::time_point deadline,
-                   std::string& collected) {
+bool collectOutput(int output, const support::Deadline& deadline, std::string& collected) {
     char buffer[4096];
     for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
+        const int left = deadline.pollMilliseconds();
+        if (left == 0) {
             return false;
         }
         pollfd watched{output, POLLIN, 0};
-        int ready = poll(&watched, 1, static_cast<int>(left.count()));
+        int ready = poll(&watched, 1, left);
         if (ready < 0 && errno == EINTR) {
             continue;
         }
@@ -140,8 +139,7 @@ Result<ProgramRun> runAsAccount(const std::vector<std::string>& arguments, const
     }
     writeEnd.reset();
     ProgramRun run;
-    bool finished =
-        collectOutput(readEnd.get(), std::chrono::steady_clock::now() + limit, run.output);
+    bool finished = collectOutput(readEnd.get(), support::Deadline(limit), run.output);
     if (!finished) {
         kill(child, SIGKILL);
     }
@@ -198,6 +196,7 @@ Result<ServerProgram> serverProgramOfJob(const std::string& jobFile) {
 }
 
 Result<std::pair<std::string, std::string>> splitSetting(const std::string& argument) {
+    // Values may hold "=" themselves (search_path="$user",public), names never do.
     std::size_t equals = argument.find('=');
     if (equals == std::string::npos || equals == 0) {
         return Failure{EINVAL, "\"" + argument + "\" is not NAME=VALUE"};

@@ -9,12 +9,9 @@
 #include <vector>
 
 #include "Result.h"
+#include "ServiceFacts.h"
 
 namespace velnor::host {
-
-// The job file that holds the service's launch arguments and account.
-inline constexpr const char* kServiceJobFile =
-    "/System/Library/LaunchDaemons/org.postgresql.postgres.plist";
 
 // What the job runs: its program, the data folder after its -D, and the account it runs as.
 struct ServerProgram {

@@ -412,19 +412,14 @@ Status replaceFile(const std::string& path, std::string_view contents,
     if (!folder) {
         return folder.failure();
     }
-    removeLeftTemporaries(folder->get(), name);
-    std::string temporary;
-    auto file = createTemporaryFile(folder->get(), name, &temporary);
-    if (!file) {
-        return couldNot("create file", joinedPath(folderOf(path), temporary), file.message(),
-                        file.error());
+    ReplacementFile file(folder->get(), name, folderOf(path));
+    if (!file.created()) {
+        return couldNot("create file", joinedPath(folderOf(path), file.temporaryName()),
+                        file.created().message(), file.created().error());
     }
-    Status filled = fillFile(*file, path, contents, attributes);
-    if (filled && renameat(folder->get(), temporary.c_str(), folder->get(), name.c_str()) != 0) {
+    Status filled = fillFile(file.file(), path, contents, attributes);
+    if (filled && !file.renameIntoPlace()) {
         filled = couldNot("replace", path, errno);
-    }
-    if (!filled) {
-        unlinkat(folder->get(), temporary.c_str(), 0);
     }
     return filled;
 }

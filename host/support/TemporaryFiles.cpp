@@ -7,6 +7,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <utility>
+
+#include "SafePath.h"
 
 namespace velnor::support {
 namespace {
@@ -72,6 +75,34 @@ void removeLeftTemporaries(int folder, const std::string& finalName) {
         }
     }
     closedir(listing);
+}
+
+ReplacementFile::ReplacementFile(int folder, std::string finalName, const std::string& shownFolder)
+    : finalName_(std::move(finalName)) {
+    // A path descriptor can neither be listed nor flushed.
+    auto listed = reopen(folder, O_RDONLY | O_DIRECTORY, shownFolder);
+    if (!listed) {
+        created_ = listed.failure();
+        return;
+    }
+    folder_ = std::move(*listed);
+    removeLeftTemporaries(folder_.get(), finalName_);
+    created_ = createTemporaryFile(folder_.get(), finalName_, &temporary_);
+}
+
+ReplacementFile::~ReplacementFile() {
+    if (created_ && !renamed_) {
+        unlinkat(folder_.get(), temporary_.c_str(), 0);
+    }
+}
+
+bool ReplacementFile::renameIntoPlace() {
+    renamed_ = renameat(folder_.get(), temporary_.c_str(), folder_.get(), finalName_.c_str()) == 0;
+    if (renamed_) {
+        // A failure here changes nothing that a reader could see, so it is not reported.
+        fsync(folder_.get());
+    }
+    return renamed_;
 }
 
 }  // namespace velnor::support

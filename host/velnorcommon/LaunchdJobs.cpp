@@ -21,6 +21,7 @@ extern "C" {
 #include <memory>
 #include <string_view>
 
+#include "Deadline.h"
 #include "HostLog.h"
 #include "LaunchdJob.h"
 #include "PathNames.h"
@@ -42,14 +43,13 @@ bool isSameRunningProcess(const StartedProcess& process) {
     return stat && stat->running() && stat->startTime == process.startTime;
 }
 
+// The boot clock, which a stop's mark keeps its kill time on: it goes on through a suspend, so
+// that a stop that was due while the machine slept kills at once when it wakes.
 std::int64_t bootClockMilliseconds() {
     timespec now{};
     ::clock_gettime(CLOCK_BOOTTIME, &now);
     return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
-
-// How long the old process may take to go once it has been sent SIGKILL.
-constexpr std::int64_t kKillSettleMilliseconds = 5000;
 
 // Waits up to milliseconds for the process to end; true once it has.
 bool awaitProcessEnd(const StartedProcess& process, std::int64_t milliseconds) {
@@ -58,11 +58,10 @@ bool awaitProcessEnd(const StartedProcess& process, std::int64_t milliseconds) {
     if (!pinned.valid() || !isSameRunningProcess(process)) {
         return !isSameRunningProcess(process);
     }
-    const std::int64_t deadline = bootClockMilliseconds() + milliseconds;
+    const support::Deadline deadline{std::chrono::milliseconds(milliseconds)};
     pollfd ending{pinned.get(), POLLIN, 0};
-    for (std::int64_t left = milliseconds; left > 0; left = deadline - bootClockMilliseconds()) {
-        const int ready =
-            ::poll(&ending, 1, static_cast<int>(std::min<std::int64_t>(left, INT_MAX)));
+    for (int left = deadline.pollMilliseconds(); left > 0; left = deadline.pollMilliseconds()) {
+        const int ready = ::poll(&ending, 1, left);
         if (ready > 0 || (ready < 0 && errno != EINTR)) {
             break;
         }

@@ -30,6 +30,10 @@
 
 namespace velnor {
 
+// How long a job's process may take to go once it has been sent SIGKILL, whether the host
+// signals it itself or systemd does past the unit's stop timeout.
+inline constexpr std::int64_t kKillSettleMilliseconds = 5000;
+
 // A label names the job file (and the direct backend's record), so it must be one plain file
 // name.
 bool isUsableLabel(const std::string& label);

@@ -12,10 +12,12 @@
 #include <memory>
 #include <string_view>
 
+#include "Deadline.h"
 #include "HostLog.h"
 #include "JobLaunch.h"
 #include "LaunchdJob.h"
 #include "LaunchdJobs.h"
+#include "LoadOnce.h"
 #include "PathNames.h"
 #include "ProcessStat.h"
 #include "Result.h"
@@ -41,10 +43,9 @@ constexpr const char* kUnitExists = "org.freedesktop.systemd1.UnitExists";
 // As root, systemd answers on its own socket even where no message bus runs.
 constexpr const char* kSystemdPrivateSocket = "unix:path=/run/systemd/private";
 
-// How often a start looks whether the old unit has gone, and how long beyond the old unit's stop
-// timeout it waits for systemd to have killed and forgotten it.
+// How often a start looks whether the old unit has gone; beyond the old unit's stop timeout it
+// waits kKillSettleMilliseconds for systemd to have killed and forgotten it.
 constexpr long kGonePollMilliseconds = 20;
-constexpr std::int64_t kKillSettleMilliseconds = 5000;
 constexpr std::uint64_t kMicrosecondsPerSecond = 1000000;
 
 bool isUnescapedByte(char byte, bool first) {
@@ -87,13 +88,11 @@ struct SdBus {
 constexpr const char* kLibsystemdName = "libsystemd.so.0";
 
 support::Result<SdBus> loadLibsystemd() {
-    // Never closed: the functions stay valid for the process's life.
-    void* library = dlopen(kLibsystemdName, RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        const char* error = dlerror();
-        return support::couldNot("load", kLibsystemdName,
-                                 error != nullptr ? error : "unknown error");
+    support::Result<void*> opened = support::openLibrary(kLibsystemdName);
+    if (!opened) {
+        return opened.failure();
     }
+    void* library = *opened;
     SdBus functions;
     bool resolved = true;
 #define VELNOR_SD_BUS_RESOLVE(name)                                              \
@@ -107,15 +106,15 @@ support::Result<SdBus> loadLibsystemd() {
     return functions;
 }
 
-// The library once loaded, or why it cannot be; a program loads it at most once.
-const support::Result<SdBus>& libsystemd() {
-    static const support::Result<SdBus> loaded = loadLibsystemd();
-    return loaded;
+// The library once loaded, or why it cannot be yet.
+support::Result<const SdBus*> libsystemd() {
+    static support::LoadOnce<SdBus> library(loadLibsystemd);
+    return library.get();
 }
 
 // Only where a bus is open, which connectToSystemd opens only once the library is loaded.
 const SdBus& sdBus() {
-    return *libsystemd();
+    return **libsystemd();
 }
 
 struct BusUnref {
@@ -147,8 +146,8 @@ class BusError {
 };
 
 support::Result<Bus> connectToSystemd() {
-    if (!libsystemd()) {
-        return libsystemd().failure();
+    if (support::Result<const SdBus*> loaded = libsystemd(); !loaded) {
+        return loaded.failure();
     }
     sd_bus* bus = nullptr;
     if (sdBus().sd_bus_new(&bus) >= 0) {
@@ -164,12 +163,6 @@ support::Result<Bus> connectToSystemd() {
         return support::couldNot("connect to", "systemd", -opened);
     }
     return Bus(bus);
-}
-
-std::int64_t monotonicMilliseconds() {
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
 // What systemd says of a loaded unit.
@@ -277,7 +270,7 @@ support::Status awaitUnitGone(sd_bus* bus, const std::string& unit, const UnitSt
     const std::int64_t allowed = static_cast<std::int64_t>(std::min<std::uint64_t>(
                                      state.timeoutStopMicroseconds / 1000, INT32_MAX)) +
                                  kKillSettleMilliseconds;
-    const std::int64_t deadline = monotonicMilliseconds() + allowed;
+    const support::Deadline deadline{std::chrono::milliseconds(allowed)};
     for (;;) {
         auto now = stateOfUnit(bus, unit);
         if (!now) {
@@ -286,7 +279,7 @@ support::Status awaitUnitGone(sd_bus* bus, const std::string& unit, const UnitSt
         if (!now->has_value()) {
             return {};
         }
-        if (monotonicMilliseconds() >= deadline) {
+        if (deadline.passed()) {
             return support::Failure{ETIMEDOUT, "its unit " + unit + " is still " +
                                                    (*now)->activeState + " after " +
                                                    std::to_string(allowed) + " ms"};

@@ -8,41 +8,6 @@
 namespace velnor {
 namespace {
 
-// The length of the UTF-8 sequence at position, or 0 when the bytes there are not one: a stray
-// or missing continuation byte, an overlong form, a surrogate or a code point above U+10FFFF.
-std::size_t utf8LengthAt(std::string_view text, std::size_t position) {
-    const auto lead = static_cast<unsigned char>(text[position]);
-    if (lead < 0x80) {
-        return 1;
-    }
-    std::size_t length = 0;
-    unsigned char low = 0x80;   // the range of the second byte, which rules out overlong forms,
-    unsigned char high = 0xBF;  // surrogates and what lies above U+10FFFF
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        low = lead == 0xE0 ? 0xA0 : 0x80;
-        high = lead == 0xED ? 0x9F : 0xBF;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        low = lead == 0xF0 ? 0x90 : 0x80;
-        high = lead == 0xF4 ? 0x8F : 0xBF;
-    } else {
-        return 0;
-    }
-    if (text.size() - position < length) {
-        return 0;
-    }
-    for (std::size_t i = 1; i < length; ++i) {
-        const auto byte = static_cast<unsigned char>(text[position + i]);
-        if (byte < (i == 1 ? low : 0x80) || byte > (i == 1 ? high : 0xBF)) {
-            return 0;
-        }
-    }
-    return length;
-}
-
 // The code point of the valid UTF-8 sequence of length at position.
 std::uint32_t codePointAt(std::string_view text, std::size_t position, std::size_t length) {
     static constexpr unsigned char kLeadBits[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
@@ -107,6 +72,39 @@ class UncarriableTextFinder {
 };
 
 }  // namespace
+
+std::size_t utf8LengthAt(std::string_view text, std::size_t position) {
+    const auto lead = static_cast<unsigned char>(text[position]);
+    if (lead < 0x80) {
+        return 1;
+    }
+    std::size_t length = 0;
+    unsigned char low = 0x80;   // the range of the second byte, which rules out overlong forms,
+    unsigned char high = 0xBF;  // surrogates and what lies above U+10FFFF
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        low = lead == 0xE0 ? 0xA0 : 0x80;
+        high = lead == 0xED ? 0x9F : 0xBF;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        low = lead == 0xF0 ? 0x90 : 0x80;
+        high = lead == 0xF4 ? 0x8F : 0xBF;
+    } else {
+        return 0;
+    }
+    if (text.size() - position < length) {
+        return 0;
+    }
+    for (std::size_t i = 1; i < length; ++i) {
+        const auto byte = static_cast<unsigned char>(text[position + i]);
+        if (byte < (i == 1 ? low : 0x80) || byte > (i == 1 ? high : 0xBF)) {
+            return 0;
+        }
+    }
+    return length;
+}
 
 const char* formatName(PlistFormat format) {
     return format == PlistFormat::Binary ? "a binary property list" : "an XML property list";

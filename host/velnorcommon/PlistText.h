@@ -20,6 +20,11 @@ namespace velnor {
 // The two ways a property list is written.
 enum class PlistFormat { Xml, Binary };
 
+// The length of the UTF-8 sequence at position, or 0 when the bytes there are not one: a stray
+// or missing continuation byte, an overlong form, a surrogate or a code point above U+10FFFF.
+// The host's one reading of UTF-8, for property lists and JSON alike.
+VELNOR_EXPORT std::size_t utf8LengthAt(std::string_view text, std::size_t position);
+
 // The format's name as messages show it: "an XML property list", "a binary property list".
 VELNOR_EXPORT const char* formatName(PlistFormat format);
 

@@ -15,54 +15,10 @@
 namespace velnor {
 namespace {
 
-// A temporary file beside the placement's file, removed again unless it has been renamed into
-// place.
-class TemporaryFile {
-  public:
-    explicit TemporaryFile(const support::Placement& placement) : name_(placement.name) {
-        // The placement holds a path descriptor, which can neither be listed nor flushed.
-        auto folder = support::reopen(placement.folder.get(), O_RDONLY | O_DIRECTORY,
-                                      support::folderOf(placement.shownPath));
-        if (!folder) {
-            created_ = folder.failure();
-            return;
-        }
-        folder_ = std::move(*folder);
-        support::removeLeftTemporaries(folder_.get(), name_);
-        created_ = support::createTemporaryFile(folder_.get(), name_, &temporary_);
-    }
-    ~TemporaryFile() {
-        if (created_ && !renamed_) {
-            ::unlinkat(folder_.get(), temporary_.c_str(), 0);
-        }
-    }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-    const support::Result<support::UniqueFd>& created() const { return created_; }
-    int fd() const { return created_->get(); }
-    int close() { return created_->close(); }
-    // Renames the file over the one it replaces and makes the rename durable.
-    bool renameIntoPlace() {
-        renamed_ = ::renameat(folder_.get(), temporary_.c_str(), folder_.get(), name_.c_str()) == 0;
-        if (renamed_) {
-            // A failure here changes nothing that a reader could see, so it is not reported.
-            ::fsync(folder_.get());
-        }
-        return renamed_;
-    }
-
-  private:
-    std::string name_;
-    std::string temporary_;
-    support::UniqueFd folder_;
-    support::Result<support::UniqueFd> created_ = support::UniqueFd();
-    bool renamed_ = false;
-};
-
 // Gives the temporary file the owner and mode of the file it replaces. The owner comes first:
 // changing it clears the set-user-id and set-group-id bits, which the mode then restores.
-bool takeOverAttributes(const TemporaryFile& file, const struct stat* old, mode_t newFileMode) {
+bool takeOverAttributes(const support::ReplacementFile& file, const struct stat* old,
+                        mode_t newFileMode) {
     if (old != nullptr && (old->st_uid != ::geteuid() || old->st_gid != ::getegid()) &&
         ::fchown(file.fd(), old->st_uid, old->st_gid) != 0) {
         return false;
@@ -135,7 +91,8 @@ support::Status replaceWholeFileAtomically(const std::string& path, std::string_
         return support::couldNot("replace", target, S_ISDIR(old.st_mode) ? EISDIR : EINVAL);
     }
 
-    TemporaryFile temporary(*placement);
+    support::ReplacementFile temporary(placement->folder.get(), placement->name,
+                                       support::folderOf(target));
     if (!temporary.created()) {
         return support::couldNot("create a temporary file beside", target,
                                  temporary.created().message(), temporary.created().error());
@@ -147,7 +104,7 @@ support::Status replaceWholeFileAtomically(const std::string& path, std::string_
         return support::couldNot("set the owner and mode of a temporary file beside", target,
                                  errno);
     }
-    if (::fsync(temporary.fd()) != 0 || temporary.close() != 0) {
+    if (::fsync(temporary.fd()) != 0 || temporary.file().close() != 0) {
         return support::couldNot("flush a temporary file beside", target, errno);
     }
     if (!temporary.renameIntoPlace()) {

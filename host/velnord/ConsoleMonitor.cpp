@@ -1,24 +1,24 @@
 #include "ConsoleMonitor.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 
 #include "Accounts.h"
+#include "Explanations.h"
 #include "Invocation.h"
 #include "LaunchDaemon.h"
 #include "Output.h"
 #include "PluginLoader.h"
 #include "ProcessStat.h"
 #include "SafePath.h"
+#include "ServiceFacts.h"
 #include "SettingsCheck.h"
 
 namespace velnor::host {
@@ -30,37 +30,11 @@ constexpr std::size_t kKeptLogLines = 200;
 constexpr std::uint64_t kMostLogRead = 64 * 1024;
 constexpr std::int64_t kSampleSpan = 3600;
 constexpr auto kLogPoll = std::chrono::seconds(1);
-// The service's job, whose state the samples record.
-constexpr const char* kServiceLabel = "org.postgresql.postgres";
 
 std::int64_t nowSeconds() {
     return std::chrono::duration_cast<std::chrono::seconds>(
                std::chrono::system_clock::now().time_since_epoch())
         .count();
-}
-
-std::vector<std::string_view> words(std::string_view text, std::size_t most) {
-    std::vector<std::string_view> found;
-    while (!text.empty() && found.size() + 1 < most) {
-        std::size_t start = text.find_first_not_of(' ');
-        if (start == std::string_view::npos) {
-            return found;
-        }
-        text.remove_prefix(start);
-        std::size_t end = text.find(' ');
-        found.push_back(text.substr(0, end));
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end);
-    }
-    std::size_t start = text.find_first_not_of(' ');
-    if (start != std::string_view::npos) {
-        found.push_back(text.substr(start));
-    }
-    return found;
-}
-
-// A client's host: "[local]" for the socket, else an address with its port in parentheses.
-bool isClientHost(std::string_view host) {
-    return host == "[local]" || (host.find('(') != std::string_view::npos && host.back() == ')');
 }
 
 std::string readWhole(const std::string& path) {
@@ -81,37 +55,36 @@ std::int64_t bootTime() {
     return 0;
 }
 
+// A client as the console shows it: waiting idle, or inside a transaction, or active.
+DatabaseClient databaseClientOf(const ClientTitle& title) {
+    DatabaseClient client;
+    client.pid = title.pid;
+    client.user = title.user;
+    client.database = title.database;
+    const std::string& activity = title.state;
+    if (activity == "idle" || activity.starts_with("idle in transaction")) {
+        client.state = activity;
+    } else {
+        client.state = "active: " + activity;
+    }
+    return client;
+}
+
 // The clients among the processes that the account runs.
 std::vector<DatabaseClient> clientsOf(uid_t account) {
     std::vector<DatabaseClient> clients;
-    DIR* proc = opendir("/proc");
-    if (proc == nullptr) {
-        return clients;
-    }
     const std::int64_t boot = bootTime();
     const long ticks = sysconf(_SC_CLK_TCK);
-    while (dirent* entry = readdir(proc)) {
-        if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) {
+    for (const ClientProcess& process : clientProcesses()) {
+        if (process.owner != account) {
             continue;
         }
-        const std::string folder = std::string("/proc/") + entry->d_name;
-        struct stat status;
-        if (stat(folder.c_str(), &status) != 0 || status.st_uid != account) {
-            continue;
+        DatabaseClient client = databaseClientOf(process.client);
+        if (auto started = readProcessStat("/proc", client.pid); started && ticks > 0) {
+            client.since = boot + static_cast<std::int64_t>(started->startTime) / ticks;
         }
-        std::string title = readWhole(folder + "/cmdline");
-        title = title.substr(0, title.find('\0'));
-        std::optional<DatabaseClient> client = clientOfTitle(title);
-        if (!client) {
-            continue;
-        }
-        client->pid = static_cast<pid_t>(std::atol(entry->d_name));
-        if (auto started = readProcessStat("/proc", client->pid); started && ticks > 0) {
-            client->since = boot + static_cast<std::int64_t>(started->startTime) / ticks;
-        }
-        clients.push_back(std::move(*client));
+        clients.push_back(std::move(client));
     }
-    closedir(proc);
     return clients;
 }
 
@@ -201,30 +174,6 @@ void EventHub::close() {
 bool EventHub::closed() {
     std::lock_guard lock(mutex_);
     return closed_;
-}
-
-std::optional<DatabaseClient> clientOfTitle(std::string_view title) {
-    constexpr std::string_view kPrefix = "postgres: ";
-    while (!title.empty() && (title.back() == ' ' || title.back() == '\0')) {
-        title.remove_suffix(1);
-    }
-    if (title.substr(0, kPrefix.size()) != kPrefix) {
-        return std::nullopt;
-    }
-    std::vector<std::string_view> fields = words(title.substr(kPrefix.size()), 4);
-    if (fields.size() != 4 || !isClientHost(fields[2])) {
-        return std::nullopt;
-    }
-    DatabaseClient client;
-    client.user = fields[0];
-    client.database = fields[1];
-    std::string_view activity = fields[3];
-    if (activity == "idle" || activity.substr(0, 19) == "idle in transaction") {
-        client.state = activity;
-    } else {
-        client.state = "active: " + std::string(activity);
-    }
-    return client;
 }
 
 bool stopEnds(const DatabaseClient& client) {

@@ -58,9 +58,6 @@ struct DatabaseClient {
     std::int64_t since = 0;  // when its process started, in seconds since 1970
 };
 
-// The client fields of a server process title, or nothing when it is not a client's.
-std::optional<DatabaseClient> clientOfTitle(std::string_view title);
-
 // A stop ends the clients that wait idle; one inside a transaction or running a command keeps
 // the server running until it finishes.
 bool stopEnds(const DatabaseClient& client);

@@ -14,6 +14,7 @@
 #include "Output.h"
 #include "PeerAccount.h"
 #include "PluginLoader.h"
+#include "ServiceFacts.h"
 #include "SettingsCheck.h"
 #include "WebAssets.h"
 
@@ -72,17 +73,9 @@ std::string wordsFor(const Outcome& outcome) {
         return "done";
     }
     const std::string code = error->asString() != nullptr ? *error->asString() : "";
-    if (code == "CANNOT_START_SERVICE_TIMEOUT_ERR") {
-        return "the server was started but did not answer within the wait";
-    }
-    if (code == "CANNOT_START_SERVICE_ERR") {
-        return "the server could not be started";
-    }
-    if (code == "CANNOT_STOP_SERVICE_TIMEOUT_ERR") {
-        return "the server was told to stop but still ran when the wait ended";
-    }
-    if (code == "CANNOT_STOP_SERVICE_ERR") {
-        return "the server could not be stopped";
+    // The same words as the command line's, from the one table of them.
+    if (std::optional<std::string_view> words = errorWords(code)) {
+        return std::string(*words);
     }
     return "the plug-in refused: " + code;
 }

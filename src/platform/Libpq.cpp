@@ -2,10 +2,10 @@
 
 #include <dlfcn.h>
 
-#include <mutex>
 #include <string>
 
 #include "HostLog.h"
+#include "LoadOnce.h"
 #include "Result.h"
 
 namespace velnor::platform {
@@ -45,13 +45,12 @@ support::Status resolveAll(void* library, LibpqFunctions* functions) {
 }
 
 support::Result<LibpqFunctions> loadLibpq() {
-    // Never closed: the functions stay valid for the process's life.
-    void* library = ::dlopen(kLibpqName, RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        return support::couldNot("load", kLibpqName, lastLoadError());
+    support::Result<void*> library = support::openLibrary(kLibpqName);
+    if (!library) {
+        return library.failure();
     }
     LibpqFunctions functions;
-    if (support::Status resolved = resolveAll(library, &functions); !resolved) {
+    if (support::Status resolved = resolveAll(*library, &functions); !resolved) {
         return resolved.failure();
     }
     return functions;
@@ -60,20 +59,14 @@ support::Result<LibpqFunctions> loadLibpq() {
 // The library's functions once loaded; nothing, with the reason logged, while it cannot be. A
 // failed load is tried again at the next probe, so that installing the library needs no restart.
 const LibpqFunctions* libpq() {
-    static std::mutex loading;
-    static LibpqFunctions loaded;
-    std::lock_guard lock(loading);
-    if (loaded.connectdb != nullptr) {
-        return &loaded;
-    }
-    support::Result<LibpqFunctions> functions = loadLibpq();
+    static support::LoadOnce<LibpqFunctions> library(loadLibpq);
+    support::Result<const LibpqFunctions*> functions = library.get();
     if (!functions) {
         // Loading is the host's side of the probe: its failure is the host library's to tell.
         logHostFailure(functions.message());
         return nullptr;
     }
-    loaded = *functions;
-    return &loaded;
+    return *functions;
 }
 
 }  // namespace

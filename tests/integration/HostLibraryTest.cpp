@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -18,6 +19,8 @@
 #include "PlistText.h"
 #include "ProcessTableReader.h"
 #include "PropertyListFile.h"
+#include "SafePath.h"
+#include "WholeFile.h"
 
 namespace velnor {
 namespace {
@@ -240,6 +243,49 @@ TEST(JobFiles, LinksAreFollowedOnlyWhereRootAlonePutThem) {
     EXPECT_FALSE(readPropertyListDictionary(planted));
     EXPECT_EQ(fileText(target), before);
     EXPECT_TRUE(std::filesystem::is_symlink(planted));
+}
+
+// Both whole-file writers put their new file in place as one ReplacementFile: only the new file
+// is left, what an interrupted write left beside it is removed, and a file hard-linked to the
+// old one keeps its contents.
+TEST(Replacements, BothWritersLeaveOnlyTheNewFile) {
+    using Writer = std::function<bool(const std::string&)>;
+    const Writer wholeFile = [](const std::string& path) {
+        return static_cast<bool>(replaceWholeFileAtomically(path, "new", 0644));
+    };
+    const Writer safePath = [](const std::string& path) {
+        return static_cast<bool>(support::replaceFile(
+            path, "new", support::Attributes{0644, ::geteuid(), ::getegid(), "the runner's"}));
+    };
+    const struct {
+        const char* writer;
+        const Writer& write;
+        std::string before;
+    } rows[] = {
+        {"whole file", wholeFile, "nothing"},    {"whole file", wholeFile, "a file"},
+        {"whole file", wholeFile, "a leftover"}, {"whole file", wholeFile, "a hard link"},
+        {"safe path", safePath, "nothing"},      {"safe path", safePath, "a file"},
+        {"safe path", safePath, "a leftover"},   {"safe path", safePath, "a hard link"},
+    };
+    for (const auto& row : rows) {
+        TemporaryFolder folder;
+        const std::string path = folder / "job.plist";
+        if (row.before == "a file") {
+            writeText(path, "old");
+        } else if (row.before == "a leftover") {
+            writeText(folder / ".job.plist.0a1b2c", "half");
+        } else if (row.before == "a hard link") {
+            writeText(folder / "other", "keep");
+            ASSERT_EQ(::link((folder / "other").c_str(), path.c_str()), 0);
+        }
+        ASSERT_TRUE(row.write(path)) << row.writer << " over " << row.before;
+        EXPECT_EQ(fileText(path), "new") << row.writer << " over " << row.before;
+        EXPECT_EQ(entriesIn(folder.path), row.before == "a hard link" ? 2u : 1u)
+            << row.writer << " over " << row.before;
+        if (row.before == "a hard link") {
+            EXPECT_EQ(fileText(folder / "other"), "keep") << row.writer;
+        }
+    }
 }
 
 // The e2e job's label needs no escape; other labels are escaped as systemd escapes unit names,

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "CommandLine.h"
+#include "SettingsCheck.h"
 
 namespace velnor::host {
 namespace {
@@ -47,6 +48,25 @@ TEST(HostCommandLine, CallKeepsItsArgumentRawAndFriendlyVerbsPrepareTheirs) {
     EXPECT_EQ(std::get<PlistDictionary>(parsed({"setup", "--upgrade"}).argument),
               (PlistDictionary{{"upgrade", PlistValue::boolean(true)}}));
     EXPECT_TRUE(std::get<PlistValue>(parsed({"restart"}).argument).isAbsent());
+}
+
+// The one rule for a setting typed as NAME=VALUE, for settings and settings --check alike.
+TEST(HostSettingSplit, SplitsAtTheFirstEqualsAfterAName) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"port=5433", "port|5433"},
+        {"search_path=a=b", "search_path|a=b"},  // the value keeps its own "="
+        {"x=", "x|"},
+        {"=5432", nullptr},
+        {"==", nullptr},
+        {"port", nullptr},
+        {"", nullptr},
+    };
+    for (const auto& [argument, split] : cases) {
+        const auto setting = splitSetting(argument);
+        EXPECT_EQ(setting ? setting->first + "|" + setting->second : "<none>",
+                  split ? split : "<none>")
+            << argument;
+    }
 }
 
 TEST(HostCommandLine, RefusesWhatTheUsageDoesNotAllow) {
