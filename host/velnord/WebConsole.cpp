@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 
 #include "CommandLine.h"
 #include "ExitStatus.h"
@@ -146,25 +145,6 @@ void listenAlone(socket_t listener) {
 }
 
 }  // namespace
-
-support::Result<WebListen> parseWebListen(std::string_view text) {
-    std::size_t colon = text.rfind(':');
-    if (colon == std::string_view::npos || colon == 0) {
-        return support::Failure{EINVAL, "--web-listen needs ADDR:PORT"};
-    }
-    std::string_view address = text.substr(0, colon);
-    if (address.front() == '[' && address.back() == ']') {
-        address = address.substr(1, address.size() - 2);
-    }
-    std::string_view portText = text.substr(colon + 1);
-    int port = 0;
-    auto [end, error] = std::from_chars(portText.data(), portText.data() + portText.size(), port);
-    if (error != std::errc() || end != portText.data() + portText.size() || port < 1 ||
-        port > 65535 || address.empty()) {
-        return support::Failure{EINVAL, "--web-listen needs ADDR:PORT with a port from 1 to 65535"};
-    }
-    return WebListen{std::string(address), port};
-}
 
 support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescriptor& plugin,
                                                                Worker& worker,

@@ -13,6 +13,7 @@
 #include "PluginInterface.h"
 #include "Result.h"
 #include "WebAccess.h"
+#include "WebListen.h"
 #include "Worker.h"
 
 namespace httplib {
@@ -22,14 +23,6 @@ class Response;
 }  // namespace httplib
 
 namespace velnor::host {
-
-struct WebListen {
-    std::string address = "127.0.0.1";
-    int port = 8471;
-};
-
-// "ADDR:PORT" ("[ADDR]:PORT" for IPv6); fails, saying why, on anything else.
-support::Result<WebListen> parseWebListen(std::string_view text);
 
 class WebConsole {
   public:

@@ -1,0 +1,19 @@
+// Where the web console listens, as --web-listen names it.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "Result.h"
+
+namespace velnor::host {
+
+struct WebListen {
+    std::string address = "127.0.0.1";
+    int port = 8471;
+};
+
+// "ADDR:PORT" ("[ADDR]:PORT" for IPv6); fails, saying why, on anything else.
+support::Result<WebListen> parseWebListen(std::string_view text);
+
+}  // namespace velnor::host
