@@ -210,7 +210,9 @@ support::Result<std::string> appendedSince(const LogMark& mark, std::size_t limi
     off_t from = status.st_size < mark.size ? 0 : mark.size;
     bool cut = static_cast<std::size_t>(status.st_size - from) > limit;
     if (cut) {
-        from = status.st_size - static_cast<off_t>(limit);
+        // One byte more than the limit, the one before the cut: when it ends a line, the line
+        // after it is whole and stays.
+        from = status.st_size - static_cast<off_t>(limit) - 1;
     }
     std::string text(static_cast<std::size_t>(status.st_size - from), '\0');
     ssize_t got = pread(log->get(), text.data(), text.size(), from);
@@ -219,7 +221,9 @@ support::Result<std::string> appendedSince(const LogMark& mark, std::size_t limi
     }
     text.resize(static_cast<std::size_t>(got));
     if (cut) {
-        text.erase(0, text.find('\n') == std::string::npos ? 0 : text.find('\n') + 1);
+        // Up to the first line's end; a single line longer than the limit shows its end.
+        const std::size_t end = text.find('\n');
+        text.erase(0, end == std::string::npos ? 1 : end + 1);
     }
     return text;
 }
