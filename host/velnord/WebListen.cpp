@@ -11,8 +11,14 @@ support::Result<WebListen> parseWebListen(std::string_view text) {
         return support::Failure{EINVAL, "--web-listen needs ADDR:PORT"};
     }
     std::string_view address = text.substr(0, colon);
-    if (address.front() == '[' && address.back() == ']') {
+    // Brackets come as a pair around the whole address, or not at all: a stray one would only
+    // fail later, when the console binds, with a reason that does not name the option.
+    const bool bracketed = address.size() >= 2 && address.front() == '[' && address.back() == ']';
+    if (bracketed) {
         address = address.substr(1, address.size() - 2);
+    }
+    if (address.find_first_of("[]") != std::string_view::npos) {
+        return support::Failure{EINVAL, "--web-listen needs ADDR:PORT, or [ADDR]:PORT for IPv6"};
     }
     std::string_view portText = text.substr(colon + 1);
     int port = 0;
