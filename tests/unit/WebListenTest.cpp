@@ -27,6 +27,11 @@ TEST(WebListen, TakesAnAddressAndAPortFromOneToTheLast) {
         {"127.0.0.1", "<refused>"},
         {":8471", "<refused>"},
         {"[]:8471", "<refused>"},
+        {"[:8471", "<refused>"},
+        {"[::1:8471", "<refused>"},
+        {"::1]:8471", "<refused>"},
+        {"[::1]]:8471", "<refused>"},
+        {"[[::1]]:8471", "<refused>"},
         {"", "<refused>"},
     };
     for (const auto& [text, expected] : cases) {
