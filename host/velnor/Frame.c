@@ -184,6 +184,13 @@ static int readBigEndian(const struct Plist* plist, size_t at, int width, uint64
     return 1;
 }
 
+// Whether count units of unitWidth bytes from contents end before the offset table, where the
+// objects end: a count that says more is damage, not a text to cut.
+static int fitsBeforeOffsetTable(const struct Plist* plist, size_t contents, uint64_t count,
+                                 uint64_t unitWidth) {
+    return contents <= plist->offsetTable && count <= (plist->offsetTable - contents) / unitWidth;
+}
+
 // Where object number reference begins; 0 when there is no such object or it would begin in
 // or past the offset table.
 static int objectAt(const struct Plist* plist, uint64_t reference, size_t* at) {
@@ -223,12 +230,15 @@ static int objectHeader(const struct Plist* plist, size_t at, unsigned* type, ui
 }
 
 // A string object as UTF-8 in text, cut to fit size: ASCII as it is, UTF-16 converted (enough
-// for a message). 0 when the object is missing or runs past the list.
+// for a message). 0 when the object is missing, is no string, or runs past the objects.
 static int readText(const struct Plist* plist, uint64_t reference, char* text, size_t size) {
     size_t at, contents;
     unsigned type;
     uint64_t count;
-    if (!objectAt(plist, reference, &at) || !objectHeader(plist, at, &type, &count, &contents)) {
+    // An empty array, dictionary or data would otherwise pass as an empty text.
+    if (!objectAt(plist, reference, &at) || !objectHeader(plist, at, &type, &count, &contents) ||
+        (type != 0x5 && type != 0x6) ||
+        !fitsBeforeOffsetTable(plist, contents, count, type == 0x5 ? 1 : 2)) {
         return 0;
     }
     size_t written = 0;
@@ -286,9 +296,14 @@ int readCommandReply(const unsigned char* bytes, size_t size, struct CommandRepl
     size_t at, contents;
     unsigned type;
     uint64_t entries;
+    // The offset table lies between the objects and the trailer and holds exactly the objects'
+    // offsets; the dictionary's keys and values are as many references before the table.
     if (plist.offsetWidth < 1 || plist.offsetWidth > 8 || plist.referenceWidth < 1 ||
-        plist.referenceWidth > 8 || !objectAt(&plist, top, &at) ||
-        !objectHeader(&plist, at, &type, &entries, &contents) || type != 0xD) {
+        plist.referenceWidth > 8 || plist.offsetTable > size - 32 ||
+        plist.objects != (size - 32 - plist.offsetTable) / (uint64_t)plist.offsetWidth ||
+        !objectAt(&plist, top, &at) || !objectHeader(&plist, at, &type, &entries, &contents) ||
+        type != 0xD ||
+        !fitsBeforeOffsetTable(&plist, contents, entries, 2 * (uint64_t)plist.referenceWidth)) {
         return 0;
     }
     memset(reply, 0, sizeof *reply);

@@ -52,7 +52,8 @@ struct CommandReply {
 // Reads the property list of a reply frame, its length already taken off. Answers 1 with reply
 // filled in (entries other than kind, error and status are passed over); 0 when the bytes are
 // not a binary property list whose top object is a dictionary of string keys with a non-empty
-// string kind, or when kind or error is not a string. Never reads outside bytes[0, size).
+// string kind, when kind or error is not a string, or when a count, offset or reference in it
+// points past the objects or the offset table. Never reads outside bytes[0, size).
 int readCommandReply(const unsigned char* bytes, size_t size, struct CommandReply* reply);
 
 #ifdef __cplusplus

@@ -186,6 +186,9 @@ TEST(ClientFrame, ReplyFromTheLibraryReadsAsMeant) {
         {{{"kind", ""}}, "refused"},
         {{{"kind", PlistValue::integer(1)}}, "refused"},
         {{{"kind", PlistValue::data("exit")}}, "refused"},
+        {{{"kind", "error"}, {"error", PlistValue::data("")}}, "refused"},
+        {{{"kind", "error"}, {"error", PlistArray{}}}, "refused"},
+        {{{"kind", "error"}, {"error", PlistDictionary{}}}, "refused"},
     };
     for (const auto& [reply, line] : rows) {
         EXPECT_EQ(readReply(binary(reply)), line) << line;
@@ -249,6 +252,8 @@ TEST(ClientFrame, DamagedReplyIsRefusedWithinItsBytes) {
     const std::pair<const char*, std::string> rows[] = {
         {"wrong magic", magic},
         {"the top object past the count", withTrailer(valid, 16, 3)},
+        {"an object count past the offset table", withTrailer(valid, 24, UINT64_MAX)},
+        {"an object count short of the offset table", withTrailer(valid, 24, 2)},
         {"the offset table past the end", withTrailer(valid, 8, valid.size() + 100)},
         {"the offset table at the very end", withTrailer(valid, 8, valid.size() - 1)},
         {"an offset past the end",
@@ -264,6 +269,12 @@ TEST(ClientFrame, DamagedReplyIsRefusedWithinItsBytes) {
          handMade({"\xDF\x13" + bigEndian(1ull << 63, 8) + bigEndian(1, 2) + bigEndian(2, 2), kind,
                    exitText},
                   2)},
+        {"a string whose count runs past the objects",
+         handMade({"\xD1\x01\x02", kind, "\x5F\x13" + bigEndian(1ull << 62, 8) + "exit", padding})},
+        {"a UTF-16 string whose count runs past the objects",
+         handMade(
+             {"\xD1\x01\x02", kind, std::string("\x6F\x11\xF0\x00\0e\0x\0i\0t", 12), padding})},
+        {"a dictionary count past the objects", handMade({"\xD3\x01\x02", kind, exitText})},
         {"a count wider than 8 bytes",
          handMade({"\xDF\x14" + std::string(16, '\0') + "\x01\x02", kind, exitText})},
     };
