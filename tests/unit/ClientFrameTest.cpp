@@ -5,8 +5,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Frame.h"
@@ -191,7 +194,7 @@ TEST(ClientFrame, ReplyFromTheLibraryReadsAsMeant) {
         {{{"kind", "error"}, {"error", PlistDictionary{}}}, "refused"},
     };
     for (const auto& [reply, line] : rows) {
-        EXPECT_EQ(readReply(binary(reply)), line) << line;
+        EXPECT_EQ(readReply(binary(reply)), line) << toXmlPropertyList(reply);
     }
     EXPECT_EQ(readReply(toBinaryPropertyList(PlistArray{"exit"})), "refused");
     EXPECT_EQ(readReply(toBinaryPropertyList(PlistValue("exit"))), "refused");
@@ -258,8 +261,10 @@ TEST(ClientFrame, DamagedReplyIsRefusedWithinItsBytes) {
         {"the offset table at the very end", withTrailer(valid, 8, valid.size() - 1)},
         {"an offset past the end",
          handMade({"\xD1\x01\x02", kind, exitText}).replace(8 + 3 + 5 + 5, 2, "\xFF\xF0")},
-        {"a key that is the dictionary itself", handMade({"\xD1\x00\x02", kind, exitText})},
-        {"a kind that is the dictionary itself", handMade({"\xD1\x01\x00", kind, exitText})},
+        {"a key that is the dictionary itself",
+         handMade({std::string("\xD1\x00\x02", 3), kind, exitText})},
+        {"a kind that is the dictionary itself",
+         handMade({std::string("\xD1\x01\x00", 3), kind, exitText})},
         {"a reference past the objects", handMade({"\xD1\x01\x09", kind, exitText})},
         {"a reference width of 0", handMade({"\xD1\x01\x02", kind, exitText}, 0)},
         {"a reference width of 9", handMade({"\xD1\x01\x02", kind, exitText}, 9)},
