@@ -168,8 +168,11 @@ int main(int argc, char** argv) {
         runInThisProcess(argv);
     }
     struct FrameBuffer frame = {NULL, 0, 0, 0};
-    if (!writeCommandRequest(argv + 1, (size_t)(argc - 1), getenv("VELNOR_PLUGIN"), &frame) ||
-        !sendRequest(connection, &frame)) {
+    const int sent =
+        writeCommandRequest(argv + 1, (size_t)(argc - 1), getenv("VELNOR_PLUGIN"), &frame) &&
+        sendRequest(connection, &frame);
+    releaseFrame(&frame);
+    if (!sent) {
         // The daemon cannot be handed this command line; the in-process host can still run it.
         close(connection);
         runInThisProcess(argv);
