@@ -18,25 +18,6 @@ support::Failure protocolFailure(const std::string& reason) {
     return {EPROTO, reason};
 }
 
-// Takes ownership of the descriptors that a message carried.
-void keepPassedDescriptors(msghdr& message, std::vector<support::UniqueFd>* passed) {
-    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
-         header = CMSG_NXTHDR(&message, header)) {
-        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
-            continue;
-        }
-        const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        for (std::size_t index = 0; index < count; ++index) {
-            int received;
-            std::memcpy(&received, CMSG_DATA(header) + index * sizeof(int), sizeof received);
-            support::UniqueFd owned(received);
-            if (passed != nullptr && passed->size() < kMostPassedDescriptors) {
-                passed->push_back(std::move(owned));
-            }
-        }
-    }
-}
-
 // Reads exactly size bytes; the descriptors that come along go to passed, or are closed when
 // passed is nullptr or full. Answers how many bytes came before the end of the stream; -1, with
 // errno set, when a read failed.
@@ -58,7 +39,7 @@ ssize_t readExactly(int descriptor, char* buffer, std::size_t size,
         if (count < 0) {
             return -1;
         }
-        keepPassedDescriptors(message, passed);
+        takePassedDescriptors(message, passed);
         if (count == 0) {
             break;
         }
@@ -79,6 +60,24 @@ const char* styleName(OperationStyle style) {
             return "idle";
     }
     return "unknown";
+}
+
+void takePassedDescriptors(msghdr& message, std::vector<support::UniqueFd>* passed) {
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
+            continue;
+        }
+        const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (std::size_t index = 0; index < count; ++index) {
+            int received;
+            std::memcpy(&received, CMSG_DATA(header) + index * sizeof(int), sizeof received);
+            support::UniqueFd owned(received);
+            if (passed != nullptr && passed->size() < kMostPassedDescriptors) {
+                passed->push_back(std::move(owned));
+            }
+        }
+    }
 }
 
 support::Status writeFrame(int descriptor, const PlistDictionary& message) {

@@ -4,6 +4,8 @@
 // framing is in host/velnor/Client.c.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -26,6 +28,10 @@ inline constexpr std::size_t kMostPassedDescriptors = 4;
 
 // The style's name in the protocol and in messages: "request", "service", "idle".
 const char* styleName(OperationStyle style);
+
+// Takes ownership of the descriptors that a received message carried: up to
+// kMostPassedDescriptors go to passed, and any other is closed, as all are when passed is nullptr.
+void takePassedDescriptors(msghdr& message, std::vector<support::UniqueFd>* passed);
 
 // Writes message as one frame; fails with the system's error (EPIPE for a peer that has gone).
 support::Status writeFrame(int descriptor, const PlistDictionary& message);

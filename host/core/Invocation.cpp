@@ -23,7 +23,8 @@ std::string demangledName(const std::type_info* type) {
     return status == 0 && name ? std::string(name.get()) : std::string(type->name());
 }
 
-// Names the exception being handled; only to be called from inside a catch block.
+}  // namespace
+
 std::string describeCurrentException() {
     std::string type = demangledName(abi::__cxa_current_exception_type());
     try {
@@ -34,6 +35,8 @@ std::string describeCurrentException() {
         return type;
     }
 }
+
+namespace {
 
 PlistValue callOperation(const HostOperation& operation, PluginRequestHandler& handler,
                          const OperationArgument& argument) {

@@ -25,6 +25,10 @@ struct Outcome {
 // dictionary, a variant (string or absent) or a count.
 bool argumentFitsStyle(OperationStyle style, const OperationArgument& argument);
 
+// Names the exception being handled, as "TYPE: WHAT" with the type's name as the source spells
+// it; only to be called from inside a catch block.
+std::string describeCurrentException();
+
 // Runs the descriptor's class hook; what it threw, named as in Outcome::failure, or nothing.
 std::optional<std::string> initializePlugin(const PluginDescriptor& plugin);
 

@@ -46,17 +46,6 @@ std::uint64_t microsecondsOf(std::chrono::steady_clock::duration duration) {
         std::chrono::duration_cast<std::chrono::microseconds>(duration).count());
 }
 
-// What an exception says, for the log and the client.
-std::string describe(const std::exception_ptr& thrown) {
-    try {
-        std::rethrow_exception(thrown);
-    } catch (const std::exception& exception) {
-        return exception.what();
-    } catch (...) {
-        return "an exception of an unknown type";
-    }
-}
-
 // Removes a socket that an earlier daemon left at name, when it is root's; refuses anything else.
 support::Status clearStaleSocket(int folder, const std::string& name, const std::string& path) {
     struct stat status;
@@ -191,7 +180,7 @@ void LoopInbox::drain() {
             work();
         } catch (...) {
             ::syslog(LOG_ERR, "velnord could not pass on the worker's answer: %s",
-                     describe(std::current_exception()).c_str());
+                     describeCurrentException().c_str());
         }
     }
 }
@@ -381,7 +370,7 @@ int ControlServer::onListener(sd_event_source*, int, std::uint32_t, void* self) 
         server.acceptConnections();
     } catch (...) {
         ::syslog(LOG_ERR, "velnord could not take a connection: %s",
-                 describe(std::current_exception()).c_str());
+                 describeCurrentException().c_str());
     }
     return 0;
 }
@@ -444,7 +433,7 @@ int ControlServer::onConnection(sd_event_source*, int, std::uint32_t revents, vo
             server.readRequests(connection);
         }
     } catch (...) {
-        const std::string what = describe(std::current_exception());
+        const std::string what = describeCurrentException();
         ::syslog(LOG_ERR, "velnord could not answer a client: %s", what.c_str());
         server.sendThenClose(connection, errorReply("velnord could not answer: " + what));
     }
@@ -622,7 +611,7 @@ void ControlServer::runCommandLine(const ClientCommand& client, int socket) {
                                          {"status", PlistValue::integer(*status)}}
                        : PlistDictionary{{"kind", PlistValue("direct")}};
     } catch (...) {
-        const std::string what = describe(std::current_exception());
+        const std::string what = describeCurrentException();
         ::syslog(LOG_ERR, "velnord could not run a command line: %s", what.c_str());
         reply = errorReply("velnord could not run the command: " + what, kExitUnavailable);
     }

@@ -19,25 +19,6 @@ support::Failure protocolFailure(const std::string& reason) {
     return {EPROTO, reason};
 }
 
-// Takes the descriptors that a read carried; beyond kMostPassedDescriptors they are closed.
-void keepPassed(msghdr& message, std::vector<support::UniqueFd>& passed) {
-    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
-         header = CMSG_NXTHDR(&message, header)) {
-        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
-            continue;
-        }
-        const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        for (std::size_t index = 0; index < count; ++index) {
-            int received;
-            std::memcpy(&received, CMSG_DATA(header) + index * sizeof(int), sizeof received);
-            support::UniqueFd owned(received);
-            if (passed.size() < kMostPassedDescriptors) {
-                passed.push_back(std::move(owned));
-            }
-        }
-    }
-}
-
 // One non-blocking read into buffer; the count, 0 at the end of the stream, -1 with errno set.
 ssize_t receive(int socket, char* buffer, std::size_t size,
                 std::vector<support::UniqueFd>& passed) {
@@ -53,7 +34,7 @@ ssize_t receive(int socket, char* buffer, std::size_t size,
         count = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
     } while (count < 0 && errno == EINTR);
     if (count >= 0) {
-        keepPassed(message, passed);
+        takePassedDescriptors(message, &passed);
     }
     return count;
 }

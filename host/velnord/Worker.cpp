@@ -14,17 +14,6 @@ namespace {
 // console's) belongs to no call that the worker runs.
 thread_local bool onWorkerThread = false;
 
-// What an exception that escaped a job says, for the log and the caller.
-std::string describe(const std::exception_ptr& thrown) {
-    try {
-        std::rethrow_exception(thrown);
-    } catch (const std::exception& exception) {
-        return exception.what();
-    } catch (...) {
-        return "an exception of an unknown type";
-    }
-}
-
 // The sink of a caller that waits: messages and the outcome are kept until the caller's thread
 // takes them, so that the worker never waits on it.
 class WaitingSink : public CallSink {
@@ -207,7 +196,7 @@ void Worker::run(Job& job) {
         }
     } catch (...) {
         current_ = nullptr;
-        const std::string what = describe(std::current_exception());
+        const std::string what = describeCurrentException();
         ::syslog(LOG_ERR, "the worker could not finish %s: %s",
                  job.operation != nullptr ? job.operation->name : "its housekeeping", what.c_str());
         if (job.sink) {
