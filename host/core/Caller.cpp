@@ -1,9 +1,8 @@
 #include "Caller.h"
 
-#include <pwd.h>
 #include <unistd.h>
 
-#include <vector>
+#include "Accounts.h"
 
 namespace velnor::host {
 
@@ -19,20 +18,8 @@ std::string_view channelName(Channel channel) {
     return "in-process host";
 }
 
-std::string accountNameOf(uid_t uid) {
-    long suggested = sysconf(_SC_GETPW_R_SIZE_MAX);
-    std::vector<char> buffer(suggested > 0 ? static_cast<std::size_t>(suggested) : 4096);
-    struct passwd entry;
-    struct passwd* found = nullptr;
-    // A name service that fails answers like one that has no entry: the number stands in.
-    if (getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
-        return found->pw_name;
-    }
-    return std::to_string(uid);
-}
-
 Caller callerOfThisProcess() {
-    return Caller{getuid(), accountNameOf(getuid()), getpid(), Channel::InProcess, {}};
+    return Caller{getuid(), support::accountNameOf(getuid()), getpid(), Channel::InProcess, {}};
 }
 
 }  // namespace velnor::host

@@ -29,9 +29,6 @@ struct Caller {
 // The channel in words: "control socket", "console" or "in-process host".
 std::string_view channelName(Channel channel);
 
-// The name of uid's account, or uid in decimal when it has none.
-std::string accountNameOf(uid_t uid);
-
 // The caller that this process is: its real uid and pid, on the in-process channel.
 Caller callerOfThisProcess();
 

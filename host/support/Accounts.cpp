@@ -2,6 +2,7 @@
 
 #include <grp.h>
 #include <pwd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <vector>
@@ -59,6 +60,17 @@ Result<gid_t> lookUpGroup(const std::string& name) {
         return status.failure();
     }
     return id;
+}
+
+std::string accountNameOf(uid_t uid) {
+    long suggested = sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(suggested > 0 ? static_cast<std::size_t>(suggested) : 4096);
+    struct passwd entry;
+    struct passwd* found = nullptr;
+    if (getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
+        return found->pw_name;
+    }
+    return std::to_string(uid);
 }
 
 }  // namespace velnor::support

@@ -23,4 +23,7 @@ Result<UserAccount> lookUpUser(const std::string& name);
 // The id of the group called name; fails the same way as lookUpUser.
 Result<gid_t> lookUpGroup(const std::string& name);
 
+// The name of uid's account, or uid in decimal when it has none (or the name service fails).
+std::string accountNameOf(uid_t uid);
+
 }  // namespace velnor::support
