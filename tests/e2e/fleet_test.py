@@ -11,6 +11,7 @@ would: the server program refuses a depth beyond its stack.
 """
 
 import argparse
+import concurrent.futures
 import json
 import os
 import re
@@ -63,7 +64,7 @@ class Fleet:
     """The three sandboxes, the key that reaches them and Ansible's files, all gone on exit."""
 
     def __init__(self, velnor, binds):
-        self.velnor, self.binds = velnor, binds
+        self.velnor, self.binds = os.path.abspath(velnor), binds
         self.folder = tempfile.mkdtemp(prefix="velnor-fleet-")
         self.key = os.path.join(self.folder, "key")
         self.sandboxes = {}
@@ -153,16 +154,22 @@ class Fleet:
 
     def sql(self, host, query):
         """The rows that query gives on host, through ssh."""
+        # One connection per host, kept open for the test's later queries; it ends with its sshd.
         done = subprocess.run(["ssh", "-i", self.key, "-p", str(HOSTS[host]), "-o", "BatchMode=yes",
                                "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null",
-                               "-o", "LogLevel=ERROR", "root@127.0.0.1", " ".join(PSQL),
-                               "-c", f"'{query}'"], capture_output=True, text=True, timeout=60)
+                               "-o", "LogLevel=ERROR", "-o", "ControlMaster=auto",
+                               "-o", f"ControlPath={self.folder}/ssh-%p", "-o", "ControlPersist=yes",
+                               "root@127.0.0.1", " ".join(PSQL), "-c", f"'{query}'"],
+                              capture_output=True, text=True, timeout=60)
         if done.returncode != 0:
             raise AssertionError(f"{host}: {query}: {done.stderr}")
         return done.stdout.strip()
 
     def every(self, query):
-        return {host: self.sql(host, query) for host in HOSTS}
+        """host -> the rows that query gives there, asked of the three at once."""
+        with concurrent.futures.ThreadPoolExecutor(len(HOSTS)) as pool:
+            rows = {host: pool.submit(self.sql, host, query) for host in HOSTS}
+        return {host: row.result() for host, row in rows.items()}
 
 
 def recap(shown):
