@@ -221,6 +221,14 @@ support::Status stillVersion(const std::string& expected) {
     return {};
 }
 
+// The plan's answer names the job file as it is now, after a write or another's: the version to
+// plan from next. Kept as it was when the file cannot be read again.
+void takeVersionNow(PlanMade& plan) {
+    if (support::Result<std::string> now = jobFileVersion(kServiceJobFile)) {
+        plan.version = *now;
+    }
+}
+
 // Writes the settings that differ, and the plug-in restarts a running service.
 int writeDiffering(const Command& command, PlanMade& plan, const Call& call) {
     const std::string expected = plan.version;
@@ -230,6 +238,7 @@ int writeDiffering(const Command& command, PlanMade& plan, const Call& call) {
     if (!written) {
         if (written.error() == ESTALE) {
             complain(written.message());
+            takeVersionNow(plan);
             return printed(command, plan, false, kExitVersionChanged);
         }
         return tellRefusedCall(written.failure());
@@ -239,9 +248,7 @@ int writeDiffering(const Command& command, PlanMade& plan, const Call& call) {
                  (written->answered ? toJson(written->result) : written->failure));
         return status;
     }
-    if (support::Result<std::string> version = jobFileVersion(kServiceJobFile)) {
-        plan.version = *version;
-    }
+    takeVersionNow(plan);
     return printed(command, plan, true, kExitNormal);
 }
 
