@@ -3,8 +3,10 @@
 reads them and names what applying costs; the apply changes only what differs, writes nothing when
 the server refuses a value, and refuses a job file that changed since its plan."""
 
+import fcntl
 import hashlib
 import os
+import subprocess
 import sys
 
 sys.dont_write_bytecode = True
@@ -12,6 +14,7 @@ import harness  # noqa: E402
 from harness import RESTARTING, Waits, WAITING_TO_RESPOND, WAITING_TO_STOP, job_file_bytes, sandbox  # noqa: E402
 
 VERSION_CHANGED = 4
+LOCK_FILE = "/var/run/velnor/host.lock"
 
 
 def version_now():
@@ -111,6 +114,36 @@ class SettingsPlan(harness.ScenarioCase):
                     replanned.response["version"])
         self.assertIn("-c", harness.read_job_file()["ProgramArguments"])
         self.assertIn("work_mem=8MB", harness.read_job_file()["ProgramArguments"])
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_a_hand_edit_while_the_apply_waits_is_never_overwritten(self):
+        """An administrator edits the job file by hand while holding the host lock, as an apply
+        waits for it. Through velnord the apply read the version before it waited, and the
+        version checked again right before the write refuses it; in this process the apply waits
+        before it reads anything, and keeps the edit."""
+        self.velnor("status", status=3)
+        through_daemon = os.path.exists("/run/velnor/velnord.sock")
+        with open(LOCK_FILE) as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            apply = subprocess.Popen([self.host.velnor, "--plugin", self.host.plugin, "settings",
+                                      "--apply", "work_mem=9MB"], stdout=subprocess.PIPE,
+                                     stderr=subprocess.PIPE, text=True)
+            self.assertIn("waiting for the host lock", apply.stderr.readline())
+            job = harness.read_job_file()
+            job["ProgramArguments"] += ["-c", "log_min_duration_statement=250"]
+            harness.write_job_file(job)
+            edited = job_file_bytes()
+            fcntl.flock(lock, fcntl.LOCK_UN)
+            status, err = apply.wait(timeout=60), apply.stderr.read()
+        arguments = harness.read_job_file()["ProgramArguments"]
+        self.assertIn("log_min_duration_statement=250", arguments, "the hand edit stands")
+        if through_daemon:
+            self.assertEqual(status, VERSION_CHANGED, err)
+            self.assertIn("the job file changed since its version", err)
+            self.assertEqual(job_file_bytes(), edited, "nothing written over it")
+        else:
+            self.assertEqual(status, 0, err)
+            self.assertIn("work_mem=9MB", arguments, "applied on top of the edit")
 
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_hostile_values_never_reach_a_shell(self):
