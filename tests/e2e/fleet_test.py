@@ -71,6 +71,14 @@ class Fleet:
         self.runs = 0
 
     def __enter__(self):
+        # A sandbox that fails to come up ends the others and the folder as well.
+        try:
+            return self.start()
+        except BaseException:
+            self.__exit__()
+            raise
+
+    def start(self):
         subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", self.key], check=True)
         with open(self.key + ".pub") as public:
             public_key = public.read().strip()
