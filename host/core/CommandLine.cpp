@@ -1,11 +1,13 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <limits>
 
 #include "SettingsCheck.h"
+#include "SettingsPlan.h"
 
 namespace velnor::host {
 namespace {
@@ -22,6 +24,7 @@ constexpr std::string_view kFooter =
     "  1   the operation answered an error response (explained on standard error)\n"
     "  2   the operation ended without a response; the error is named on standard error\n"
     "  3   status: the service is stopped\n"
+    "  4   settings --apply: the job file is no longer the version that --expect-version names\n"
     "  64  bad usage, an operation the plug-in does not have, or a count that is not an int32\n"
     "  65  the request file cannot be read, is not a property list, or is not a dictionary\n"
     "  69  the plug-in cannot be loaded, has no descriptor, or speaks another interface version\n"
@@ -69,6 +72,9 @@ struct Typed {
     bool details = false;
     std::vector<std::string> settings;
     bool check = false;
+    bool plan = false;
+    bool apply = false;
+    std::optional<std::string> expectedVersion;
     std::string dataLocation;
     bool upgrade = false;
 };
@@ -107,8 +113,25 @@ void addVerbs(CLI::App& app, Typed& typed) {
     CLI::App* settings = app.add_subcommand(
         "settings", "print the settings, or change them (KEY=VALUE) and restart a running service");
     settings->add_option("KEY=VALUE", typed.settings, "a setting to change");
-    settings->add_flag("--check", typed.check,
-                       "ask the server program whether it accepts each setting; write nothing");
+    CLI::Option* check =
+        settings->add_flag("--check", typed.check,
+                           "ask the server program whether it accepts each setting; write nothing");
+    CLI::Option* plan =
+        settings
+            ->add_flag("--plan", typed.plan,
+                       "say what --apply would change, what it costs, and the job file's version")
+            ->excludes(check);
+    CLI::Option* apply =
+        settings
+            ->add_flag("--apply", typed.apply,
+                       "write and restart only when a value differs as the server reads it")
+            ->excludes(check)
+            ->excludes(plan);
+    settings
+        ->add_option("--expect-version", typed.expectedVersion,
+                     "with --apply: refuse (exit 4) unless the job file is still this version")
+        ->type_name("VERSION")
+        ->needs(apply);
     CLI::App* setup = app.add_subcommand("setup", "set up the service the first time");
     CLI::Option* location =
         setup->add_option("--data-location", typed.dataLocation, "a new data folder")
@@ -121,6 +144,40 @@ void addVerbs(CLI::App& app, Typed& typed) {
     app.add_subcommand("log-path", "the path of the service's log file");
     app.add_subcommand("idle", "the periodic housekeeping, once");
     app.add_subcommand("web-url", "the web console's address, with its access token");
+}
+
+// `settings --plan` and `--apply`. An apply names the write among its operations, a plan the
+// read: what the command may do is told by its operation.
+support::Result<Command> settingsChangeCommand(Command command, const Typed& typed) {
+    SettingsChange change;
+    change.apply = typed.apply;
+    for (const std::string& setting : typed.settings) {
+        support::Result<std::pair<std::string, std::string>> pair = splitSetting(setting);
+        if (!pair) {
+            return failure("a setting is written KEY=VALUE, not \"" + setting + "\"");
+        }
+        // A setting typed twice takes its last value, as the plain write does.
+        auto same = [&pair](const auto& typedBefore) { return typedBefore.first == pair->first; };
+        auto before = std::find_if(change.settings.begin(), change.settings.end(), same);
+        if (before != change.settings.end()) {
+            before->second = std::move(pair->second);
+        } else {
+            change.settings.push_back(std::move(*pair));
+        }
+    }
+    if (change.settings.empty()) {
+        return failure(std::string(typed.apply ? "--apply" : "--plan") +
+                       " needs at least one KEY=VALUE");
+    }
+    if (typed.expectedVersion && !isJobFileVersion(*typed.expectedVersion)) {
+        return failure("--expect-version needs a version as --plan prints it, not \"" +
+                       *typed.expectedVersion + "\"");
+    }
+    change.expectedVersion = typed.expectedVersion;
+    command.operation = typed.apply ? "writeSettingsWithRequest" : "readSettingsWithRequest";
+    command.argument = PlistDictionary();
+    command.settingsChange = std::move(change);
+    return command;
 }
 
 support::Result<Command> settingsCommand(Command command, const Typed& typed) {
@@ -159,6 +216,9 @@ support::Result<Command> verbCommand(Command command, const Typed& typed) {
     if (verb == "settings" && typed.check) {
         command.settingsToCheck = typed.settings;
         return command;
+    }
+    if (verb == "settings" && (typed.plan || typed.apply)) {
+        return settingsChangeCommand(std::move(command), typed);
     }
     if (verb == "settings") {
         return settingsCommand(std::move(command), typed);

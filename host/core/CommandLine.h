@@ -28,6 +28,14 @@ struct RawArgument {
 using OperationArgument = std::variant<RawArgument, PlistDictionary /* request */,
                                        PlistValue /* variant */, std::int32_t /* idle count */>;
 
+// What `settings --plan` and `settings --apply` are asked: the settings as typed, in order,
+// and for an apply the version that the job file must still have.
+struct SettingsChange {
+    bool apply = false;
+    std::vector<std::pair<std::string, std::string>> settings;
+    std::optional<std::string> expectedVersion;
+};
+
 struct Command {
     // Text that answers the command line by itself (--help, a verb's --help, --version): it is
     // printed and nothing else runs.
@@ -49,6 +57,8 @@ struct Command {
     // `settings --check`: the KEY=VALUE pairs to ask the server program about; nothing is
     // written and no operation runs.
     std::optional<std::vector<std::string>> settingsToCheck;
+    // `settings --plan` or `settings --apply`: set only for those two.
+    std::optional<SettingsChange> settingsChange;
 };
 
 // Parses the arguments that follow the program's name; the options of the host may stand

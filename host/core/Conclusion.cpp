@@ -13,6 +13,7 @@
 #include "Output.h"
 #include "PluginLoader.h"
 #include "RequestFile.h"
+#include "SettingsApply.h"
 #include "Terminal.h"
 
 namespace velnor::host {
@@ -88,7 +89,7 @@ int report(const Command& command, const Outcome& outcome) {
 // Where the service's log is now, and its size; nothing when the plug-in names none or a
 // relative one (in the data folder), or it cannot be read safely.
 std::optional<LogMark> markServiceLog(const Call& call) {
-    support::Result<Outcome> report = call("getLogPathsWithRequest", PlistDictionary());
+    support::Result<Outcome> report = call("getLogPathsWithRequest", PlistDictionary(), {});
     const std::string* path = report ? textAt(report->result, "log") : nullptr;
     if (path == nullptr || !path->starts_with('/')) {
         return std::nullopt;
@@ -126,12 +127,6 @@ constexpr std::chrono::milliseconds kStopSettle{2000};
 // How often the state is asked meanwhile.
 constexpr std::chrono::milliseconds kStopSettlePoll{100};
 
-bool serviceRuns(const Call& call) {
-    support::Result<Outcome> state = call("getStateWithRequest", PlistDictionary());
-    const std::string* now = state ? textAt(state->result, "state") : nullptr;
-    return now != nullptr && *now == "RUNNING";
-}
-
 // Whether the service still runs after the stop's ending clients and server have had
 // kStopSettle to exit.
 bool runsOnceSettled(const Call& call) {
@@ -165,6 +160,17 @@ void explainHeldStop(const Call& call) {
 }
 
 }  // namespace
+
+bool serviceRuns(const Call& call) {
+    support::Result<Outcome> state = call("getStateWithRequest", PlistDictionary(), {});
+    const std::string* now = state ? textAt(state->result, "state") : nullptr;
+    return now != nullptr && *now == "RUNNING";
+}
+
+int tellRefusedCall(const support::Failure& failure) {
+    return failure.error == EINVAL ? usageError(failure.message)
+                                   : (complain(failure.message), kExitUnavailable);
+}
 
 int usageError(const std::string& message) {
     complain(message);
@@ -238,13 +244,6 @@ std::optional<OperationArgument> argumentFor(const Command& command, OperationSt
 
 namespace {
 
-// What a call that could not be made tells: the daemon refuses an operation the plug-in lacks,
-// or an argument of another style, as the in-process host does, with a usage error.
-int tellRefusedCall(const support::Failure& failure) {
-    return failure.error == EINVAL ? usageError(failure.message)
-                                   : (complain(failure.message), kExitUnavailable);
-}
-
 // Runs the operations that come before the verb's own (a restart's stop). The exit status when
 // one of them failed and was told; the verb then goes no further.
 std::optional<int> runPrecedingOperations(const Command& command, const Call& call) {
@@ -252,7 +251,7 @@ std::optional<int> runPrecedingOperations(const Command& command, const Call& ca
     for (std::size_t index = 0; index + 1 < operations.size(); ++index) {
         Command step = command;
         step.operation = std::string(operations[index]);
-        support::Result<Outcome> outcome = call(step.operation, PlistValue());
+        support::Result<Outcome> outcome = call(step.operation, PlistValue(), {});
         if (!outcome) {
             return tellRefusedCall(outcome.failure());
         }
@@ -267,6 +266,9 @@ std::optional<int> runPrecedingOperations(const Command& command, const Call& ca
 
 // Runs the command's operation through call, with what the verb tells beyond its response.
 int conclude(const Command& command, const OperationArgument& argument, const Call& call) {
+    if (command.settingsChange) {
+        return concludeSettingsChange(command, call);
+    }
     if (std::optional<int> status = runPrecedingOperations(command, call)) {
         return *status;
     }
@@ -274,7 +276,7 @@ int conclude(const Command& command, const OperationArgument& argument, const Ca
     if (command.verb == "start" || command.verb == "restart") {
         mark = markServiceLog(call);
     }
-    support::Result<Outcome> outcome = call(command.operation, argument);
+    support::Result<Outcome> outcome = call(command.operation, argument, {});
     if (!outcome) {
         return tellRefusedCall(outcome.failure());
     }

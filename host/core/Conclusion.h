@@ -46,10 +46,22 @@ support::Result<const HostOperation*> operationTaking(const PluginDescriptor& pl
                                                       const std::string& name,
                                                       const OperationArgument& argument);
 
+// A check made under the host lock just before the plug-in is entered, so that nothing another
+// host does can come between the two: a failure keeps the call from being made.
+using CallGuard = std::function<support::Status()>;
+
 // One call of an operation: in this process under the host lock that the run holds, or in the
-// daemon. Fails with EINVAL when the plug-in cannot answer it.
-using Call = std::function<support::Result<Outcome>(const std::string& operation,
-                                                    const OperationArgument& argument)>;
+// daemon. Fails with EINVAL when the plug-in cannot answer it, and with the guard's failure when
+// the guard (empty for none) refused it.
+using Call = std::function<support::Result<Outcome>(
+    const std::string& operation, const OperationArgument& argument, const CallGuard& guard)>;
+
+// Whether the plug-in's state report says the service runs.
+bool serviceRuns(const Call& call);
+
+// Tells a call that could not be made: the daemon refuses an operation the plug-in lacks, or an
+// argument of another style, as the in-process host does, with a usage error; the exit status.
+int tellRefusedCall(const support::Failure& failure);
 
 // Runs the command's operation through call, with what the verb tells beyond its response;
 // the run's exit status.

@@ -10,6 +10,7 @@ enum ExitStatus : int {
     kExitErrorResponse = 1,             // a response dictionary holding "error"
     kExitWithoutResponse = 2,           // the operation threw instead of answering
     kExitStopped = 3,                   // status: the service is not running
+    kExitVersionChanged = 4,            // settings --apply: the job file changed since the plan
     kExitUsage = EX_USAGE,              // the command line is not one the host understands
     kExitBadRequest = EX_DATAERR,       // the request file is not a property-list dictionary
     kExitUnavailable = EX_UNAVAILABLE,  // the plug-in cannot be loaded or used

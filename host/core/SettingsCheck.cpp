@@ -50,17 +50,41 @@ bool isSettingName(const std::string& name) {
     });
 }
 
-// The server's words without its log line prefix: from the severity of its first complaint on.
-std::string serverWords(std::string text) {
-    for (const char* severity : {"FATAL:  ", "ERROR:  ", "PANIC:  "}) {
-        if (std::size_t at = text.find(severity); at != std::string::npos) {
-            std::size_t lineStart = text.rfind('\n', at);
-            lineStart = lineStart == std::string::npos ? 0 : lineStart + 1;
-            text.erase(lineStart, at - lineStart);
-            break;
+// Where the severity of a server's message line begins ("FATAL:  ", "DETAIL:  ", ...), after
+// the log line prefix; npos when the line has none.
+std::size_t severityIn(std::string_view line) {
+    constexpr std::string_view kSeverities[] = {
+        "FATAL:  ", "ERROR:  ", "PANIC:  ", "DETAIL:  ", "HINT:  ", "WARNING:  "};
+    std::size_t from = std::string_view::npos;
+    for (std::string_view severity : kSeverities) {
+        from = std::min(from, line.find(severity));
+    }
+    return from;
+}
+
+// The server's words without its log line prefix: what it printed when it complained of
+// nothing (the value it reads), else from its first complaint on, each line from its severity.
+std::string serverWords(const std::string& text) {
+    std::string words;
+    bool complained = false;
+    for (std::size_t lineStart = 0; lineStart < text.size();) {
+        std::size_t lineEnd = text.find('\n', lineStart);
+        lineEnd = lineEnd == std::string::npos ? text.size() : lineEnd + 1;
+        std::string_view line(text.data() + lineStart, lineEnd - lineStart);
+        lineStart = lineEnd;
+        const std::size_t severity = severityIn(line);
+        if (severity != std::string_view::npos) {
+            // What came before the first complaint is not part of it.
+            if (!complained) {
+                words.clear();
+                complained = true;
+            }
+            words += line.substr(severity);
+        } else {
+            words += line;
         }
     }
-    return text;
+    return words;
 }
 
 std::string trimmed(std::string text) {

@@ -78,12 +78,17 @@ int runInProcess(const Command& command) {
     }
     // The class hook runs once, before the first call, as the daemon runs it once.
     bool initialized = false;
-    Call call = [&plugin, &initialized](
-                    const std::string& name,
-                    const OperationArgument& argument) -> support::Result<Outcome> {
+    Call call = [&plugin, &initialized](const std::string& name, const OperationArgument& argument,
+                                        const CallGuard& guard) -> support::Result<Outcome> {
         support::Result<const HostOperation*> operation = operationTaking(plugin, name, argument);
         if (!operation) {
             return operation.failure();
+        }
+        // The run holds the host lock throughout: nothing comes between the guard and the call.
+        if (guard) {
+            if (support::Status allowed = guard(); !allowed) {
+                return allowed.failure();
+            }
         }
         if (!std::exchange(initialized, true)) {
             return runOperation(plugin, **operation, argument);

@@ -46,14 +46,18 @@ int runOperation(const Command& command, const PluginDescriptor& plugin, Worker&
             printLogMessage(client, message);
         }
     };
-    Call call = [&plugin, &worker, &relay](
-                    const std::string& name,
-                    const OperationArgument& argument) -> support::Result<Outcome> {
+    Call call = [&plugin, &worker, &relay](const std::string& name,
+                                           const OperationArgument& argument,
+                                           const CallGuard& guard) -> support::Result<Outcome> {
         support::Result<const HostOperation*> operation = operationTaking(plugin, name, argument);
         if (!operation) {
             return operation.failure();
         }
-        std::optional<Outcome> outcome = worker.call(**operation, argument, relay);
+        std::optional<support::Failure> refused;
+        std::optional<Outcome> outcome = worker.call(**operation, argument, relay, guard, &refused);
+        if (refused) {
+            return std::move(*refused);
+        }
         if (!outcome) {
             return support::Failure{ECANCELED, "velnord is stopping; the call was not run"};
         }

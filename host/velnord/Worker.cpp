@@ -102,9 +102,15 @@ bool Worker::submit(const HostOperation& operation, OperationArgument argument,
 }
 
 std::optional<Outcome> Worker::call(const HostOperation& operation, OperationArgument argument,
-                                    std::function<void(int, const std::string&)> relay) {
+                                    std::function<void(int, const std::string&)> relay,
+                                    std::function<support::Status()> guard,
+                                    std::optional<support::Failure>* refused) {
     auto sink = std::make_shared<WaitingSink>();
-    if (!submit(operation, std::move(argument), sink)) {
+    Job job{JobKind::Call, &operation, std::move(argument), sink, {}};
+    job.guard = std::move(guard);
+    // The caller waits below until the job is done, so refused outlives the job's use of it.
+    job.refused = refused;
+    if (!push(std::move(job))) {
         return std::nullopt;
     }
     return sink->deliver(relay);
@@ -250,12 +256,25 @@ void Worker::tick() {
 void Worker::runCall(Job& job) {
     current_ = job.sink;
     Outcome outcome;
+    bool guardRefused = false;
     if (support::Result<HostLock::Held> held = holdHostLock()) {
-        outcome = enterPlugin(*job.operation, job.argument);
+        support::Status allowed = job.guard ? job.guard() : support::Status();
+        if (allowed) {
+            outcome = enterPlugin(*job.operation, job.argument);
+        } else if (job.refused != nullptr) {
+            *job.refused = allowed.failure();
+            guardRefused = true;
+        } else {
+            outcome.failure = allowed.message();
+        }
     } else {
         outcome.failure = held.message();
     }
     current_ = nullptr;
+    if (guardRefused) {
+        job.sink->finished(std::nullopt);
+        return;
+    }
     if (report_) {
         report_(job.operation->name);
     }

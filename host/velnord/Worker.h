@@ -71,8 +71,13 @@ class Worker {
     // Runs the call in its turn and waits for it; log messages that the plug-in emits meanwhile
     // go to relay as they come, on the caller's thread, so that the worker never waits on a
     // client. Nothing when the worker stopped before its turn. For threads that may block.
+    // A guard, when given, runs in the call's turn under the host lock just before the plug-in
+    // is entered; when it fails, the call is not made, its failure goes to refused, and the
+    // outcome is nothing.
     std::optional<Outcome> call(const HostOperation& operation, OperationArgument argument,
-                                std::function<void(int, const std::string&)> relay);
+                                std::function<void(int, const std::string&)> relay,
+                                std::function<support::Status()> guard = {},
+                                std::optional<support::Failure>* refused = nullptr);
 
     // Queues an idle tick, unless one still waits for its turn.
     void queueTick();
@@ -97,6 +102,9 @@ class Worker {
         OperationArgument argument;
         std::shared_ptr<CallSink> sink;
         std::string label;
+        // Set only by call(): see there.
+        std::function<support::Status()> guard = {};
+        std::optional<support::Failure>* refused = nullptr;
     };
 
     bool push(Job job);

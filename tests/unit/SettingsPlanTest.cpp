@@ -1,0 +1,151 @@
+// The change plan: how a setting's stored and new value compare as the server reads them, what
+// an apply decides from the plan, the job file's version, and how the command line asks for it.
+#include <gtest/gtest.h>
+
+#include "CommandLine.h"
+#include "SettingsPlan.h"
+
+namespace velnor::host {
+namespace {
+
+const std::string kVersion(64, 'a');
+const std::string kOtherVersion(64, 'b');
+
+SettingVerdict accepted(const std::string& value, const std::string& reads) {
+    return SettingVerdict{"work_mem", value, true, reads};
+}
+
+SettingVerdict refused(const std::string& value) {
+    return SettingVerdict{"work_mem", value, false, "FATAL:  invalid value for parameter"};
+}
+
+TEST(SettingsPlan, ComparesWhatTheServerReadsNotWhatWasTyped) {
+    struct Row {
+        const char* what;
+        std::optional<std::string> stored;
+        std::optional<SettingVerdict> storedVerdict;
+        SettingVerdict wanted;
+        bool differs;
+        std::optional<std::string> storedReads;
+    };
+    const Row rows[] = {
+        {"1GB and 1048576kB are one setting", "1GB", accepted("1GB", "1048576"),
+         accepted("1048576kB", "1048576"), false, "1048576"},
+        {"another reading is a change", "4MB", accepted("4MB", "4096"), accepted("8MB", "8192"),
+         true, "4096"},
+        {"a setting the job file lacks is added", std::nullopt, std::nullopt,
+         accepted("4MB", "4096"), true, std::nullopt},
+        {"a stored value the server refuses is replaced", "lots", refused("lots"),
+         accepted("4MB", "4096"), true, std::nullopt},
+        {"a stored value that could not be asked about is replaced", "a\nb", std::nullopt,
+         accepted("4MB", "4096"), true, std::nullopt},
+        {"a refused new value is never a change", "4MB", accepted("4MB", "4096"), refused("lots"),
+         false, "4096"},
+    };
+    for (const Row& row : rows) {
+        const SettingPlan plan = planSetting(row.stored, row.storedVerdict, row.wanted);
+        EXPECT_EQ(plan.differs, row.differs) << row.what;
+        EXPECT_EQ(plan.storedReads, row.storedReads) << row.what;
+        EXPECT_EQ(plan.stored, row.stored) << row.what;
+        EXPECT_EQ(plan.accepted, row.wanted.accepted) << row.what;
+        EXPECT_EQ(plan.serverSays, row.wanted.serverSays) << row.what;
+    }
+}
+
+SettingPlan setting(const char* name, bool accepted, bool differs) {
+    return SettingPlan{name, "old", "new", "old", accepted, "reads", differs};
+}
+
+TEST(SettingsApply, WritesOnlyWhatDiffersAndNothingWhenOneIsRefused) {
+    struct Row {
+        const char* what;
+        std::vector<SettingPlan> plan;
+        std::optional<std::string> expected;
+        ApplyDecision decision;
+    };
+    const Row rows[] = {
+        {"nothing differs: no write, no restart",
+         {setting("a", true, false), setting("b", true, false)},
+         std::nullopt,
+         ApplyDecision::NothingDiffers},
+        {"one differs",
+         {setting("a", true, false), setting("b", true, true)},
+         std::nullopt,
+         ApplyDecision::Write},
+        {"the plan's version still holds",
+         {setting("a", true, true)},
+         kVersion,
+         ApplyDecision::Write},
+        {"one refused: nothing is written",
+         {setting("a", true, true), setting("b", false, false)},
+         std::nullopt,
+         ApplyDecision::Refused},
+        {"another version: refused before anything else",
+         {setting("a", false, false)},
+         kOtherVersion,
+         ApplyDecision::VersionChanged},
+        {"another version, even when nothing differs",
+         {setting("a", true, false)},
+         kOtherVersion,
+         ApplyDecision::VersionChanged},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(decideApply(row.plan, kVersion, row.expected), row.decision) << row.what;
+    }
+    EXPECT_EQ(settingsToWrite(
+                  {setting("a", true, false), setting("b", true, true), setting("c", true, true)}),
+              (PlistDictionary{{"b", "new"}, {"c", "new"}}));
+}
+
+TEST(SettingsPlan, VersionIsTheSha256OfTheBytesInHex) {
+    EXPECT_EQ(sha256Hex(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_EQ(sha256Hex("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_NE(sha256Hex("<plist>a</plist>"), sha256Hex("<plist>a</plist>\n"))
+        << "a byte more is another version";
+    EXPECT_TRUE(isJobFileVersion(sha256Hex("abc")));
+    for (const std::string& bad : {std::string(), std::string(63, 'a'), std::string(65, 'a'),
+                                   std::string(64, 'A'), std::string(63, 'a') + "g"}) {
+        EXPECT_FALSE(isJobFileVersion(bad)) << bad;
+    }
+}
+
+TEST(SettingsPlan, CommandLineAsksForAPlanOrAnApply) {
+    support::Result<Command> plan = parseCommandLine(std::vector<std::string_view>{
+        "settings", "--plan", "work_mem=1GB", "search_path=a=b", "work_mem=2GB"});
+    ASSERT_TRUE(plan) << plan.message();
+    ASSERT_TRUE(plan->settingsChange);
+    EXPECT_FALSE(plan->settingsChange->apply);
+    EXPECT_EQ(plan->operation, "readSettingsWithRequest") << "a plan only reads";
+    using Settings = std::vector<std::pair<std::string, std::string>>;
+    EXPECT_EQ(plan->settingsChange->settings,
+              (Settings{{"work_mem", "2GB"}, {"search_path", "a=b"}}))
+        << "a setting typed twice takes its last value, in its first place";
+
+    support::Result<Command> apply = parseCommandLine(std::vector<std::string_view>{
+        "--json", "settings", "--apply", "port=5433", "--expect-version", kVersion});
+    ASSERT_TRUE(apply) << apply.message();
+    EXPECT_TRUE(apply->settingsChange->apply);
+    EXPECT_EQ(apply->operation, "writeSettingsWithRequest");
+    EXPECT_EQ(apply->settingsChange->expectedVersion, kVersion);
+    EXPECT_FALSE(parseCommandLine(std::vector<std::string_view>{"settings", "--apply", "a=1"})
+                     ->settingsChange->expectedVersion);
+
+    const std::vector<std::string_view> refused[] = {
+        {"settings", "--plan"},
+        {"settings", "--apply"},
+        {"settings", "--plan", "--apply", "a=1"},
+        {"settings", "--check", "--plan", "a=1"},
+        {"settings", "--plan", "a"},
+        {"settings", "--plan", "a=1", "--expect-version", kVersion},
+        {"settings", "--apply", "a=1", "--expect-version", ""},
+        {"settings", "--apply", "a=1", "--expect-version", "latest"},
+        {"settings", "a=1", "--expect-version", kVersion},
+    };
+    for (const auto& arguments : refused) {
+        support::Result<Command> result = parseCommandLine(arguments);
+        EXPECT_TRUE(!result && !result.message().empty()) << ::testing::PrintToString(arguments);
+    }
+}
+
+}  // namespace
+}  // namespace velnor::host
