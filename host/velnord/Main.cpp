@@ -56,6 +56,7 @@ struct Options {
     // The help text when --help was asked for: printed, and nothing runs.
     std::optional<std::string> help;
     std::optional<WebListen> web = WebListen{};
+    std::chrono::seconds webIdleTimeout = kDefaultIdleTimeout;
 };
 
 void complain(const std::string& message) {
@@ -78,6 +79,7 @@ struct Typed {
     std::string plugin;
     std::string idleInterval;
     std::string webListen;
+    std::string webIdleTimeout;
     bool noWeb = false;
 };
 
@@ -103,7 +105,16 @@ void addOptions(CLI::App& app, Options& options, Typed& typed) {
                        "serve the web console there (default 127.0.0.1:8471); the address with "
                        "its access token: velnor web-url")
             ->type_name("ADDR:PORT");
-    app.add_flag("--no-web", typed.noWeb, "no web console")->excludes(listen);
+    CLI::Option* idle =
+        app.add_option("--web-idle-timeout", typed.webIdleTimeout,
+                       "end a console session left unused this long (default 900, 15 minutes)")
+            ->type_name("SECONDS")
+            ->check([](const std::string& value) {
+                std::optional<double> seconds = secondsIn(value);
+                return seconds && *seconds >= 1 ? std::string()
+                                                : std::string("needs seconds from 1 to a day");
+            });
+    app.add_flag("--no-web", typed.noWeb, "no web console")->excludes(listen)->excludes(idle);
 }
 
 support::Result<Options> parseOptions(int argc, char** argv) {
@@ -125,6 +136,10 @@ support::Result<Options> parseOptions(int argc, char** argv) {
     }
     if (!typed.idleInterval.empty()) {
         options.idleInterval = std::chrono::duration<double>(*secondsIn(typed.idleInterval));
+    }
+    if (!typed.webIdleTimeout.empty()) {
+        options.webIdleTimeout =
+            std::chrono::seconds(static_cast<long>(*secondsIn(typed.webIdleTimeout)));
     }
     if (typed.noWeb) {
         options.web.reset();
@@ -168,7 +183,7 @@ std::unique_ptr<WebConsole> startWebConsole(const Options& options, const Plugin
         return nullptr;
     }
     support::Result<std::unique_ptr<WebConsole>> console =
-        WebConsole::start(plugin, worker, *options.web);
+        WebConsole::start(plugin, worker, *options.web, options.webIdleTimeout);
     if (!console) {
         ::syslog(LOG_WARNING, "the web console is off: %s", console.message().c_str());
         return nullptr;

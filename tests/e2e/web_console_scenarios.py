@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """velnord's web console: a tour in headless Chromium through start, a settings change, a
 setting the server refuses, an idle client ended by a stop and the log's shutdown lines; who may
-reach the console at all; and that no account can lock root out of it or share its port.
+reach the console at all, logging in with an account's own password; and that no account can lock
+root or another account out of it or share its port.
 Screenshots of the tour go to BUILD/e2e-screenshots/web_console/."""
 
 import errno
@@ -12,6 +13,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import urllib.parse
 
 sys.dont_write_bytecode = True
 import harness  # noqa: E402
@@ -46,6 +48,43 @@ print("refused" if retry >= seconds else "never refused", retry, flush=True)
 for _ in sys.stdin:
     print(wrong()[0], flush=True)
 """
+
+
+# The account that types wrong passwords for another's account, as the stranger above sends wrong
+# tokens: until refused for at least the seconds asked, then one more login per line it reads.
+GUESSER = r"""
+import http.client, sys, time, urllib.parse
+port, account, seconds, wait = int(sys.argv[1]), sys.argv[2], int(sys.argv[3]), float(sys.argv[4])
+
+def wrong():
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
+    connection.request("POST", "/login", body=urllib.parse.urlencode(
+        {"account": account, "password": "guessed"}),
+        headers={"Content-Type": "application/x-www-form-urlencoded"})
+    answer = connection.getresponse()
+    answer.read()
+    connection.close()
+    return answer.status, int(answer.getheader("Retry-After") or 0)
+
+deadline = time.monotonic() + wait
+status, retry = wrong()
+while retry < seconds and time.monotonic() < deadline:
+    status, retry = wrong()
+print("refused" if retry >= seconds else "never refused", status, retry, flush=True)
+for _ in sys.stdin:
+    print(wrong()[0], flush=True)
+"""
+PAM_SERVICE = os.path.join(harness.PROJECT, "host", "velnord", "velnor.pam")
+FORM = {"Content-Type": "application/x-www-form-urlencoded"}
+
+
+def make_account(name, password):
+    """An account of the sandbox with a password, and the console's PAM service in place, as the
+    package installs it."""
+    subprocess.run(["useradd", "--no-create-home", "--shell", "/usr/sbin/nologin", name], check=True)
+    subprocess.run(["chpasswd"], input=f"{name}:{password}\n", text=True, check=True)
+    with open(PAM_SERVICE) as packaged, open("/etc/pam.d/velnor", "w") as installed:
+        installed.write(packaged.read())
 
 
 def free_port():
@@ -86,6 +125,11 @@ class WebConsole(harness.ScenarioCase):
         self.assertTrue(url.stdout.startswith(prefix), f"velnor web-url: {url.stdout!r}")
         return url.stdout.strip()[len(prefix):], daemon
 
+    def log_in(self, account, password, headers=()):
+        """POST /login with the account and password; the answer."""
+        return self.request("POST", "/login", {**FORM, **dict(headers)},
+                            urllib.parse.urlencode({"account": account, "password": password}))
+
     def request(self, method, path, headers=(), body=None):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
         connection.request(method, path, body=body, headers=dict(headers))
@@ -106,7 +150,8 @@ class WebConsole(harness.ScenarioCase):
         change = {**session, "Content-Type": "application/x-www-form-urlencoded"}
         rows = [  # what, method, path, headers, expected status
             ("the page with the session", "GET", "/", session, 200),
-            ("the page without a session", "GET", "/", {}, 401),
+            ("the page without a session", "GET", "/", {}, 303),
+            ("the script without a session", "GET", "/console.js", {}, 401),
             ("an action without a session", "POST", "/api/service", {}, 401),
             ("an action without the CSRF token", "POST", "/api/service", change, 403),
             ("an action with a wrong CSRF token", "POST", "/api/service",
@@ -149,6 +194,63 @@ class WebConsole(harness.ScenarioCase):
         stranger.stdin.flush()
         self.assertEqual(stranger.stdout.readline().strip(), "429",
                          "nobody's next wrong token, on a new connection, is still refused")
+
+    # With its folders in place, no idle tick starts the server.
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_an_account_logs_in_with_its_password_and_out(self):
+        make_account("alice", "alices secret")
+        self.start_console()
+        rows = [  # what, account, password, expected status
+            ("a wrong password", "alice", "wrong", 403),
+            ("an account that does not exist", "nosuchaccount", "alices secret", 403),
+            ("an account that has no password", "nobody", "", 400),
+            ("a login posted from another site's page", "alice", "alices secret", 403),
+        ]
+        for what, account, password, status in rows:
+            with self.subTest(what):
+                origin = {"Origin": "http://rebound.example"} if "another site" in what else {}
+                answer = self.log_in(account, password, origin)
+                self.assertEqual(answer.status, status, what)
+                self.assertIsNone(answer.getheader("Set-Cookie"), what)
+        answer = self.log_in("alice", "alices secret", {"Origin": f"http://127.0.0.1:{self.port}"})
+        self.assertEqual((answer.status, answer.getheader("Location")), (303, "/"), "alice logs in")
+        cookie = answer.getheader("Set-Cookie")
+        self.assertRegex(cookie, r"^velnor_session=[0-9a-f]{64}; Path=/; HttpOnly; SameSite=Strict$",
+                         "no Secure flag over plain HTTP, where the browser would drop the cookie")
+        session = {"Cookie": cookie.split(";")[0]}
+        page = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
+        page.request("GET", "/", headers=session)
+        body = page.getresponse().read().decode()
+        page.close()
+        self.assertIn('<span id="account" class="account">alice</span>', body, "the page names her")
+        csrf = body.split('name="csrf" content="')[1].split('"')[0]
+        change = {**session, **FORM, "X-CSRF-Token": csrf}
+        refused = self.request("POST", "/api/service", change, "action=start")
+        self.assertEqual(refused.status, 403, "alice may read, not operate")
+        self.assertIsNone(harness.postmaster(), "her refused start started nothing")
+        self.assertEqual(self.request("GET", "/api/snapshot", session).status, 200, "she reads")
+        self.assertEqual(self.request("POST", "/api/logout", change).status, 200, "she logs out")
+        self.assertEqual(self.request("GET", "/api/snapshot", session).status, 401,
+                         "the session ended with the logout")
+
+    @sandbox()
+    def test_wrong_passwords_for_one_account_never_keep_another_out(self):
+        make_account("alice", "alices secret")
+        self.start_console()
+        nobody = pwd.getpwnam("nobody").pw_uid
+        guesser = subprocess.Popen(
+            harness.as_user(nobody, [harness.PYTHON, "-c", GUESSER, str(self.port), "alice", "1",
+                                     str(harness.WAIT_SECONDS * 2)]),
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(lambda: guesser.poll() is None and (guesser.kill(), guesser.wait()))
+        said = guesser.stdout.readline().split()
+        self.assertEqual(said[0], "refused", f"nobody's wrong passwords for alice are slowed: {said}")
+        self.assertEqual(self.log_in("alice", "alices secret").status, 303,
+                         "alice's right password gets in while nobody is refused for her account")
+        guesser.stdin.write("\n")
+        guesser.stdin.flush()
+        self.assertEqual(guesser.stdout.readline().strip(), "429",
+                         "nobody's next guess for alice, on a new connection, is still refused")
 
     @sandbox()
     def test_no_other_listener_shares_the_console_port(self):
