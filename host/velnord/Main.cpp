@@ -27,6 +27,7 @@
 #include "PluginLoader.h"
 #include "RunAtLoad.h"
 #include "ServiceManagerNotice.h"
+#include "SocketActivation.h"
 #include "WebConsole.h"
 #include "Worker.h"
 
@@ -177,13 +178,18 @@ void relayLogMessages(Worker& worker) {
 }
 
 // The console is a convenience: when its address cannot be had, the daemon serves on without it.
-std::unique_ptr<WebConsole> startWebConsole(const Options& options, const PluginDescriptor& plugin,
-                                            Worker& worker) {
+// A socket that systemd handed over is where it listens, whatever --web-listen says.
+std::unique_ptr<WebConsole> startWebConsole(const Options& options,
+                                            const std::optional<ActivatedSocket>& activated,
+                                            const PluginDescriptor& plugin, Worker& worker) {
     if (!options.web) {
         return nullptr;
     }
     support::Result<std::unique_ptr<WebConsole>> console =
-        WebConsole::start(plugin, worker, *options.web, options.webIdleTimeout);
+        activated
+            ? WebConsole::start(plugin, worker, activated->listen, activated->descriptor,
+                                options.webIdleTimeout)
+            : WebConsole::start(plugin, worker, *options.web, std::nullopt, options.webIdleTimeout);
     if (!console) {
         ::syslog(LOG_WARNING, "the web console is off: %s", console.message().c_str());
         return nullptr;
@@ -199,8 +205,9 @@ void logCounts(const WorkerCounts& counts) {
              static_cast<unsigned long long>(counts.stopQueries));
 }
 
-int serve(const Options& options, const PluginModule& module, const HostLock& hostLock,
-          const std::string& pluginPath, ServiceManagerNotice& notice) {
+int serve(const Options& options, const std::optional<ActivatedSocket>& activated,
+          const PluginModule& module, const HostLock& hostLock, const std::string& pluginPath,
+          ServiceManagerNotice& notice) {
     if (support::Status blocked = blockStopSignals(); !blocked) {
         complain(blocked.message());
         return kExitUnavailable;
@@ -229,7 +236,7 @@ int serve(const Options& options, const PluginModule& module, const HostLock& ho
                 [&server, deadline = std::move(deadline)] { server->setStopDeadline(deadline); });
         });
     relayLogMessages(worker);
-    std::unique_ptr<WebConsole> web = startWebConsole(options, plugin, worker);
+    std::unique_ptr<WebConsole> web = startWebConsole(options, activated, plugin, worker);
     console = web.get();
     support::Result<std::unique_ptr<ControlServer>> created = ControlServer::create(
         plugin, pluginPath, worker, inbox, std::move(*listener),
@@ -290,6 +297,14 @@ int run(const Options& options) {
     // default signal handling back.
     signal(SIGPIPE, SIG_IGN);
     openlog("velnord", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
+    // Taken before any thread starts, and before the jobs at load, which must not inherit it.
+    support::Result<std::optional<ActivatedSocket>> activated = consoleSocketFromSystemd();
+    if (!activated) {
+        ::syslog(LOG_WARNING, "the web console is off: %s", activated.message().c_str());
+    } else if (*activated && !options.web) {
+        close((*activated)->descriptor);
+        activated->reset();
+    }
     std::string pluginPath = choosePluginPath(options.pluginPath, std::getenv("VELNOR_PLUGIN"),
                                               VELNOR_PLUGIN_FROM_PROGRAM);
     support::Result<std::unique_ptr<PluginModule>> module = PluginModule::open(pluginPath);
@@ -319,7 +334,8 @@ int run(const Options& options) {
         return *status;
     }
     ServiceManagerNotice notice;
-    return serve(options, **module, *hostLock, pluginPath, notice);
+    return serve(options, activated ? *activated : std::nullopt, **module, *hostLock, pluginPath,
+                 notice);
 }
 
 }  // namespace

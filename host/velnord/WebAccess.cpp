@@ -1,6 +1,7 @@
 #include "WebAccess.h"
 
 #include <sys/random.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -53,19 +54,30 @@ bool sameSecret(const std::string& one, const std::string& other) {
     return difference == 0;
 }
 
-support::Status publishAccess(const std::string& token, const std::string& address) {
+support::Status publishAccess(const std::string& token, const std::string& address,
+                              const std::string& fingerprint) {
     support::Result<support::UniqueFd> folder =
         support::openRootOnlyFolder(support::folderOf(kWebTokenPath), "web console folder");
     if (!folder) {
         return folder.failure();
     }
+    const support::Attributes readable{0644, 0, 0, "root:root"};
     if (auto written = support::replaceFile(kWebTokenPath, token + "\n",
                                             support::Attributes{0600, 0, 0, "root:root"});
         !written) {
         return written;
     }
-    return support::replaceFile(kWebAddressPath, address + "\n",
-                                support::Attributes{0644, 0, 0, "root:root"});
+    if (fingerprint.empty()) {
+        const std::string name = support::lastNameOf(kWebFingerprintPath);
+        if (unlinkat(folder->get(), name.c_str(), 0) != 0 && errno != ENOENT) {
+            return support::couldNot("remove", kWebFingerprintPath, errno);
+        }
+    } else if (auto written =
+                   support::replaceFile(kWebFingerprintPath, fingerprint + "\n", readable);
+               !written) {
+        return written;
+    }
+    return support::replaceFile(kWebAddressPath, address + "\n", readable);
 }
 
 bool hostIsOurs(const std::string& hostHeader, const std::string& listenAddress) {

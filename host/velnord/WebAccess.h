@@ -33,9 +33,11 @@ inline constexpr std::chrono::seconds kDefaultIdleTimeout{15 * 60};
 // Compares without returning early, so that the time taken tells nothing of where they differ.
 bool sameSecret(const std::string& one, const std::string& other);
 
-// Writes the token to kWebTokenPath (root's, 0600) and the console's address to kWebAddressPath
-// (root's, 0644), each replacing what stood there without following links.
-support::Status publishAccess(const std::string& token, const std::string& address);
+// Writes the token to kWebTokenPath (root's, 0600), the console's address to kWebAddressPath and
+// its certificate's fingerprint to kWebFingerprintPath (root's, 0644), each replacing what stood
+// there without following links; without a fingerprint (no TLS), that file is removed.
+support::Status publishAccess(const std::string& token, const std::string& address,
+                              const std::string& fingerprint);
 
 // True when the Host header names the listen address or localhost, with any port (an SSH
 // tunnel may forward another local port to the console's).

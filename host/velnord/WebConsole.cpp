@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "CommandLine.h"
+#include "ConsoleCertificate.h"
 #include "ConsoleRights.h"
 #include "ExitStatus.h"
 #include "Output.h"
@@ -183,29 +184,79 @@ void listenAlone(socket_t listener) {
     setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
 }
 
+// The library keeps its listening socket in a protected member, which a derived class may name:
+// a socket that systemd handed over is put there instead of one the library binds.
+struct ListenerAccess : httplib::Server {
+    static void adopt(httplib::Server& server, socket_t listener) {
+        server.*(&ListenerAccess::svr_sock_) = listener;
+    }
+};
+
+// The server for the address: TLS with the console's certificate beyond this machine, plain HTTP
+// on a loopback address. fingerprint receives the certificate's, or nothing.
+support::Result<std::unique_ptr<httplib::Server>> serverFor(const WebListen& listen,
+                                                            std::string& fingerprint) {
+    fingerprint.clear();
+    if (isLoopback(listen)) {
+        return std::make_unique<httplib::Server>();
+    }
+    support::Result<ConsoleCertificate> identity = consoleCertificate(listen.address);
+    if (!identity) {
+        return identity.failure();
+    }
+    auto server =
+        std::make_unique<httplib::SSLServer>(identity->certificate.get(), identity->key.get());
+    if (!server->is_valid() ||
+        SSL_CTX_set_min_proto_version(server->ssl_context(), TLS1_2_VERSION) != 1) {
+        return support::couldNot("serve", "TLS", "OpenSSL refused the console's certificate");
+    }
+    fingerprint = identity->fingerprint;
+    return std::unique_ptr<httplib::Server>(std::move(server));
+}
+
+// Binds the address, unless systemd handed over the socket already listening there.
+support::Status bindOrAdopt(httplib::Server& server, const WebListen& listen,
+                            std::optional<int> activated) {
+    if (activated) {
+        ListenerAccess::adopt(server, *activated);
+        return {};
+    }
+    const std::string shown = listen.address + ":" + std::to_string(listen.port);
+    errno = 0;
+    if (!server.bind_to_port(listen.address, listen.port)) {
+        // The library closes the socket that it could not bind and leaves that bind's errno; a
+        // name that it could not resolve leaves none.
+        const int error = errno;
+        return error != 0 ? support::couldNot("listen on", shown, error)
+                          : support::couldNot("listen on", shown, "the address cannot be bound");
+    }
+    return {};
+}
+
 }  // namespace
 
 support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescriptor& plugin,
                                                                Worker& worker,
                                                                const WebListen& listen,
+                                                               std::optional<int> activated,
                                                                std::chrono::seconds idleTimeout) {
     support::Result<std::string> token = randomHex(32);
     if (!token) {
         return token.failure();
     }
-    std::unique_ptr<WebConsole> console(
-        new WebConsole(plugin, worker, listen, *token, idleTimeout));
-    const std::string shown = listen.address + ":" + std::to_string(listen.port);
-    errno = 0;
-    if (!console->server_->bind_to_port(listen.address, listen.port)) {
-        // The library closes the socket that it could not bind and leaves that bind's errno; a
-        // name that it could not resolve leaves none.
-        const int error = errno;
-        console->stop();
-        return error != 0 ? support::couldNot("listen on", shown, error)
-                          : support::couldNot("listen on", shown, "the address cannot be bound");
+    std::string fingerprint;
+    support::Result<std::unique_ptr<httplib::Server>> server = serverFor(listen, fingerprint);
+    if (!server) {
+        return server.failure();
     }
-    if (support::Status published = publishAccess(*token, shown); !published) {
+    std::unique_ptr<WebConsole> console(new WebConsole(plugin, worker, listen, *token, idleTimeout,
+                                                       std::move(*server), !fingerprint.empty()));
+    if (support::Status bound = bindOrAdopt(*console->server_, listen, activated); !bound) {
+        console->stop();
+        return bound.failure();
+    }
+    const std::string shown = listen.address + ":" + std::to_string(listen.port);
+    if (support::Status published = publishAccess(*token, shown, fingerprint); !published) {
         console->stop();
         return published.failure();
     }
@@ -229,13 +280,15 @@ support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescr
 }
 
 WebConsole::WebConsole(const PluginDescriptor& plugin, Worker& worker, WebListen listen,
-                       std::string token, std::chrono::seconds idleTimeout)
+                       std::string token, std::chrono::seconds idleTimeout,
+                       std::unique_ptr<httplib::Server> server, bool tls)
     : plugin_(plugin),
       worker_(worker),
       listen_(std::move(listen)),
+      tls_(tls),
       access_(std::move(token), idleTimeout),
       monitor_(plugin, worker, events_),
-      server_(std::make_unique<httplib::Server>()) {
+      server_(std::move(server)) {
     route();
 }
 
@@ -262,7 +315,9 @@ void WebConsole::route() {
     server.set_default_headers({{"Content-Security-Policy", kSecurityPolicy},
                                 {"X-Content-Type-Options", "nosniff"},
                                 {"X-Frame-Options", "DENY"},
-                                {"Referrer-Policy", "no-referrer"},
+                                // Same-origin, not none: a browser names the page's origin on
+                                // the login form's POST only when the policy lets it.
+                                {"Referrer-Policy", "same-origin"},
                                 {"Cache-Control", "no-store"}});
     // What went wrong stays in the daemon's log; the page learns only that it did.
     server.set_exception_handler(

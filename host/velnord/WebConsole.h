@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -28,12 +29,14 @@ namespace velnor::host {
 
 class WebConsole {
   public:
-    // Binds the address, writes the access token and starts serving; a session ends when left
-    // unused for idleTimeout. Fails when the address cannot be bound or the token cannot be
-    // written.
+    // Binds the address (or serves on activated, the socket that systemd handed over, listening
+    // there), over TLS unless the address is loopback, writes the access token and starts
+    // serving; a session ends when left unused for idleTimeout. Fails when the address cannot be
+    // bound, the certificate cannot be had or the token cannot be written.
     static support::Result<std::unique_ptr<WebConsole>> start(const PluginDescriptor& plugin,
                                                               Worker& worker,
                                                               const WebListen& listen,
+                                                              std::optional<int> activated,
                                                               std::chrono::seconds idleTimeout);
     ~WebConsole();
     WebConsole(const WebConsole&) = delete;
@@ -45,7 +48,7 @@ class WebConsole {
 
   private:
     WebConsole(const PluginDescriptor& plugin, Worker& worker, WebListen listen, std::string token,
-               std::chrono::seconds idleTimeout);
+               std::chrono::seconds idleTimeout, std::unique_ptr<httplib::Server> server, bool tls);
     void route();
     bool admitted(const httplib::Request& request, httplib::Response& response);
     // The session that the request's cookie names, its use counted; nullopt when there is none.
@@ -71,7 +74,7 @@ class WebConsole {
     Worker& worker_;
     const WebListen listen_;
     // Whether the console speaks TLS: its cookies are then sent over TLS only.
-    bool tls_ = false;
+    const bool tls_;
     WebAccess access_;
     EventHub events_;
     ConsoleMonitor monitor_;

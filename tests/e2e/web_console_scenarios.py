@@ -9,7 +9,9 @@ import errno
 import http.client
 import os
 import pwd
+import hashlib
 import socket
+import ssl
 import subprocess
 import sys
 import tempfile
@@ -20,6 +22,8 @@ import harness  # noqa: E402
 from harness import RESTARTING, WAITING_TO_RESPOND, sandbox  # noqa: E402
 
 TOKEN_FILE = "/run/velnor/web-token"
+ADDRESS_FILE = "/run/velnor/web-address"
+MADE_KEY = "/var/lib/velnor/tls/console.key"
 CONTROL_SOCKET = "/run/velnor/velnord.sock"
 WRONG_TOKEN = "f" * 64
 
@@ -87,6 +91,30 @@ def make_account(name, password):
         installed.write(packaged.read())
 
 
+def network_address():
+    """An address of this machine's that is not loopback: the sandbox shares its network."""
+    shown = subprocess.run(["ip", "-4", "-o", "address", "show", "scope", "global"],
+                           capture_output=True, text=True).stdout.split()
+    if "inet" not in shown:
+        harness.skip("this machine has no address beyond loopback")
+    return shown[shown.index("inet") + 1].split("/")[0]
+
+
+def browser(window="1280,2000"):
+    """Headless Chromium, which takes the console's own certificate: the scenario checks that
+    certificate by its fingerprint itself."""
+    from selenium import webdriver
+    from selenium.webdriver.chrome.service import Service
+
+    options = webdriver.ChromeOptions()
+    options.binary_location = "/usr/bin/chromium"
+    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage",
+                     f"--window-size={window}", "--user-data-dir=/tmp/chromium",
+                     "--ignore-certificate-errors"):
+        options.add_argument(argument)
+    return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+
+
 def free_port():
     """A loopback port that nothing listens on now: the sandbox shares the machine's network."""
     with socket.socket() as probe:
@@ -124,6 +152,40 @@ class WebConsole(harness.ScenarioCase):
         prefix = f"http://127.0.0.1:{self.port}/?token="
         self.assertTrue(url.stdout.startswith(prefix), f"velnor web-url: {url.stdout!r}")
         return url.stdout.strip()[len(prefix):], daemon
+
+    def start_tls_console(self):
+        """velnord with its console on this machine's network address; what velnor web-url
+        printed: its address and the certificate's fingerprint."""
+        self.address = network_address()
+        for stale in (TOKEN_FILE, ADDRESS_FILE):
+            if os.path.exists(stale):
+                os.unlink(stale)
+        velnord = harness.velnord_beside(self.host.velnor)
+        self.port = free_port()
+        daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", "1",
+                                   "--web-listen", f"{self.address}:{self.port}"])
+        self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
+        harness.wait_until(lambda: os.path.exists(ADDRESS_FILE), "velnord wrote its address")
+        printed = subprocess.run([self.host.velnor, "web-url"], capture_output=True, text=True,
+                                 check=True).stdout.splitlines()
+        self.assertEqual(len(printed), 2, f"velnor web-url: {printed}")
+        self.assertTrue(printed[0].startswith(f"https://{self.address}:{self.port}/?token="), printed)
+        self.assertTrue(printed[1].startswith("certificate SHA-256 fingerprint: "), printed)
+        return printed[0], printed[1].split(": ")[1], daemon
+
+    def tls_request(self, method, path, headers=(), body=None):
+        """A request over TLS that takes any certificate: the scenario checks it by its
+        fingerprint."""
+        context = ssl.create_default_context()
+        context.check_hostname = False
+        context.verify_mode = ssl.CERT_NONE
+        connection = http.client.HTTPSConnection(self.address, self.port, timeout=30,
+                                                 context=context)
+        connection.request(method, path, body=body, headers=dict(headers))
+        response = connection.getresponse()
+        response.read()
+        connection.close()
+        return response
 
     def log_in(self, account, password, headers=()):
         """POST /login with the account and password; the answer."""
@@ -251,6 +313,54 @@ class WebConsole(harness.ScenarioCase):
         guesser.stdin.flush()
         self.assertEqual(guesser.stdout.readline().strip(), "429",
                          "nobody's next guess for alice, on a new connection, is still refused")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_console_beyond_loopback_speaks_only_tls(self):
+        from selenium.webdriver.common.by import By
+        from selenium.webdriver.support.ui import WebDriverWait
+
+        make_account("alice", "alices secret")
+        url, fingerprint, daemon = self.start_tls_console()
+        self.assertEqual(harness.attributes(MADE_KEY), harness.regular_file(0o600, "root"),
+                         "the key velnord made is root's alone")
+        served = ssl.PEM_cert_to_DER_cert(
+            ssl.get_server_certificate((self.address, self.port)))
+        digest = hashlib.sha256(served).hexdigest().upper()
+        self.assertEqual(fingerprint.replace(":", ""), digest, "the fingerprint of the served one")
+        with self.assertRaises((http.client.HTTPException, ConnectionError),
+                               msg="plain HTTP on a network address"):
+            self.request("GET", "/login", {"Host": f"{self.address}:{self.port}"})
+        answer = self.tls_request("GET", url[url.index("/?token="):])
+        self.assertEqual(answer.status, 303, "root's token over TLS")
+        self.assertRegex(answer.getheader("Set-Cookie"),
+                         r"^velnor_session=[0-9a-f]{64}; Path=/; HttpOnly; SameSite=Strict; Secure$")
+
+        shots = os.path.join(os.path.dirname(self.host.velnor), "e2e-screenshots", "web_console")
+        os.makedirs(shots, exist_ok=True)
+        chromium = browser("420,1600")
+        self.addCleanup(chromium.quit)
+        wait = WebDriverWait(chromium, harness.WAIT_SECONDS)
+        chromium.get(f"https://{self.address}:{self.port}/")
+        wait.until(lambda _: chromium.current_url.endswith("/login"), "the login page first")
+        chromium.save_screenshot(os.path.join(shots, "10-login.png"))
+        chromium.find_element(By.ID, "account").send_keys("alice")
+        chromium.find_element(By.ID, "password").send_keys("alices secret")
+        chromium.find_element(By.ID, "log-in").click()
+        wait.until(lambda _: chromium.find_element(By.ID, "feed").text == "live", "the page is live")
+        self.assertEqual(chromium.find_element(By.ID, "account").text, "alice")
+        chromium.save_screenshot(os.path.join(shots, "11-logged-in-over-tls.png"))
+        cookie = chromium.get_cookie("velnor_session")
+        self.assertEqual((cookie["httpOnly"], cookie["secure"], cookie["sameSite"]),
+                         (True, True, "Strict"), "the browser holds the cookie as it was given")
+        chromium.find_element(By.ID, "log-out").click()
+        wait.until(lambda _: chromium.current_url.endswith("/login"), "logged out, the login page")
+        chromium.get(f"https://{self.address}:{self.port}/")
+        wait.until(lambda _: chromium.current_url.endswith("/login"), "the session is over")
+
+        daemon.terminate()
+        self.assertEqual(daemon.wait(timeout=30), 0, "velnord stops")
+        _, again, _ = self.start_tls_console()
+        self.assertEqual(again, fingerprint, "a restarted velnord keeps the certificate it made")
 
     @sandbox()
     def test_no_other_listener_shares_the_console_port(self):
