@@ -342,7 +342,9 @@ class WebConsole(harness.ScenarioCase):
         wait = WebDriverWait(chromium, harness.WAIT_SECONDS)
         chromium.get(f"https://{self.address}:{self.port}/")
         wait.until(lambda _: chromium.current_url.endswith("/login"), "the login page first")
+        chromium.set_window_size(420, 520)
         chromium.save_screenshot(os.path.join(shots, "10-login.png"))
+        chromium.set_window_size(420, 1600)
         chromium.find_element(By.ID, "account").send_keys("alice")
         chromium.find_element(By.ID, "password").send_keys("alices secret")
         chromium.find_element(By.ID, "log-in").click()
@@ -361,6 +363,44 @@ class WebConsole(harness.ScenarioCase):
         self.assertEqual(daemon.wait(timeout=30), 0, "velnord stops")
         _, again, _ = self.start_tls_console()
         self.assertEqual(again, fingerprint, "a restarted velnord keeps the certificate it made")
+
+    @sandbox("--systemd")
+    def test_console_socket_comes_from_systemd(self):
+        port = free_port()
+        velnord = harness.velnord_beside(self.host.velnor)
+        built = os.path.join(os.path.dirname(velnord), "..", "lib", "systemd", "system")
+        units = "/etc/systemd/system"
+        drop_ins = {"velnord.service": f"[Service]\nExecStart=\nExecStart={velnord} --plugin "
+                                       f"{self.host.plugin}\n",
+                    "velnord.socket": f"[Socket]\nListenStream=\nListenStream=127.0.0.1:{port}\n"}
+        for unit, drop_in in drop_ins.items():
+            with open(os.path.join(built, unit)) as shipped, open(f"{units}/{unit}", "w") as installed:
+                installed.write(shipped.read())
+            os.makedirs(f"{units}/{unit}.d", exist_ok=True)
+            with open(f"{units}/{unit}.d/port.conf", "w") as written:
+                written.write(drop_in)
+        subprocess.run(["systemctl", "daemon-reload"], check=True)
+        subprocess.run(["systemctl", "start", "velnord.socket"], check=True)
+        self.assertEqual(subprocess.run(["systemctl", "is-active", "velnord.service"],
+                                        capture_output=True, text=True).stdout.strip(), "inactive",
+                         "velnord does not run yet")
+        with socket.create_connection(("127.0.0.1", port), timeout=30) as early:
+            # Made before velnord runs: the port is systemd's, and this connection starts it.
+            early.sendall(f"GET /login HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\n"
+                          "Connection: close\r\n\r\n".encode())
+            answer = b""
+            while chunk := early.recv(65536):
+                answer += chunk
+        self.assertTrue(answer.startswith(b"HTTP/1.1 200 OK"), answer[:200])
+        self.assertIn(b'<form method="post" action="/login">', answer, "velnord answered it")
+        harness.wait_until(lambda: os.path.exists(ADDRESS_FILE), "velnord wrote its address")
+        url = subprocess.run([self.host.velnor, "web-url"], capture_output=True, text=True,
+                             check=True).stdout
+        self.assertTrue(url.startswith(f"http://127.0.0.1:{port}/?token="),
+                        f"velnord serves where the socket unit listens: {url!r}")
+        self.port = port
+        token = url.strip().split("token=")[1]
+        self.assertEqual(self.request("GET", f"/?token={token}").status, 303, "and its token works")
 
     @sandbox()
     def test_no_other_listener_shares_the_console_port(self):
