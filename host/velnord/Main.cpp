@@ -192,6 +192,9 @@ std::unique_ptr<WebConsole> startWebConsole(const Options& options,
             : WebConsole::start(plugin, worker, *options.web, std::nullopt, options.webIdleTimeout);
     if (!console) {
         ::syslog(LOG_WARNING, "the web console is off: %s", console.message().c_str());
+        if (activated) {
+            close(activated->descriptor);
+        }
         return nullptr;
     }
     return std::move(*console);

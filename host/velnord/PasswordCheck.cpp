@@ -2,6 +2,7 @@
 
 #include <security/pam_appl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -77,7 +78,6 @@ support::Result<uid_t> checkPassword(const std::string& account, const std::stri
             EIO, std::string("could not start PAM: ") + ::pam_strerror(handle, status)};
     }
     ::pam_set_item(handle, PAM_RHOST, remoteHost.c_str());
-    ::pam_set_item(handle, PAM_RUSER, account.c_str());
     // An empty password is never one: the console is reachable from the network.
     status = ::pam_authenticate(handle, PAM_DISALLOW_NULL_AUTHTOK);
     if (status == PAM_SUCCESS) {
