@@ -24,6 +24,8 @@ from harness import RESTARTING, WAITING_TO_RESPOND, sandbox  # noqa: E402
 TOKEN_FILE = "/run/velnor/web-token"
 ADDRESS_FILE = "/run/velnor/web-address"
 MADE_KEY = "/var/lib/velnor/tls/console.key"
+ADMIN_CERTIFICATE = "/etc/velnor/tls/console.crt"
+ADMIN_KEY = "/etc/velnor/tls/console.key"
 CONTROL_SOCKET = "/run/velnor/velnord.sock"
 WRONG_TOKEN = "f" * 64
 
@@ -131,22 +133,23 @@ def reuse_port_listener():
 
 
 class WebConsole(harness.ScenarioCase):
-    def start_daemon(self, port, log=None):
-        """velnord with its console on port and a tick every second, logging to log if given."""
+    def start_daemon(self, port, log=None, address="127.0.0.1", extra=()):
+        """velnord with its console on address:port, a tick every second and the extra
+        arguments, logging to log if given."""
         self.port = port
         velnord = harness.velnord_beside(self.host.velnor)
         daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", "1",
-                                   "--web-listen", f"127.0.0.1:{port}",
+                                   "--web-listen", f"{address}:{port}", *extra,
                                    *(["--foreground"] if log else [])], stderr=log)
         self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
         return daemon
 
-    def start_console(self, port=None):
-        """velnord with its console on a port of its own (or port) and a tick every second; its
-        token."""
+    def start_console(self, port=None, extra=()):
+        """velnord with its console on a port of its own (or port), a tick every second and the
+        extra arguments; its token."""
         if os.path.exists(TOKEN_FILE):
             os.unlink(TOKEN_FILE)
-        daemon = self.start_daemon(port or free_port())
+        daemon = self.start_daemon(port or free_port(), extra=extra)
         harness.wait_until(lambda: os.path.exists(TOKEN_FILE), "velnord wrote its token")
         url = subprocess.run([self.host.velnor, "web-url"], capture_output=True, text=True, check=True)
         prefix = f"http://127.0.0.1:{self.port}/?token="
@@ -402,6 +405,65 @@ class WebConsole(harness.ScenarioCase):
         token = url.strip().split("token=")[1]
         self.assertEqual(self.request("GET", f"/?token={token}").status, 303, "and its token works")
 
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_a_session_left_unused_ends(self):
+        token, _ = self.start_console(extra=("--web-idle-timeout", "2"))
+        session = {"Cookie": self.request("GET", f"/?token={token}").getheader("Set-Cookie")
+                   .split(";")[0]}
+        # The open feed is no use of the session: it ends when the session does, at the first
+        # event (each idle tick's) after it.
+        feed = http.client.HTTPConnection("127.0.0.1", self.port, timeout=harness.WAIT_SECONDS)
+        feed.request("GET", "/api/events", headers=session)
+        answer = feed.getresponse()
+        self.assertEqual(answer.status, 200, "the feed opens")
+        while answer.read1(65536):
+            pass
+        feed.close()
+        self.assertEqual(self.request("GET", "/api/snapshot", session).status, 401,
+                         "the session ended, unused for the idle timeout")
+
+    @sandbox()
+    def test_the_administrators_certificate_is_used_only_when_roots_alone(self):
+        address = network_address()
+        os.makedirs(os.path.dirname(ADMIN_KEY))
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                        "ec_paramgen_curve:P-256", "-nodes", "-days", "30", "-subj",
+                        f"/CN={address}", "-keyout", ADMIN_KEY, "-out", ADMIN_CERTIFICATE],
+                       check=True, capture_output=True)
+        digest = subprocess.run(["openssl", "x509", "-noout", "-fingerprint", "-sha256", "-in",
+                                 ADMIN_CERTIFICATE], capture_output=True, text=True,
+                                check=True).stdout.strip().split("=")[1]
+        nobody = pwd.getpwnam("nobody").pw_uid
+        rows = [  # what, owner of the key, its mode, what velnord says
+            ("root's alone", 0, 0o600, None),
+            ("readable by others", 0, 0o644, "it is not a file of root's alone"),
+            ("nobody's", nobody, 0o600, f'"{ADMIN_KEY}" is owned by an account other than root'),
+        ]
+        for what, owner, mode, refusal in rows:
+            with self.subTest(what), tempfile.TemporaryFile("w+") as log:
+                os.chown(ADMIN_KEY, owner, 0)
+                os.chmod(ADMIN_KEY, mode)
+                for stale in (TOKEN_FILE, ADDRESS_FILE):
+                    if os.path.exists(stale):
+                        os.unlink(stale)
+                daemon = self.start_daemon(free_port(), log, address)
+                if refusal is None:
+                    harness.wait_until(lambda: os.path.exists(ADDRESS_FILE), "velnord serves TLS")
+                    printed = subprocess.run([self.host.velnor, "web-url"], capture_output=True,
+                                             text=True, check=True).stdout
+                    self.assertIn(f"certificate SHA-256 fingerprint: {digest}\n", printed, what)
+                else:
+                    expected = f'the web console is off: could not trust "{ADMIN_KEY}": {refusal}'
+
+                    def logged():
+                        log.seek(0)
+                        return expected in log.read()
+
+                    harness.wait_until(logged, f"velnord logged {expected!r}")
+                    self.assertFalse(os.path.exists(MADE_KEY), "and made no certificate instead")
+                daemon.terminate()
+                self.assertEqual(daemon.wait(timeout=30), 0, "velnord stops")
+
     @sandbox()
     def test_no_other_listener_shares_the_console_port(self):
         _, daemon = self.start_console()
@@ -410,7 +472,7 @@ class WebConsole(harness.ScenarioCase):
                 second.bind(("127.0.0.1", self.port))
             self.assertEqual(bound.exception.errno, errno.EADDRINUSE)
         # The server ends this connection, leaving its side waiting out the close on the port.
-        self.assertEqual(self.request("GET", "/", {"Connection": "close"}).status, 401)
+        self.assertEqual(self.request("GET", "/", {"Connection": "close"}).status, 303)
         daemon.terminate()
         self.assertEqual(daemon.wait(timeout=30), 0, "velnord stops")
         token, _ = self.start_console(self.port)
