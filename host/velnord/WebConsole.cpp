@@ -448,7 +448,11 @@ void WebConsole::logIn(const Request& request, Response& response) {
     }
     TokenSender sender = senderOf(request);
     sender.login = request.get_param_value("account");
-    if (sender.login.empty() || sender.login.size() > kLongestAccountName ||
+    // No account's name holds a control character, and one would forge lines in the log.
+    const bool printable = std::none_of(sender.login.begin(), sender.login.end(), [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+    });
+    if (sender.login.empty() || sender.login.size() > kLongestAccountName || !printable ||
         request.get_param_value("password").empty()) {
         answerLoginPage(response, 400, "Type your account's name and its password.");
         return;

@@ -269,6 +269,7 @@ class WebConsole(harness.ScenarioCase):
             ("a wrong password", "alice", "wrong", 403),
             ("an account that does not exist", "nosuchaccount", "alices secret", 403),
             ("an account that has no password", "nobody", "", 400),
+            ("a name that would forge a line in the log", "alice\nvelnord: root logged in", "x", 400),
             ("a login posted from another site's page", "alice", "alices secret", 403),
         ]
         for what, account, password, status in rows:
