@@ -53,6 +53,8 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "postgresql-15")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-# The library's folder changes, so the linker's cache is refreshed once the package is in.
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/packaging/triggers)
+# The library's folder changes, so the linker's cache is refreshed once the package is in;
+# the console's PAM service is the administrator's to change, and kept on upgrade.
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/packaging/triggers
+                                       ${CMAKE_CURRENT_SOURCE_DIR}/packaging/conffiles)
 include(CPack)

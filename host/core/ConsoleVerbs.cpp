@@ -9,47 +9,33 @@
 #include "DescriptorIo.h"
 #include "ExitStatus.h"
 #include "Output.h"
-#include "SafePath.h"
+#include "RootFolder.h"
 #include "SettingsCheck.h"
 #include "Terminal.h"
 
 namespace velnor::host {
 namespace {
 
-// The first line of a file that root alone may have written, and others may not read unless
-// others may read it is allowed.
+// The first line of a file that root alone may have written.
 support::Result<std::string> readRootsLine(const std::string& path, bool othersMayRead) {
-    std::string untrusted;
-    support::Result<support::UniqueFd> opened = support::openSafely(path, &untrusted);
-    if (!opened) {
-        return opened.failure();
+    support::Result<std::string> contents = support::readRootsFile(path, othersMayRead);
+    if (!contents) {
+        return contents.failure();
     }
-    struct stat status;
-    if (!untrusted.empty() || fstat(opened->get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-        status.st_uid != 0 || (status.st_mode & (othersMayRead ? 022 : 077)) != 0) {
-        return support::couldNot("trust", path,
-                                 untrusted.empty() ? "it is not a file of root's alone" : untrusted,
-                                 EPERM);
-    }
-    support::Result<support::UniqueFd> file =
-        support::reopen(opened->get(), O_RDONLY | O_CLOEXEC, path);
-    if (!file) {
-        return file.failure();
-    }
-    std::string contents;
-    if (!support::readAll(file->get(), contents)) {
-        return support::couldNot("read", path, errno);
-    }
-    return contents.substr(0, contents.find('\n'));
+    return contents->substr(0, contents->find('\n'));
 }
 
 int printWebUrl() {
-    support::Result<std::string> url = readWebUrl();
+    support::Result<WebUrl> url = readWebUrl();
     if (!url) {
         complain(url.message() + " (does velnord run with its web console?)");
         return kExitUnavailable;
     }
-    (void)terminal().toOut(*url + "\n");
+    // The fingerprint lets the first visit check the certificate that velnord made itself.
+    (void)terminal().toOut(url->url + "\n" +
+                           (url->fingerprint.empty()
+                                ? ""
+                                : "certificate SHA-256 fingerprint: " + url->fingerprint + "\n"));
     return kExitNormal;
 }
 
@@ -107,7 +93,7 @@ int checkSettingsCommand(const std::vector<std::string>& settings, bool json) {
 
 }  // namespace
 
-support::Result<std::string> readWebUrl() {
+support::Result<WebUrl> readWebUrl() {
     support::Result<std::string> token = readRootsLine(kWebTokenPath, false);
     if (!token) {
         return token.failure();
@@ -116,7 +102,12 @@ support::Result<std::string> readWebUrl() {
     if (!address) {
         return address.failure();
     }
-    return "http://" + *address + "/?token=" + *token;
+    support::Result<std::string> fingerprint = readRootsLine(kWebFingerprintPath, true);
+    if (!fingerprint && fingerprint.error() != ENOENT) {
+        return fingerprint.failure();
+    }
+    const std::string scheme = fingerprint ? "https://" : "http://";
+    return WebUrl{scheme + *address + "/?token=" + *token, fingerprint ? *fingerprint : ""};
 }
 
 std::optional<int> runConsoleVerb(const Command& command) {

@@ -6,6 +6,9 @@
 
 #include <cerrno>
 
+#include "DescriptorIo.h"
+#include "SafePath.h"
+
 namespace velnor::support {
 namespace {
 
@@ -39,6 +42,29 @@ Result<UniqueFd> openRootOnlyFolder(const std::string& folder, std::string_view 
         return couldNot("set the mode of the " + std::string(name), folder, errno);
     }
     return descriptor;
+}
+
+Result<std::string> readRootsFile(const std::string& path, bool othersMayRead) {
+    std::string untrusted;
+    Result<UniqueFd> opened = openSafely(path, &untrusted);
+    if (!opened) {
+        return opened.failure();
+    }
+    struct stat status;
+    if (!untrusted.empty() || fstat(opened->get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_uid != 0 || (status.st_mode & (othersMayRead ? 022 : 077)) != 0) {
+        return couldNot("trust", path,
+                        untrusted.empty() ? "it is not a file of root's alone" : untrusted, EPERM);
+    }
+    Result<UniqueFd> file = reopen(opened->get(), O_RDONLY | O_CLOEXEC, path);
+    if (!file) {
+        return file.failure();
+    }
+    std::string contents;
+    if (!readAll(file->get(), contents)) {
+        return couldNot("read", path, errno);
+    }
+    return contents;
 }
 
 }  // namespace velnor::support

@@ -27,6 +27,7 @@
 #include "PluginLoader.h"
 #include "RunAtLoad.h"
 #include "ServiceManagerNotice.h"
+#include "SocketActivation.h"
 #include "WebConsole.h"
 #include "Worker.h"
 
@@ -56,6 +57,7 @@ struct Options {
     // The help text when --help was asked for: printed, and nothing runs.
     std::optional<std::string> help;
     std::optional<WebListen> web = WebListen{};
+    std::chrono::seconds webIdleTimeout = kDefaultIdleTimeout;
 };
 
 void complain(const std::string& message) {
@@ -78,6 +80,7 @@ struct Typed {
     std::string plugin;
     std::string idleInterval;
     std::string webListen;
+    std::string webIdleTimeout;
     bool noWeb = false;
 };
 
@@ -103,7 +106,16 @@ void addOptions(CLI::App& app, Options& options, Typed& typed) {
                        "serve the web console there (default 127.0.0.1:8471); the address with "
                        "its access token: velnor web-url")
             ->type_name("ADDR:PORT");
-    app.add_flag("--no-web", typed.noWeb, "no web console")->excludes(listen);
+    CLI::Option* idle =
+        app.add_option("--web-idle-timeout", typed.webIdleTimeout,
+                       "end a console session left unused this long (default 900, 15 minutes)")
+            ->type_name("SECONDS")
+            ->check([](const std::string& value) {
+                std::optional<double> seconds = secondsIn(value);
+                return seconds && *seconds >= 1 ? std::string()
+                                                : std::string("needs seconds from 1 to a day");
+            });
+    app.add_flag("--no-web", typed.noWeb, "no web console")->excludes(listen)->excludes(idle);
 }
 
 support::Result<Options> parseOptions(int argc, char** argv) {
@@ -125,6 +137,10 @@ support::Result<Options> parseOptions(int argc, char** argv) {
     }
     if (!typed.idleInterval.empty()) {
         options.idleInterval = std::chrono::duration<double>(*secondsIn(typed.idleInterval));
+    }
+    if (!typed.webIdleTimeout.empty()) {
+        options.webIdleTimeout =
+            std::chrono::seconds(static_cast<long>(*secondsIn(typed.webIdleTimeout)));
     }
     if (typed.noWeb) {
         options.web.reset();
@@ -162,15 +178,23 @@ void relayLogMessages(Worker& worker) {
 }
 
 // The console is a convenience: when its address cannot be had, the daemon serves on without it.
-std::unique_ptr<WebConsole> startWebConsole(const Options& options, const PluginDescriptor& plugin,
-                                            Worker& worker) {
+// A socket that systemd handed over is where it listens, whatever --web-listen says.
+std::unique_ptr<WebConsole> startWebConsole(const Options& options,
+                                            const std::optional<ActivatedSocket>& activated,
+                                            const PluginDescriptor& plugin, Worker& worker) {
     if (!options.web) {
         return nullptr;
     }
     support::Result<std::unique_ptr<WebConsole>> console =
-        WebConsole::start(plugin, worker, *options.web);
+        activated
+            ? WebConsole::start(plugin, worker, activated->listen, activated->descriptor,
+                                options.webIdleTimeout)
+            : WebConsole::start(plugin, worker, *options.web, std::nullopt, options.webIdleTimeout);
     if (!console) {
         ::syslog(LOG_WARNING, "the web console is off: %s", console.message().c_str());
+        if (activated) {
+            close(activated->descriptor);
+        }
         return nullptr;
     }
     return std::move(*console);
@@ -184,8 +208,9 @@ void logCounts(const WorkerCounts& counts) {
              static_cast<unsigned long long>(counts.stopQueries));
 }
 
-int serve(const Options& options, const PluginModule& module, const HostLock& hostLock,
-          const std::string& pluginPath, ServiceManagerNotice& notice) {
+int serve(const Options& options, const std::optional<ActivatedSocket>& activated,
+          const PluginModule& module, const HostLock& hostLock, const std::string& pluginPath,
+          ServiceManagerNotice& notice) {
     if (support::Status blocked = blockStopSignals(); !blocked) {
         complain(blocked.message());
         return kExitUnavailable;
@@ -214,7 +239,7 @@ int serve(const Options& options, const PluginModule& module, const HostLock& ho
                 [&server, deadline = std::move(deadline)] { server->setStopDeadline(deadline); });
         });
     relayLogMessages(worker);
-    std::unique_ptr<WebConsole> web = startWebConsole(options, plugin, worker);
+    std::unique_ptr<WebConsole> web = startWebConsole(options, activated, plugin, worker);
     console = web.get();
     support::Result<std::unique_ptr<ControlServer>> created = ControlServer::create(
         plugin, pluginPath, worker, inbox, std::move(*listener),
@@ -275,6 +300,14 @@ int run(const Options& options) {
     // default signal handling back.
     signal(SIGPIPE, SIG_IGN);
     openlog("velnord", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
+    // Taken before any thread starts, and before the jobs at load, which must not inherit it.
+    support::Result<std::optional<ActivatedSocket>> activated = consoleSocketFromSystemd();
+    if (!activated) {
+        ::syslog(LOG_WARNING, "the web console is off: %s", activated.message().c_str());
+    } else if (*activated && !options.web) {
+        close((*activated)->descriptor);
+        activated->reset();
+    }
     std::string pluginPath = choosePluginPath(options.pluginPath, std::getenv("VELNOR_PLUGIN"),
                                               VELNOR_PLUGIN_FROM_PROGRAM);
     support::Result<std::unique_ptr<PluginModule>> module = PluginModule::open(pluginPath);
@@ -304,7 +337,8 @@ int run(const Options& options) {
         return *status;
     }
     ServiceManagerNotice notice;
-    return serve(options, **module, *hostLock, pluginPath, notice);
+    return serve(options, activated ? *activated : std::nullopt, **module, *hostLock, pluginPath,
+                 notice);
 }
 
 }  // namespace

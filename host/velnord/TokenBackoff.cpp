@@ -19,11 +19,12 @@ std::optional<std::chrono::seconds> TokenBackoff::heardWrong(const TokenSender& 
                                             return one.second.lastHeard < other.second.lastHeard;
                                         }));
     }
+    if (std::optional<std::chrono::seconds> wait = refusedFor(sender, now)) {
+        senders_[sender].lastHeard = now;
+        return wait;
+    }
     Record& record = senders_[sender];
     record.lastHeard = now;
-    if (now < record.refusedUntil) {
-        return std::chrono::ceil<std::chrono::seconds>(record.refusedUntil - now);
-    }
     ++record.wrongTokens;
     if (record.wrongTokens > kFreeWrongTokens) {
         unsigned doublings = std::min(record.wrongTokens - kFreeWrongTokens - 1, 6U);
@@ -31,6 +32,15 @@ std::optional<std::chrono::seconds> TokenBackoff::heardWrong(const TokenSender& 
             now + std::min(kLongestRefusal, std::chrono::seconds(1U << doublings));
     }
     return std::nullopt;
+}
+
+std::optional<std::chrono::seconds> TokenBackoff::refusedFor(const TokenSender& sender,
+                                                             Clock::time_point now) const {
+    auto found = senders_.find(sender);
+    if (found == senders_.end() || now >= found->second.refusedUntil) {
+        return std::nullopt;
+    }
+    return std::chrono::ceil<std::chrono::seconds>(found->second.refusedUntil - now);
 }
 
 void TokenBackoff::forget(const TokenSender& sender) {

@@ -1,7 +1,9 @@
-// How the console slows whoever sends it wrong tokens, and no one else. A sender is known by the
-// account that holds its end of the connection, when that end is on this machine, and by the
-// address it came from; each sender's wrong tokens count only against itself, so no account can
-// keep another out by sending wrong tokens of its own.
+// How the console slows whoever sends it wrong tokens or wrong passwords, and no one else. A
+// sender is known by the account that holds its end of the connection, when that end is on this
+// machine, and by the address it came from; a password also by the account it was typed for.
+// Each sender's wrong guesses count only against itself, so no account can keep another out by
+// guessing wrong itself: not with wrong tokens, and not with wrong passwords for the other's
+// account typed from elsewhere.
 #pragma once
 
 #include <sys/types.h>
@@ -20,6 +22,8 @@ struct TokenSender {
     std::optional<uid_t> account;
     // The address the connection came from.
     std::string source;
+    // The account a password was typed for; empty for the access token.
+    std::string login;
 
     auto operator<=>(const TokenSender&) const = default;
 };
@@ -39,6 +43,10 @@ class TokenBackoff {
     // table, never more.
     std::optional<std::chrono::seconds> heardWrong(const TokenSender& sender,
                                                    Clock::time_point now);
+
+    // While the sender is refused, how long it must still wait; nothing counts.
+    std::optional<std::chrono::seconds> refusedFor(const TokenSender& sender,
+                                                   Clock::time_point now) const;
 
     // The sender gave the right token: its count starts again.
     void forget(const TokenSender& sender);

@@ -1,6 +1,7 @@
 #include "WebAccess.h"
 
 #include <sys/random.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +13,10 @@
 namespace velnor::host {
 namespace {
 
+// However busy, a session ends after a day's work: a stolen cookie is not good for ever.
 constexpr std::chrono::hours kSessionLife{12};
+// How long a sender waits whose earlier password for the same account is still being weighed.
+constexpr std::chrono::seconds kLoginInFlightWait{1};
 constexpr std::size_t kMostSessions = 32;
 
 }  // namespace
@@ -50,19 +54,30 @@ bool sameSecret(const std::string& one, const std::string& other) {
     return difference == 0;
 }
 
-support::Status publishAccess(const std::string& token, const std::string& address) {
+support::Status publishAccess(const std::string& token, const std::string& address,
+                              const std::string& fingerprint) {
     support::Result<support::UniqueFd> folder =
         support::openRootOnlyFolder(support::folderOf(kWebTokenPath), "web console folder");
     if (!folder) {
         return folder.failure();
     }
+    const support::Attributes readable{0644, 0, 0, "root:root"};
     if (auto written = support::replaceFile(kWebTokenPath, token + "\n",
                                             support::Attributes{0600, 0, 0, "root:root"});
         !written) {
         return written;
     }
-    return support::replaceFile(kWebAddressPath, address + "\n",
-                                support::Attributes{0644, 0, 0, "root:root"});
+    if (fingerprint.empty()) {
+        const std::string name = support::lastNameOf(kWebFingerprintPath);
+        if (unlinkat(folder->get(), name.c_str(), 0) != 0 && errno != ENOENT) {
+            return support::couldNot("remove", kWebFingerprintPath, errno);
+        }
+    } else if (auto written =
+                   support::replaceFile(kWebFingerprintPath, fingerprint + "\n", readable);
+               !written) {
+        return written;
+    }
+    return support::replaceFile(kWebAddressPath, address + "\n", readable);
 }
 
 bool hostIsOurs(const std::string& hostHeader, const std::string& listenAddress) {
@@ -90,20 +105,49 @@ WebAccess::Exchange WebAccess::exchange(const std::string& presented, const Toke
         return {std::nullopt, backoff_.heardWrong(sender, now)};
     }
     backoff_.forget(sender);
+    return {open(0, "root", now), std::nullopt};
+}
+
+std::optional<std::chrono::seconds> WebAccess::beginLogin(const TokenSender& sender,
+                                                          Clock::time_point now) {
+    std::lock_guard lock(mutex_);
+    if (std::optional<std::chrono::seconds> wait = backoff_.refusedFor(sender, now)) {
+        return wait;
+    }
+    if (!loginsInFlight_.insert(sender).second) {
+        return kLoginInFlightWait;
+    }
+    return std::nullopt;
+}
+
+WebAccess::Exchange WebAccess::finishLogin(const TokenSender& sender,
+                                           std::optional<uid_t> rightPasswordOf,
+                                           Clock::time_point now) {
+    std::lock_guard lock(mutex_);
+    loginsInFlight_.erase(sender);
+    if (!rightPasswordOf) {
+        backoff_.heardWrong(sender, now);
+        return {std::nullopt, backoff_.refusedFor(sender, now)};
+    }
+    backoff_.forget(sender);
+    return {open(*rightPasswordOf, sender.login, now), std::nullopt};
+}
+
+std::optional<std::string> WebAccess::open(uid_t uid, std::string account, Clock::time_point now) {
     forgetExpired(now);
     if (sessions_.size() >= kMostSessions) {
         sessions_.erase(std::min_element(sessions_.begin(), sessions_.end(),
                                          [](const auto& one, const auto& other) {
-                                             return one.second.expires < other.second.expires;
+                                             return one.second.lastUsed < other.second.lastUsed;
                                          }));
     }
     support::Result<std::string> id = randomHex(32);
     support::Result<std::string> csrf = randomHex(32);
     if (!id || !csrf) {
-        return {};
+        return std::nullopt;
     }
-    sessions_[*id] = Session{*csrf, now + kSessionLife};
-    return {*id, std::nullopt};
+    sessions_[*id] = Session{*csrf, uid, std::move(account), now, now + kSessionLife};
+    return *id;
 }
 
 std::optional<Session> WebAccess::session(const std::string& id, Clock::time_point now) {
@@ -113,11 +157,25 @@ std::optional<Session> WebAccess::session(const std::string& id, Clock::time_poi
     if (found == sessions_.end()) {
         return std::nullopt;
     }
+    found->second.lastUsed = now;
     return found->second;
 }
 
+bool WebAccess::stillOpen(const std::string& id, Clock::time_point now) {
+    std::lock_guard lock(mutex_);
+    forgetExpired(now);
+    return sessions_.contains(id);
+}
+
+void WebAccess::end(const std::string& id) {
+    std::lock_guard lock(mutex_);
+    sessions_.erase(id);
+}
+
 void WebAccess::forgetExpired(Clock::time_point now) {
-    std::erase_if(sessions_, [now](const auto& entry) { return entry.second.expires <= now; });
+    std::erase_if(sessions_, [this, now](const auto& entry) {
+        return entry.second.expires <= now || entry.second.lastUsed + idleTimeout_ <= now;
+    });
 }
 
 }  // namespace velnor::host

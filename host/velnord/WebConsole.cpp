@@ -9,8 +9,11 @@
 #include <cerrno>
 
 #include "CommandLine.h"
+#include "ConsoleCertificate.h"
+#include "ConsoleRights.h"
 #include "ExitStatus.h"
 #include "Output.h"
+#include "PasswordCheck.h"
 #include "PeerAccount.h"
 #include "PluginLoader.h"
 #include "ServiceFacts.h"
@@ -28,6 +31,8 @@ constexpr std::size_t kServingThreads = 12;
 constexpr int kMostStreams = 6;
 constexpr std::size_t kMostBody = 64 * 1024;
 constexpr auto kStreamPause = std::chrono::seconds(10);
+// Longer account names are no one's; the limit keeps the table of wrong guesses small.
+constexpr std::size_t kLongestAccountName = 256;
 
 constexpr const char* kSecurityPolicy =
     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; "
@@ -108,6 +113,40 @@ PlistValue verdictsValue(const std::vector<SettingVerdict>& verdicts) {
     return list;
 }
 
+// The login page, saying why the last attempt did not get in (nothing on a first visit).
+void answerLoginPage(Response& response, int status, const std::string& message) {
+    std::string page(findWebAsset("/login.html")->body);
+    const std::string mark = "{{message}}";
+    page.replace(page.find(mark), mark.size(), message);
+    response.status = status;
+    response.set_content(page, "text/html; charset=utf-8");
+}
+
+void answerRetryAfter(Response& response, std::chrono::seconds wait) {
+    response.set_header("Retry-After", std::to_string(wait.count()));
+}
+
+// Refuses, 403, a change that caller may not make; true when it may.
+bool allowed(const Caller& caller, bool may, std::string_view change, Response& response) {
+    if (may) {
+        return true;
+    }
+    ::syslog(LOG_NOTICE, "the web console refused %s at %s: may not %s", caller.account.c_str(),
+             caller.remoteAddress.c_str(), std::string(change).c_str());
+    answerText(response, 403, "refused: " + caller.account + " may not " + std::string(change));
+    return false;
+}
+
+// A login form posted from another site's page would log the browser in to an account of that
+// site's choosing: when the browser names the page's origin, it must be this console's.
+bool fromOurOrigin(const Request& request, bool tls) {
+    if (!request.has_header("Origin")) {
+        return true;
+    }
+    return request.get_header_value("Origin") ==
+           std::string(tls ? "https://" : "http://") + request.get_header_value("Host");
+}
+
 // The settings that a form carries as repeated name and value fields, the empty names left out.
 support::Result<std::vector<std::pair<std::string, std::string>>> formSettings(
     const Request& request) {
@@ -133,7 +172,8 @@ support::Result<std::vector<std::pair<std::string, std::string>>> formSettings(
 TokenSender senderOf(const Request& request) {
     return TokenSender{peerAccount(Endpoint{request.remote_addr, request.remote_port},
                                    Endpoint{request.local_addr, request.local_port}),
-                       request.remote_addr};
+                       request.remote_addr,
+                       {}};
 }
 
 // The console's port is its own: a second daemon, or any other program, that asks for it while
@@ -144,27 +184,79 @@ void listenAlone(socket_t listener) {
     setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
 }
 
+// The library keeps its listening socket in a protected member, which a derived class may name:
+// a socket that systemd handed over is put there instead of one the library binds.
+struct ListenerAccess : httplib::Server {
+    static void adopt(httplib::Server& server, socket_t listener) {
+        server.*(&ListenerAccess::svr_sock_) = listener;
+    }
+};
+
+// The server for the address: TLS with the console's certificate beyond this machine, plain HTTP
+// on a loopback address. fingerprint receives the certificate's, or nothing.
+support::Result<std::unique_ptr<httplib::Server>> serverFor(const WebListen& listen,
+                                                            std::string& fingerprint) {
+    fingerprint.clear();
+    if (isLoopback(listen)) {
+        return std::make_unique<httplib::Server>();
+    }
+    support::Result<ConsoleCertificate> identity = consoleCertificate(listen.address);
+    if (!identity) {
+        return identity.failure();
+    }
+    auto server =
+        std::make_unique<httplib::SSLServer>(identity->certificate.get(), identity->key.get());
+    if (!server->is_valid() ||
+        SSL_CTX_set_min_proto_version(server->ssl_context(), TLS1_2_VERSION) != 1) {
+        return support::couldNot("serve", "TLS", "OpenSSL refused the console's certificate");
+    }
+    fingerprint = identity->fingerprint;
+    return std::unique_ptr<httplib::Server>(std::move(server));
+}
+
+// Binds the address, unless systemd handed over the socket already listening there.
+support::Status bindOrAdopt(httplib::Server& server, const WebListen& listen,
+                            std::optional<int> activated) {
+    if (activated) {
+        ListenerAccess::adopt(server, *activated);
+        return {};
+    }
+    const std::string shown = listen.address + ":" + std::to_string(listen.port);
+    errno = 0;
+    if (!server.bind_to_port(listen.address, listen.port)) {
+        // The library closes the socket that it could not bind and leaves that bind's errno; a
+        // name that it could not resolve leaves none.
+        const int error = errno;
+        return error != 0 ? support::couldNot("listen on", shown, error)
+                          : support::couldNot("listen on", shown, "the address cannot be bound");
+    }
+    return {};
+}
+
 }  // namespace
 
 support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescriptor& plugin,
                                                                Worker& worker,
-                                                               const WebListen& listen) {
+                                                               const WebListen& listen,
+                                                               std::optional<int> activated,
+                                                               std::chrono::seconds idleTimeout) {
     support::Result<std::string> token = randomHex(32);
     if (!token) {
         return token.failure();
     }
-    std::unique_ptr<WebConsole> console(new WebConsole(plugin, worker, listen, *token));
-    const std::string shown = listen.address + ":" + std::to_string(listen.port);
-    errno = 0;
-    if (!console->server_->bind_to_port(listen.address, listen.port)) {
-        // The library closes the socket that it could not bind and leaves that bind's errno; a
-        // name that it could not resolve leaves none.
-        const int error = errno;
-        console->stop();
-        return error != 0 ? support::couldNot("listen on", shown, error)
-                          : support::couldNot("listen on", shown, "the address cannot be bound");
+    std::string fingerprint;
+    support::Result<std::unique_ptr<httplib::Server>> server = serverFor(listen, fingerprint);
+    if (!server) {
+        return server.failure();
     }
-    if (support::Status published = publishAccess(*token, shown); !published) {
+    std::unique_ptr<WebConsole> console(new WebConsole(plugin, worker, listen, *token, idleTimeout,
+                                                       std::move(*server), !fingerprint.empty()));
+    if (support::Status bound = bindOrAdopt(*console->server_, listen, activated); !bound) {
+        console->stop();
+        return bound.failure();
+    }
+    const std::string shown = listen.address + ":" + std::to_string(listen.port);
+    if (support::Status published = publishAccess(*token, shown, fingerprint); !published) {
         console->stop();
         return published.failure();
     }
@@ -188,13 +280,15 @@ support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescr
 }
 
 WebConsole::WebConsole(const PluginDescriptor& plugin, Worker& worker, WebListen listen,
-                       std::string token)
+                       std::string token, std::chrono::seconds idleTimeout,
+                       std::unique_ptr<httplib::Server> server, bool tls)
     : plugin_(plugin),
       worker_(worker),
       listen_(std::move(listen)),
-      access_(std::move(token)),
+      tls_(tls),
+      access_(std::move(token), idleTimeout),
       monitor_(plugin, worker, events_),
-      server_(std::make_unique<httplib::Server>()) {
+      server_(std::move(server)) {
     route();
 }
 
@@ -221,7 +315,9 @@ void WebConsole::route() {
     server.set_default_headers({{"Content-Security-Policy", kSecurityPolicy},
                                 {"X-Content-Type-Options", "nosniff"},
                                 {"X-Frame-Options", "DENY"},
-                                {"Referrer-Policy", "no-referrer"},
+                                // Same-origin, not none: a browser names the page's origin on
+                                // the login form's POST only when the policy lets it.
+                                {"Referrer-Policy", "same-origin"},
                                 {"Cache-Control", "no-store"}});
     // What went wrong stays in the daemon's log; the page learns only that it did.
     server.set_exception_handler(
@@ -243,6 +339,12 @@ void WebConsole::route() {
     });
     server.Get(
         "/", [this](const Request& request, Response& response) { servePage(request, response); });
+    server.Get("/login",
+               [](const Request&, Response& response) { answerLoginPage(response, 200, ""); });
+    server.Post("/login",
+                [this](const Request& request, Response& response) { logIn(request, response); });
+    server.Post("/api/logout",
+                [this](const Request& request, Response& response) { logOut(request, response); });
     server.Get("/console.js|/console.css", [](const Request& request, Response& response) {
         const WebAsset* asset = findWebAsset(request.path);
         response.set_content(std::string(asset->body), std::string(asset->type));
@@ -264,8 +366,8 @@ void WebConsole::route() {
     });
 }
 
-// Who may go on to the routes: the right Host, then a session (or the token that makes one),
-// then, for every change, the session's CSRF token.
+// Who may go on to the routes: the right Host, then a session (or the way to one: the login
+// page and its style, a login, the token), then, for every change, the session's CSRF token.
 bool WebConsole::admitted(const Request& request, Response& response) {
     if (!hostIsOurs(request.get_header_value("Host"), listen_.address)) {
         answerText(response, 421, "refused: the Host header does not name this console");
@@ -276,26 +378,19 @@ bool WebConsole::admitted(const Request& request, Response& response) {
         return false;
     }
     if (request.path == "/" && request.has_param("token")) {
-        WebAccess::Exchange exchange =
-            access_.exchange(request.get_param_value("token"), senderOf(request));
-        if (exchange.session) {
-            response.set_header("Set-Cookie", std::string(kSessionCookie) + "=" +
-                                                  *exchange.session +
-                                                  "; Path=/; HttpOnly; SameSite=Strict");
-            response.set_redirect("/", 303);
-        } else if (exchange.retryAfter) {
-            response.set_header("Retry-After", std::to_string(exchange.retryAfter->count()));
-            answerText(response, 429, "refused: too many wrong tokens; try again later");
-        } else {
-            answerText(response, 403, "refused: wrong token");
-        }
+        exchangeToken(request, response);
         return false;
     }
-    std::optional<Session> session =
-        access_.session(cookieNamed(request.get_header_value("Cookie"), kSessionCookie));
+    if (request.path == "/login" || (request.method == "GET" && request.path == "/console.css")) {
+        return true;
+    }
+    std::optional<Session> session = sessionOf(request);
     if (!session) {
-        answerText(response, 401,
-                   "no session: open the address that `velnor web-url` prints, as root");
+        if (request.method == "GET" && request.path == "/") {
+            response.set_redirect("/login", 303);
+        } else {
+            answerText(response, 401, "no session: log in first");
+        }
         return false;
     }
     if (request.method == "POST" &&
@@ -306,13 +401,111 @@ bool WebConsole::admitted(const Request& request, Response& response) {
     return true;
 }
 
+std::optional<Session> WebConsole::sessionOf(const Request& request) {
+    return access_.session(cookieNamed(request.get_header_value("Cookie"), kSessionCookie));
+}
+
+Caller WebConsole::callerOf(const Request& request) {
+    std::optional<Session> session = sessionOf(request);
+    Caller caller{0,
+                  {},
+                  0,
+                  Channel::Console,
+                  request.remote_addr + ":" + std::to_string(request.remote_port)};
+    if (session) {
+        caller.uid = session->uid;
+        caller.account = session->account;
+    }
+    return caller;
+}
+
+std::string WebConsole::sessionCookie(const std::string& id) const {
+    return std::string(kSessionCookie) + "=" + id + "; Path=/; HttpOnly; SameSite=Strict" +
+           (tls_ ? "; Secure" : "");
+}
+
+// Root's way in without a password: the token that only root can read.
+void WebConsole::exchangeToken(const Request& request, Response& response) {
+    WebAccess::Exchange exchange =
+        access_.exchange(request.get_param_value("token"), senderOf(request));
+    if (exchange.session) {
+        response.set_header("Set-Cookie", sessionCookie(*exchange.session));
+        response.set_redirect("/", 303);
+    } else if (exchange.retryAfter) {
+        answerRetryAfter(response, *exchange.retryAfter);
+        answerText(response, 429, "refused: too many wrong tokens; try again later");
+    } else {
+        answerText(response, 403, "refused: wrong token");
+    }
+}
+
+// The password is weighed with nothing held that another login needs: the stack may take
+// seconds over a wrong one, and other accounts log in meanwhile.
+void WebConsole::logIn(const Request& request, Response& response) {
+    if (!fromOurOrigin(request, tls_)) {
+        answerLoginPage(response, 403, "Refused: the form was sent from another site's page.");
+        return;
+    }
+    TokenSender sender = senderOf(request);
+    sender.login = request.get_param_value("account");
+    // No account's name holds a control character, and one would forge lines in the log.
+    const bool printable = std::none_of(sender.login.begin(), sender.login.end(), [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+    });
+    if (sender.login.empty() || sender.login.size() > kLongestAccountName || !printable ||
+        request.get_param_value("password").empty()) {
+        answerLoginPage(response, 400, "Type your account's name and its password.");
+        return;
+    }
+    if (std::optional<std::chrono::seconds> wait = access_.beginLogin(sender)) {
+        answerRetryAfter(response, *wait);
+        answerLoginPage(
+            response, 429,
+            "Too many wrong passwords: try again in " + std::to_string(wait->count()) + " s.");
+        return;
+    }
+    support::Result<uid_t> checked =
+        checkPassword(sender.login, request.get_param_value("password"), request.remote_addr);
+    WebAccess::Exchange exchange =
+        access_.finishLogin(sender, checked ? std::optional<uid_t>(*checked) : std::nullopt);
+    if (!exchange.session) {
+        ::syslog(LOG_NOTICE, "the web console refused a login from %s: %s",
+                 request.remote_addr.c_str(),
+                 checked ? "no session could be made" : checked.message().c_str());
+        if (exchange.retryAfter) {
+            answerRetryAfter(response, *exchange.retryAfter);
+        }
+        // The same words whatever was wrong: the page tells no one which accounts exist.
+        answerLoginPage(response, 403, "Wrong account or password.");
+        return;
+    }
+    ::syslog(LOG_NOTICE, "%s logged in to the web console from %s", sender.login.c_str(),
+             request.remote_addr.c_str());
+    response.set_header("Set-Cookie", sessionCookie(*exchange.session));
+    response.set_redirect("/", 303);
+}
+
+void WebConsole::logOut(const Request& request, Response& response) {
+    access_.end(cookieNamed(request.get_header_value("Cookie"), kSessionCookie));
+    response.set_header("Set-Cookie", std::string(kSessionCookie) +
+                                          "=; Path=/; Max-Age=0; HttpOnly; SameSite=Strict" +
+                                          (tls_ ? "; Secure" : ""));
+    answerJson(
+        response, 200,
+        PlistDictionary{{"ok", PlistValue::boolean(true)}, {"words", PlistValue("logged out")}});
+}
+
 void WebConsole::servePage(const Request& request, Response& response) {
-    std::optional<Session> session =
-        access_.session(cookieNamed(request.get_header_value("Cookie"), kSessionCookie));
+    std::optional<Session> session = sessionOf(request);
     std::string page(findWebAsset("/index.html")->body);
-    const std::string mark = "{{csrf}}";
-    if (std::size_t at = page.find(mark); at != std::string::npos && session) {
-        page.replace(at, mark.size(), session->csrf);
+    if (session) {
+        for (const auto& [mark, value] :
+             {std::pair<std::string, std::string>{"{{csrf}}", session->csrf},
+              {"{{account}}", session->account}}) {
+            if (std::size_t at = page.find(mark); at != std::string::npos) {
+                page.replace(at, mark.size(), value);
+            }
+        }
     }
     response.set_content(page, "text/html; charset=utf-8");
 }
@@ -327,19 +520,21 @@ void WebConsole::serveEvents(const Request& request, Response& response) {
     // stream would sit in the compressor instead of reaching the page: this one goes as it is.
     const_cast<Request&>(request).headers.erase("Accept-Encoding");
     auto cursor = std::make_shared<std::uint64_t>(events_.latest());
+    const std::string id = cookieNamed(request.get_header_value("Cookie"), kSessionCookie);
     auto first = std::make_shared<std::string>(eventText("state", monitor_.snapshot()));
     monitor_.watch(true);
     response.set_header("X-Accel-Buffering", "no");
     response.set_chunked_content_provider(
         "text/event-stream",
-        [this, cursor, first](std::size_t, httplib::DataSink& sink) {
+        [this, cursor, first, id](std::size_t, httplib::DataSink& sink) {
             std::string text;
             if (!first->empty()) {
                 text.swap(*first);
             } else {
                 text = events_.waitAfter(cursor.get(), kStreamPause);
             }
-            if (events_.closed()) {
+            // An open page is no use of its session: the feed ends with the session.
+            if (events_.closed() || !access_.stillOpen(id)) {
                 sink.done();
                 return true;
             }
@@ -354,7 +549,7 @@ void WebConsole::serveEvents(const Request& request, Response& response) {
         });
 }
 
-bool WebConsole::answerCall(const char* operation, OperationArgument argument,
+bool WebConsole::answerCall(const Caller& caller, const char* operation, OperationArgument argument,
                             PlistDictionary extra, Response& response) {
     const HostOperation* found = findOperation(plugin_, operation);
     if (found == nullptr) {
@@ -372,6 +567,8 @@ bool WebConsole::answerCall(const char* operation, OperationArgument argument,
         return false;
     }
     PlistDictionary answer = outcomeValue(operation, *outcome);
+    ::syslog(LOG_NOTICE, "%s ran %s from the web console at %s: %s", caller.account.c_str(),
+             operation, caller.remoteAddress.c_str(), answer.find("words")->asString()->c_str());
     for (const auto& [key, value] : extra) {
         answer.set(key, value);
     }
@@ -381,11 +578,15 @@ bool WebConsole::answerCall(const char* operation, OperationArgument argument,
 }
 
 void WebConsole::runService(const Request& request, Response& response) {
+    const Caller caller = callerOf(request);
+    if (!allowed(caller, rightsOf(caller).operate, "operate the service", response)) {
+        return;
+    }
     const std::string action = request.get_param_value("action");
     // The same operations as the command line's verbs: a restart that finds the service stopped
     // starts it, and a failed stop ends the restart with the stop's answer.
     for (std::string_view operation : serviceVerbOperations(action)) {
-        if (!answerCall(std::string(operation).c_str(), PlistValue(), {}, response)) {
+        if (!answerCall(caller, std::string(operation).c_str(), PlistValue(), {}, response)) {
             return;
         }
     }
@@ -397,6 +598,10 @@ void WebConsole::runService(const Request& request, Response& response) {
 // Each setting is first put to the server program itself; a refused one is shown with the
 // server's own words and nothing is written.
 void WebConsole::runSettings(const Request& request, Response& response) {
+    const Caller caller = callerOf(request);
+    if (!allowed(caller, rightsOf(caller).configure, "change the settings", response)) {
+        return;
+    }
     auto settings = formSettings(request);
     if (!settings) {
         answerText(response, 400, settings.message());
@@ -426,12 +631,16 @@ void WebConsole::runSettings(const Request& request, Response& response) {
     for (const auto& [name, value] : *settings) {
         configuration.set(name, PlistValue(value));
     }
-    answerCall("writeSettingsWithRequest",
+    answerCall(caller, "writeSettingsWithRequest",
                PlistDictionary{{"configuration", PlistValue(std::move(configuration))}},
                PlistDictionary{{"verdicts", verdictsValue(*verdicts)}}, response);
 }
 
 void WebConsole::runSetup(const Request& request, Response& response) {
+    const Caller caller = callerOf(request);
+    if (!allowed(caller, rightsOf(caller).configure, "set the service up", response)) {
+        return;
+    }
     PlistDictionary setup;
     if (request.get_param_value("upgrade") == "true") {
         setup.set("upgrade", PlistValue::boolean(true));
@@ -442,7 +651,7 @@ void WebConsole::runSetup(const Request& request, Response& response) {
         answerText(response, 400, "set-up needs an absolute data folder, or the upgrade");
         return;
     }
-    answerCall("initialSetupWithRequest", std::move(setup), {}, response);
+    answerCall(caller, "initialSetupWithRequest", std::move(setup), {}, response);
 }
 
 }  // namespace velnor::host

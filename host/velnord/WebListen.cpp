@@ -1,9 +1,24 @@
 #include "WebListen.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <cerrno>
 #include <charconv>
 
 namespace velnor::host {
+
+bool isLoopback(const WebListen& listen) {
+    in_addr four{};
+    if (inet_pton(AF_INET, listen.address.c_str(), &four) == 1) {
+        return (ntohl(four.s_addr) >> 24) == 127;
+    }
+    in6_addr six{};
+    if (inet_pton(AF_INET6, listen.address.c_str(), &six) == 1) {
+        return IN6_IS_ADDR_LOOPBACK(&six) || (IN6_IS_ADDR_V4MAPPED(&six) && six.s6_addr[12] == 127);
+    }
+    return listen.address == "localhost";
+}
 
 support::Result<WebListen> parseWebListen(std::string_view text) {
     std::size_t colon = text.rfind(':');

@@ -13,6 +13,11 @@ struct WebListen {
     int port = 8471;
 };
 
+// Whether only this machine can reach the address: 127.0.0.0/8, ::1 (or 127.x mapped into
+// IPv6) and localhost. Anything else is reached over a network, and the console speaks only TLS
+// there.
+bool isLoopback(const WebListen& listen);
+
 // "ADDR:PORT" ("[ADDR]:PORT" for IPv6); fails, saying why, on anything else.
 support::Result<WebListen> parseWebListen(std::string_view text);
 

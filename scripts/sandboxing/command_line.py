@@ -68,13 +68,14 @@ def make_parser():
         help="also bind DIR in at the same path, read-write (repeatable)")
     add("--systemd", action="store_true",
         help="boot systemd as the sandbox's first process and run COMMAND once it says\n"
-        "it is running (not with --daemon); it is shut down when COMMAND ends")
+        "it is running; it is shut down when COMMAND ends")
     add("--daemon", action="store_true",
         help=f"start $VELNORD (default {layout.PROJECT}/build/sbin/velnord) --foreground before\n"
         "COMMAND, with --idle-interval $VELNORD_IDLE_INTERVAL when set, its web\n"
         "console on $VELNORD_WEB_LISTEN (ADDR:PORT) when set and none otherwise,\n"
         "its log to the sandbox's file $VELNORD_LOG when set and to standard error\n"
-        "otherwise, and run COMMAND once its control socket answers")
+        "otherwise, and run COMMAND once its control socket answers; with --systemd,\n"
+        "as velnord.service, the unit as built beside it with that command line")
     add("-h", "--help", action="help", help="show this help")
     return parser
 
@@ -103,8 +104,6 @@ def parse(arguments):
         parser.error(f"unknown option {unknown[0]}")
     if not command:
         parser.error("no command given")
-    if parsed.daemon and parsed.systemd:
-        parser.error("--daemon and --systemd cannot be combined")
     parsed.binds = parsed.binds or []
     parsed.command = command
     return parsed

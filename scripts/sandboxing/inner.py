@@ -8,7 +8,7 @@ import signal
 import subprocess
 import time
 
-from . import layout, service
+from . import layout, libc, service
 from .options import Options
 from .processes import could_not, exit_status, fail, say
 from .root import build_root, is_socket
@@ -19,9 +19,10 @@ DAEMON_POLL_SECONDS = 0.01
 
 # Units that have nothing to do in the sandbox or would reach out of it: terminals, devices,
 # kernel modules (which would load into the machine's kernel), the kernel's own file systems, the
-# clock, the machine's own PostgreSQL and its periodic jobs.
+# clock, the machine's own PostgreSQL, its SSH server (which would listen on the machine's
+# network) and its periodic jobs.
 UNITS_MASKED_UNDER_SYSTEMD = (
-    "getty.target", "console-getty.service", "postgresql.service",
+    "getty.target", "console-getty.service", "postgresql.service", "ssh.service", "ssh.socket",
     "systemd-udevd.service", "systemd-udevd-control.socket", "systemd-udevd-kernel.socket",
     "systemd-udev-trigger.service", "systemd-timesyncd.service", "e2scrub_reap.service",
     "apt-daily.timer", "apt-daily-upgrade.timer", "systemd-modules-load.service",
@@ -47,9 +48,8 @@ def enter_root(root, folder):
     return enter
 
 
-def start_daemon(root, environment):
-    """Starts velnord beside the command and waits until its control socket is in place: it is
-    renamed there once it listens."""
+def daemon_command():
+    """Returns velnord's command line as --daemon asks for it, from the sandbox's variables."""
     velnord = os.environ.get("VELNORD") or f"{layout.PROJECT}/build/sbin/velnord"
     arguments = [velnord, "--foreground"]
     if os.environ.get("VELNORD_IDLE_INTERVAL"):
@@ -59,6 +59,14 @@ def start_daemon(root, environment):
         arguments += ["--web-listen", os.environ["VELNORD_WEB_LISTEN"]]
     else:
         arguments += ["--no-web"]
+    return arguments
+
+
+def start_daemon(root, environment):
+    """Starts velnord beside the command and waits until its control socket is in place: it is
+    renamed there once it listens."""
+    arguments = daemon_command()
+    velnord = arguments[0]
     # Its own log lines go to the sandbox's standard error, where a test's failure shows them,
     # or to a file of the sandbox's: a client shows each message that a call logs already.
     log = os.environ.get("VELNORD_LOG")
@@ -122,11 +130,18 @@ def boot_systemd(root):
         except FileNotFoundError:
             pass
         os.symlink("/dev/null", f"{units}/{unit}")
+    # The sandbox's root becomes its namespace's root, not a chroot inside the machine's: a unit
+    # that systemd gives a mount namespace of its own (ProtectSystem=, PrivateDevices=) would
+    # otherwise read every other process's /proc/PID/exe with the machine's path to the sandbox
+    # in front, and never know the server's program.
+    os.chdir(root)
+    error = libc.pivot_root_here()
+    if error:
+        fail(could_not("make the sandbox's root its own", root, OSError(error, os.strerror(error))))
+    os.chdir("/")
     null = os.open("/dev/null", os.O_RDWR)
     for standard in (0, 1, 2):
         os.dup2(null, standard)
-    os.chroot(root)
-    os.chdir("/")
     for number in IGNORED_BY_PYTHON:
         signal.signal(number, signal.SIG_DFL)
     os.execve(layout.SYSTEMD_BINARY, [layout.SYSTEMD_BINARY], {"container": "velnor-sandbox"})

@@ -8,6 +8,7 @@ import subprocess
 import time
 
 from . import layout
+from .inner import daemon_command
 from .processes import (Child, Outcome, Stop, child_of, command_name, could_not, fail, open_child,
                         refuse, say, send, wait_quietly)
 
@@ -146,10 +147,42 @@ def ignore_interrupts():
     signal.signal(signal.SIGQUIT, signal.SIG_IGN)
 
 
+def start_daemon_unit(sandbox, pid):
+    """With --daemon: velnord as systemd runs it on a machine, under velnord.service as built
+    beside it (confined as it ships), with a drop-in that gives it the sandbox's command line
+    and variables; returns once it serves."""
+    arguments = daemon_command()
+    unit = os.path.normpath(os.path.join(os.path.dirname(arguments[0]), "..", "lib", "systemd",
+                                         "system", "velnord.service"))
+    units = f"/proc/{pid}/root/etc/systemd/system"
+    settings = ["[Service]", "ExecStart=", "ExecStart=" + " ".join(arguments)]
+    settings += [f"Environment={name}={os.environ[name]}" for name in ("VELNOR_PLUGIN",
+                 "VELNOR_LOCK_FILE") if os.environ.get(name)]
+    if os.environ.get("VELNORD_LOG"):
+        settings.append(f"StandardError=append:{os.environ['VELNORD_LOG']}")
+    try:
+        shutil.copyfile(unit, f"{units}/velnord.service")
+        os.makedirs(f"{units}/velnord.service.d", exist_ok=True)
+        with open(f"{units}/velnord.service.d/sandbox.conf", "w") as drop_in:
+            drop_in.write("\n".join(settings) + "\n")
+    except OSError as error:
+        systemd_failed(sandbox, could_not("install velnord.service from", unit, error))
+    in_sandbox(pid, ["systemctl", "daemon-reload"])
+    # A notify unit: the start returns once velnord says it serves.
+    started = subprocess.run(["nsenter", "--target", str(pid), *JOIN, "--", "systemctl", "start",
+                              "velnord.service"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                             text=True)
+    if started.returncode != 0:
+        journal = in_sandbox(pid, ["journalctl", "--no-pager", "--unit", "velnord.service"])
+        systemd_failed(sandbox, f"velnord.service did not start: {started.stdout}{journal}")
+
+
 def run_command(sandbox):
     """Runs the command in the booted sandbox, in the caller's folder when the sandbox has it, with
     the environment of the caller less its libpq settings; returns its status."""
     pid = await_systemd(sandbox)
+    if sandbox.options.daemon:
+        start_daemon_unit(sandbox, pid)
     folder = layout.logical_folder()
     if not os.path.isdir(f"/proc/{pid}/root{folder}"):
         folder = "/"

@@ -425,7 +425,8 @@ class ScenarioCase(unittest.TestCase):
         """systemctl status of the job's unit shows the server and its children, all _postgres's."""
         status = subprocess.run(["systemctl", "status", "--no-pager", "--lines=0", JOB_UNIT],
                                 capture_output=True, text=True).stdout
-        shown = {int(word) for word in re.findall(r"[├└]─(\d+) ", status)}
+        # systemctl pads a pid to the width of the widest in the tree: "├─ 98" beside "└─100".
+        shown = {int(word) for word in re.findall(r"[├└]─ *(\d+) ", status)}
         children = {int(child) for child in subprocess.run(
             ["pgrep", "-P", str(pid)], capture_output=True, text=True).stdout.split()}
         self.assertEqual(shown, {pid, *children}, f"the unit's processes: {status}")

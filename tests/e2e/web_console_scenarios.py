@@ -1,23 +1,31 @@
 #!/usr/bin/python3
 """velnord's web console: a tour in headless Chromium through start, a settings change, a
 setting the server refuses, an idle client ended by a stop and the log's shutdown lines; who may
-reach the console at all; and that no account can lock root out of it or share its port.
+reach the console at all, logging in with an account's own password; and that no account can lock
+root or another account out of it or share its port.
 Screenshots of the tour go to BUILD/e2e-screenshots/web_console/."""
 
 import errno
 import http.client
 import os
 import pwd
+import hashlib
 import socket
+import ssl
 import subprocess
 import sys
 import tempfile
+import urllib.parse
 
 sys.dont_write_bytecode = True
 import harness  # noqa: E402
 from harness import RESTARTING, WAITING_TO_RESPOND, sandbox  # noqa: E402
 
 TOKEN_FILE = "/run/velnor/web-token"
+ADDRESS_FILE = "/run/velnor/web-address"
+MADE_KEY = "/var/lib/velnor/tls/console.key"
+ADMIN_CERTIFICATE = "/etc/velnor/tls/console.crt"
+ADMIN_KEY = "/etc/velnor/tls/console.key"
 CONTROL_SOCKET = "/run/velnor/velnord.sock"
 WRONG_TOKEN = "f" * 64
 
@@ -48,6 +56,67 @@ for _ in sys.stdin:
 """
 
 
+# The account that types wrong passwords for another's account, as the stranger above sends wrong
+# tokens: until refused for at least the seconds asked, then one more login per line it reads.
+GUESSER = r"""
+import http.client, sys, time, urllib.parse
+port, account, seconds, wait = int(sys.argv[1]), sys.argv[2], int(sys.argv[3]), float(sys.argv[4])
+
+def wrong():
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
+    connection.request("POST", "/login", body=urllib.parse.urlencode(
+        {"account": account, "password": "guessed"}),
+        headers={"Content-Type": "application/x-www-form-urlencoded"})
+    answer = connection.getresponse()
+    answer.read()
+    connection.close()
+    return answer.status, int(answer.getheader("Retry-After") or 0)
+
+deadline = time.monotonic() + wait
+status, retry = wrong()
+while retry < seconds and time.monotonic() < deadline:
+    status, retry = wrong()
+print("refused" if retry >= seconds else "never refused", status, retry, flush=True)
+for _ in sys.stdin:
+    print(wrong()[0], flush=True)
+"""
+PAM_SERVICE = os.path.join(harness.PROJECT, "host", "velnord", "velnor.pam")
+FORM = {"Content-Type": "application/x-www-form-urlencoded"}
+
+
+def make_account(name, password):
+    """An account of the sandbox with a password, and the console's PAM service in place, as the
+    package installs it."""
+    subprocess.run(["useradd", "--no-create-home", "--shell", "/usr/sbin/nologin", name], check=True)
+    subprocess.run(["chpasswd"], input=f"{name}:{password}\n", text=True, check=True)
+    with open(PAM_SERVICE) as packaged, open("/etc/pam.d/velnor", "w") as installed:
+        installed.write(packaged.read())
+
+
+def network_address():
+    """An address of this machine's that is not loopback: the sandbox shares its network."""
+    shown = subprocess.run(["ip", "-4", "-o", "address", "show", "scope", "global"],
+                           capture_output=True, text=True).stdout.split()
+    if "inet" not in shown:
+        harness.skip("this machine has no address beyond loopback")
+    return shown[shown.index("inet") + 1].split("/")[0]
+
+
+def browser(window="1280,2000"):
+    """Headless Chromium, which takes the console's own certificate: the scenario checks that
+    certificate by its fingerprint itself."""
+    from selenium import webdriver
+    from selenium.webdriver.chrome.service import Service
+
+    options = webdriver.ChromeOptions()
+    options.binary_location = "/usr/bin/chromium"
+    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage",
+                     f"--window-size={window}", "--user-data-dir=/tmp/chromium",
+                     "--ignore-certificate-errors"):
+        options.add_argument(argument)
+    return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+
+
 def free_port():
     """A loopback port that nothing listens on now: the sandbox shares the machine's network."""
     with socket.socket() as probe:
@@ -64,27 +133,67 @@ def reuse_port_listener():
 
 
 class WebConsole(harness.ScenarioCase):
-    def start_daemon(self, port, log=None):
-        """velnord with its console on port and a tick every second, logging to log if given."""
+    def start_daemon(self, port, log=None, address="127.0.0.1", extra=()):
+        """velnord with its console on address:port, a tick every second and the extra
+        arguments, logging to log if given."""
         self.port = port
         velnord = harness.velnord_beside(self.host.velnor)
         daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", "1",
-                                   "--web-listen", f"127.0.0.1:{port}",
+                                   "--web-listen", f"{address}:{port}", *extra,
                                    *(["--foreground"] if log else [])], stderr=log)
         self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
         return daemon
 
-    def start_console(self, port=None):
-        """velnord with its console on a port of its own (or port) and a tick every second; its
-        token."""
+    def start_console(self, port=None, extra=()):
+        """velnord with its console on a port of its own (or port), a tick every second and the
+        extra arguments; its token."""
         if os.path.exists(TOKEN_FILE):
             os.unlink(TOKEN_FILE)
-        daemon = self.start_daemon(port or free_port())
+        daemon = self.start_daemon(port or free_port(), extra=extra)
         harness.wait_until(lambda: os.path.exists(TOKEN_FILE), "velnord wrote its token")
         url = subprocess.run([self.host.velnor, "web-url"], capture_output=True, text=True, check=True)
         prefix = f"http://127.0.0.1:{self.port}/?token="
         self.assertTrue(url.stdout.startswith(prefix), f"velnor web-url: {url.stdout!r}")
         return url.stdout.strip()[len(prefix):], daemon
+
+    def start_tls_console(self):
+        """velnord with its console on this machine's network address; what velnor web-url
+        printed: its address and the certificate's fingerprint."""
+        self.address = network_address()
+        for stale in (TOKEN_FILE, ADDRESS_FILE):
+            if os.path.exists(stale):
+                os.unlink(stale)
+        velnord = harness.velnord_beside(self.host.velnor)
+        self.port = free_port()
+        daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", "1",
+                                   "--web-listen", f"{self.address}:{self.port}"])
+        self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
+        harness.wait_until(lambda: os.path.exists(ADDRESS_FILE), "velnord wrote its address")
+        printed = subprocess.run([self.host.velnor, "web-url"], capture_output=True, text=True,
+                                 check=True).stdout.splitlines()
+        self.assertEqual(len(printed), 2, f"velnor web-url: {printed}")
+        self.assertTrue(printed[0].startswith(f"https://{self.address}:{self.port}/?token="), printed)
+        self.assertTrue(printed[1].startswith("certificate SHA-256 fingerprint: "), printed)
+        return printed[0], printed[1].split(": ")[1], daemon
+
+    def tls_request(self, method, path, headers=(), body=None):
+        """A request over TLS that takes any certificate: the scenario checks it by its
+        fingerprint."""
+        context = ssl.create_default_context()
+        context.check_hostname = False
+        context.verify_mode = ssl.CERT_NONE
+        connection = http.client.HTTPSConnection(self.address, self.port, timeout=30,
+                                                 context=context)
+        connection.request(method, path, body=body, headers=dict(headers))
+        response = connection.getresponse()
+        response.read()
+        connection.close()
+        return response
+
+    def log_in(self, account, password, headers=()):
+        """POST /login with the account and password; the answer."""
+        return self.request("POST", "/login", {**FORM, **dict(headers)},
+                            urllib.parse.urlencode({"account": account, "password": password}))
 
     def request(self, method, path, headers=(), body=None):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
@@ -106,7 +215,8 @@ class WebConsole(harness.ScenarioCase):
         change = {**session, "Content-Type": "application/x-www-form-urlencoded"}
         rows = [  # what, method, path, headers, expected status
             ("the page with the session", "GET", "/", session, 200),
-            ("the page without a session", "GET", "/", {}, 401),
+            ("the page without a session", "GET", "/", {}, 303),
+            ("the script without a session", "GET", "/console.js", {}, 401),
             ("an action without a session", "POST", "/api/service", {}, 401),
             ("an action without the CSRF token", "POST", "/api/service", change, 403),
             ("an action with a wrong CSRF token", "POST", "/api/service",
@@ -150,6 +260,211 @@ class WebConsole(harness.ScenarioCase):
         self.assertEqual(stranger.stdout.readline().strip(), "429",
                          "nobody's next wrong token, on a new connection, is still refused")
 
+    # With its folders in place, no idle tick starts the server.
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_an_account_logs_in_with_its_password_and_out(self):
+        make_account("alice", "alices secret")
+        self.start_console()
+        rows = [  # what, account, password, expected status
+            ("a wrong password", "alice", "wrong", 403),
+            ("an account that does not exist", "nosuchaccount", "alices secret", 403),
+            ("an account that has no password", "nobody", "", 400),
+            ("a name that would forge a line in the log", "alice\nvelnord: root logged in", "x", 400),
+            ("a login posted from another site's page", "alice", "alices secret", 403),
+        ]
+        for what, account, password, status in rows:
+            with self.subTest(what):
+                origin = {"Origin": "http://rebound.example"} if "another site" in what else {}
+                answer = self.log_in(account, password, origin)
+                self.assertEqual(answer.status, status, what)
+                self.assertIsNone(answer.getheader("Set-Cookie"), what)
+        answer = self.log_in("alice", "alices secret", {"Origin": f"http://127.0.0.1:{self.port}"})
+        self.assertEqual((answer.status, answer.getheader("Location")), (303, "/"), "alice logs in")
+        cookie = answer.getheader("Set-Cookie")
+        self.assertRegex(cookie, r"^velnor_session=[0-9a-f]{64}; Path=/; HttpOnly; SameSite=Strict$",
+                         "no Secure flag over plain HTTP, where the browser would drop the cookie")
+        session = {"Cookie": cookie.split(";")[0]}
+        page = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
+        page.request("GET", "/", headers=session)
+        body = page.getresponse().read().decode()
+        page.close()
+        self.assertIn('<span id="account" class="account">alice</span>', body, "the page names her")
+        csrf = body.split('name="csrf" content="')[1].split('"')[0]
+        change = {**session, **FORM, "X-CSRF-Token": csrf}
+        refused = self.request("POST", "/api/service", change, "action=start")
+        self.assertEqual(refused.status, 403, "alice may read, not operate")
+        self.assertIsNone(harness.postmaster(), "her refused start started nothing")
+        self.assertEqual(self.request("GET", "/api/snapshot", session).status, 200, "she reads")
+        self.assertEqual(self.request("POST", "/api/logout", change).status, 200, "she logs out")
+        self.assertEqual(self.request("GET", "/api/snapshot", session).status, 401,
+                         "the session ended with the logout")
+
+    @sandbox()
+    def test_wrong_passwords_for_one_account_never_keep_another_out(self):
+        make_account("alice", "alices secret")
+        self.start_console()
+        nobody = pwd.getpwnam("nobody").pw_uid
+        guesser = subprocess.Popen(
+            harness.as_user(nobody, [harness.PYTHON, "-c", GUESSER, str(self.port), "alice", "1",
+                                     str(harness.WAIT_SECONDS * 2)]),
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(lambda: guesser.poll() is None and (guesser.kill(), guesser.wait()))
+        said = guesser.stdout.readline().split()
+        self.assertEqual(said[0], "refused", f"nobody's wrong passwords for alice are slowed: {said}")
+        self.assertEqual(self.log_in("alice", "alices secret").status, 303,
+                         "alice's right password gets in while nobody is refused for her account")
+        guesser.stdin.write("\n")
+        guesser.stdin.flush()
+        self.assertEqual(guesser.stdout.readline().strip(), "429",
+                         "nobody's next guess for alice, on a new connection, is still refused")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_console_beyond_loopback_speaks_only_tls(self):
+        from selenium.webdriver.common.by import By
+        from selenium.webdriver.support.ui import WebDriverWait
+
+        make_account("alice", "alices secret")
+        url, fingerprint, daemon = self.start_tls_console()
+        self.assertEqual(harness.attributes(MADE_KEY), harness.regular_file(0o600, "root"),
+                         "the key velnord made is root's alone")
+        served = ssl.PEM_cert_to_DER_cert(
+            ssl.get_server_certificate((self.address, self.port)))
+        digest = hashlib.sha256(served).hexdigest().upper()
+        self.assertEqual(fingerprint.replace(":", ""), digest, "the fingerprint of the served one")
+        with self.assertRaises((http.client.HTTPException, ConnectionError),
+                               msg="plain HTTP on a network address"):
+            self.request("GET", "/login", {"Host": f"{self.address}:{self.port}"})
+        answer = self.tls_request("GET", url[url.index("/?token="):])
+        self.assertEqual(answer.status, 303, "root's token over TLS")
+        self.assertRegex(answer.getheader("Set-Cookie"),
+                         r"^velnor_session=[0-9a-f]{64}; Path=/; HttpOnly; SameSite=Strict; Secure$")
+
+        shots = os.path.join(os.path.dirname(self.host.velnor), "e2e-screenshots", "web_console")
+        os.makedirs(shots, exist_ok=True)
+        chromium = browser("420,1600")
+        self.addCleanup(chromium.quit)
+        wait = WebDriverWait(chromium, harness.WAIT_SECONDS)
+        chromium.get(f"https://{self.address}:{self.port}/")
+        wait.until(lambda _: chromium.current_url.endswith("/login"), "the login page first")
+        chromium.set_window_size(420, 520)
+        chromium.save_screenshot(os.path.join(shots, "10-login.png"))
+        chromium.set_window_size(420, 1600)
+        chromium.find_element(By.ID, "account").send_keys("alice")
+        chromium.find_element(By.ID, "password").send_keys("alices secret")
+        chromium.find_element(By.ID, "log-in").click()
+        wait.until(lambda _: chromium.find_element(By.ID, "feed").text == "live", "the page is live")
+        self.assertEqual(chromium.find_element(By.ID, "account").text, "alice")
+        chromium.save_screenshot(os.path.join(shots, "11-logged-in-over-tls.png"))
+        cookie = chromium.get_cookie("velnor_session")
+        self.assertEqual((cookie["httpOnly"], cookie["secure"], cookie["sameSite"]),
+                         (True, True, "Strict"), "the browser holds the cookie as it was given")
+        chromium.find_element(By.ID, "log-out").click()
+        wait.until(lambda _: chromium.current_url.endswith("/login"), "logged out, the login page")
+        chromium.get(f"https://{self.address}:{self.port}/")
+        wait.until(lambda _: chromium.current_url.endswith("/login"), "the session is over")
+
+        daemon.terminate()
+        self.assertEqual(daemon.wait(timeout=30), 0, "velnord stops")
+        _, again, _ = self.start_tls_console()
+        self.assertEqual(again, fingerprint, "a restarted velnord keeps the certificate it made")
+
+    @sandbox("--systemd")
+    def test_console_socket_comes_from_systemd(self):
+        port = free_port()
+        velnord = harness.velnord_beside(self.host.velnor)
+        built = os.path.join(os.path.dirname(velnord), "..", "lib", "systemd", "system")
+        units = "/etc/systemd/system"
+        drop_ins = {"velnord.service": f"[Service]\nExecStart=\nExecStart={velnord} --plugin "
+                                       f"{self.host.plugin}\n",
+                    "velnord.socket": f"[Socket]\nListenStream=\nListenStream=127.0.0.1:{port}\n"}
+        for unit, drop_in in drop_ins.items():
+            with open(os.path.join(built, unit)) as shipped, open(f"{units}/{unit}", "w") as installed:
+                installed.write(shipped.read())
+            os.makedirs(f"{units}/{unit}.d", exist_ok=True)
+            with open(f"{units}/{unit}.d/port.conf", "w") as written:
+                written.write(drop_in)
+        subprocess.run(["systemctl", "daemon-reload"], check=True)
+        subprocess.run(["systemctl", "start", "velnord.socket"], check=True)
+        self.assertEqual(subprocess.run(["systemctl", "is-active", "velnord.service"],
+                                        capture_output=True, text=True).stdout.strip(), "inactive",
+                         "velnord does not run yet")
+        with socket.create_connection(("127.0.0.1", port), timeout=30) as early:
+            # Made before velnord runs: the port is systemd's, and this connection starts it.
+            early.sendall(f"GET /login HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\n"
+                          "Connection: close\r\n\r\n".encode())
+            answer = b""
+            while chunk := early.recv(65536):
+                answer += chunk
+        self.assertTrue(answer.startswith(b"HTTP/1.1 200 OK"), answer[:200])
+        self.assertIn(b'<form method="post" action="/login">', answer, "velnord answered it")
+        harness.wait_until(lambda: os.path.exists(ADDRESS_FILE), "velnord wrote its address")
+        url = subprocess.run([self.host.velnor, "web-url"], capture_output=True, text=True,
+                             check=True).stdout
+        self.assertTrue(url.startswith(f"http://127.0.0.1:{port}/?token="),
+                        f"velnord serves where the socket unit listens: {url!r}")
+        self.port = port
+        token = url.strip().split("token=")[1]
+        self.assertEqual(self.request("GET", f"/?token={token}").status, 303, "and its token works")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_a_session_left_unused_ends(self):
+        token, _ = self.start_console(extra=("--web-idle-timeout", "2"))
+        session = {"Cookie": self.request("GET", f"/?token={token}").getheader("Set-Cookie")
+                   .split(";")[0]}
+        # The open feed is no use of the session: it ends when the session does, at the first
+        # event (each idle tick's) after it.
+        feed = http.client.HTTPConnection("127.0.0.1", self.port, timeout=harness.WAIT_SECONDS)
+        feed.request("GET", "/api/events", headers=session)
+        answer = feed.getresponse()
+        self.assertEqual(answer.status, 200, "the feed opens")
+        while answer.read1(65536):
+            pass
+        feed.close()
+        self.assertEqual(self.request("GET", "/api/snapshot", session).status, 401,
+                         "the session ended, unused for the idle timeout")
+
+    @sandbox()
+    def test_the_administrators_certificate_is_used_only_when_roots_alone(self):
+        address = network_address()
+        os.makedirs(os.path.dirname(ADMIN_KEY))
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                        "ec_paramgen_curve:P-256", "-nodes", "-days", "30", "-subj",
+                        f"/CN={address}", "-keyout", ADMIN_KEY, "-out", ADMIN_CERTIFICATE],
+                       check=True, capture_output=True)
+        digest = subprocess.run(["openssl", "x509", "-noout", "-fingerprint", "-sha256", "-in",
+                                 ADMIN_CERTIFICATE], capture_output=True, text=True,
+                                check=True).stdout.strip().split("=")[1]
+        nobody = pwd.getpwnam("nobody").pw_uid
+        rows = [  # what, owner of the key, its mode, what velnord says
+            ("root's alone", 0, 0o600, None),
+            ("readable by others", 0, 0o644, "it is not a file of root's alone"),
+            ("nobody's", nobody, 0o600, f'"{ADMIN_KEY}" is owned by an account other than root'),
+        ]
+        for what, owner, mode, refusal in rows:
+            with self.subTest(what), tempfile.TemporaryFile("w+") as log:
+                os.chown(ADMIN_KEY, owner, 0)
+                os.chmod(ADMIN_KEY, mode)
+                for stale in (TOKEN_FILE, ADDRESS_FILE):
+                    if os.path.exists(stale):
+                        os.unlink(stale)
+                daemon = self.start_daemon(free_port(), log, address)
+                if refusal is None:
+                    harness.wait_until(lambda: os.path.exists(ADDRESS_FILE), "velnord serves TLS")
+                    printed = subprocess.run([self.host.velnor, "web-url"], capture_output=True,
+                                             text=True, check=True).stdout
+                    self.assertIn(f"certificate SHA-256 fingerprint: {digest}\n", printed, what)
+                else:
+                    expected = f'the web console is off: could not trust "{ADMIN_KEY}": {refusal}'
+
+                    def logged():
+                        log.seek(0)
+                        return expected in log.read()
+
+                    harness.wait_until(logged, f"velnord logged {expected!r}")
+                    self.assertFalse(os.path.exists(MADE_KEY), "and made no certificate instead")
+                daemon.terminate()
+                self.assertEqual(daemon.wait(timeout=30), 0, "velnord stops")
+
     @sandbox()
     def test_no_other_listener_shares_the_console_port(self):
         _, daemon = self.start_console()
@@ -158,7 +473,7 @@ class WebConsole(harness.ScenarioCase):
                 second.bind(("127.0.0.1", self.port))
             self.assertEqual(bound.exception.errno, errno.EADDRINUSE)
         # The server ends this connection, leaving its side waiting out the close on the port.
-        self.assertEqual(self.request("GET", "/", {"Connection": "close"}).status, 401)
+        self.assertEqual(self.request("GET", "/", {"Connection": "close"}).status, 303)
         daemon.terminate()
         self.assertEqual(daemon.wait(timeout=30), 0, "velnord stops")
         token, _ = self.start_console(self.port)

@@ -9,10 +9,10 @@ using std::chrono::milliseconds;
 
 const std::string kToken(64, 'a');
 const std::string kWrong(64, 'f');
-const TokenSender kRoot{0, "127.0.0.1"};
-const TokenSender kNobody{65534, "127.0.0.1"};
-const TokenSender kUnknownLocal{std::nullopt, "127.0.0.1"};
-const TokenSender kRemote{std::nullopt, "198.51.100.7"};
+const TokenSender kRoot{0, "127.0.0.1", ""};
+const TokenSender kNobody{65534, "127.0.0.1", ""};
+const TokenSender kUnknownLocal{std::nullopt, "127.0.0.1", ""};
+const TokenSender kRemote{std::nullopt, "198.51.100.7", ""};
 
 // What the exchange answered: "session", "wrong" or "wait N".
 std::string answer(const WebAccess::Exchange& exchange) {
@@ -85,13 +85,131 @@ TEST(WebAccess, TheSenderHeardFromLongestAgoMakesRoomForANewOne) {
     attempts.push_back({"nobody refused for a second", kNobody, false, milliseconds(0), "wait 1"});
     for (std::size_t index = 1; index < kMostTokenSenders; ++index) {
         attempts.push_back({"a crowd that fills the table",
-                            TokenSender{std::nullopt, "192.0.2." + std::to_string(index)}, false,
-                            milliseconds(100), "wrong"});
+                            TokenSender{std::nullopt, "192.0.2." + std::to_string(index), ""},
+                            false, milliseconds(100), "wrong"});
     }
     attempts.push_back({"one sender more", kRemote, false, milliseconds(200), "wrong"});
     attempts.push_back({"nobody, forgotten, counts from the start again", kNobody, false,
                         milliseconds(300), "wrong"});
     play(access, attempts);
+}
+
+// A password typed for login from sender, right or not; "session ACCOUNT", "wrong", "wrong, wait
+// N" or, refused before it is weighed, "wait N".
+std::string logIn(WebAccess& access, const TokenSender& sender, bool right,
+                  WebAccess::Clock::time_point now) {
+    if (std::optional<std::chrono::seconds> wait = access.beginLogin(sender, now)) {
+        return "wait " + std::to_string(wait->count());
+    }
+    WebAccess::Exchange exchange =
+        access.finishLogin(sender, right ? std::optional<uid_t>(1000) : std::nullopt, now);
+    if (exchange.session) {
+        return "session " + access.session(*exchange.session, now)->account;
+    }
+    return exchange.retryAfter ? "wrong, wait " + std::to_string(exchange.retryAfter->count())
+                               : "wrong";
+}
+
+TEST(WebAccess, WrongPasswordsSlowOnlyTheirSenderForTheAccountTyped) {
+    const TokenSender strangerForAlice{std::nullopt, "198.51.100.7", "alice"};
+    const TokenSender strangerForBob{std::nullopt, "198.51.100.7", "bob"};
+    const TokenSender aliceAtHerDesk{std::nullopt, "203.0.113.5", "alice"};
+    const TokenSender nobodyLocalForAlice{65534, "127.0.0.1", "alice"};
+    const TokenSender aliceLocal{1000, "127.0.0.1", "alice"};
+    struct Row {
+        const char* what;
+        TokenSender sender;
+        bool right;
+        milliseconds at;
+        const char* expected;
+    };
+    const Row rows[] = {
+        {"the stranger's first wrong password for alice", strangerForAlice, false, milliseconds(0),
+         "wrong"},
+        {"its second", strangerForAlice, false, milliseconds(0), "wrong"},
+        {"its third", strangerForAlice, false, milliseconds(0), "wrong"},
+        {"its fourth starts a refusal", strangerForAlice, false, milliseconds(0), "wrong, wait 1"},
+        {"its fifth is not weighed", strangerForAlice, false, milliseconds(10), "wait 1"},
+        {"nor is its right one, from where it guessed", strangerForAlice, true, milliseconds(20),
+         "wait 1"},
+        {"alice from her desk meanwhile", aliceAtHerDesk, true, milliseconds(30), "session alice"},
+        {"the stranger, for another account", strangerForBob, false, milliseconds(40), "wrong"},
+        {"nobody here, for alice", nobodyLocalForAlice, false, milliseconds(50), "wrong"},
+        {"alice here, beside nobody", aliceLocal, true, milliseconds(60), "session alice"},
+        {"the stranger once its refusal ends", strangerForAlice, false, milliseconds(1000),
+         "wrong, wait 2"},
+        {"and its right password after that", strangerForAlice, true, milliseconds(3000),
+         "session alice"},
+        {"which starts its count again", strangerForAlice, false, milliseconds(3000), "wrong"},
+    };
+    WebAccess access(kToken);
+    const WebAccess::Clock::time_point start{};
+    for (const Row& row : rows) {
+        EXPECT_EQ(logIn(access, row.sender, row.right, start + row.at), row.expected) << row.what;
+    }
+}
+
+TEST(WebAccess, OneSendersLoginsForAnAccountAreWeighedOneAtATime) {
+    const TokenSender guesser{std::nullopt, "198.51.100.7", "alice"};
+    const TokenSender elsewhere{std::nullopt, "203.0.113.5", "alice"};
+    WebAccess access(kToken);
+    const WebAccess::Clock::time_point now{};
+    ASSERT_EQ(access.beginLogin(guesser, now), std::nullopt);
+    EXPECT_EQ(access.beginLogin(guesser, now), std::chrono::seconds(1))
+        << "a second guess while the first is weighed";
+    EXPECT_EQ(access.beginLogin(elsewhere, now), std::nullopt) << "alice from elsewhere";
+    access.finishLogin(guesser, std::nullopt, now);
+    EXPECT_EQ(access.beginLogin(guesser, now), std::nullopt) << "once the first is weighed";
+}
+
+TEST(WebAccess, SessionsEndWhenUnusedWhenOldAndOnLogout) {
+    using std::chrono::hours;
+    using std::chrono::minutes;
+    const auto start = WebAccess::Clock::time_point{};
+    struct Row {
+        const char* what;
+        std::vector<minutes> usedAt;  // after the login, in order
+        minutes askedAt;
+        bool logout;
+        bool open;
+    };
+    const Row rows[] = {
+        {"asked at once", {}, minutes(0), false, true},
+        {"a minute before the idle timeout", {}, minutes(14), false, true},
+        {"at the idle timeout", {}, minutes(15), false, false},
+        {"used within each timeout", {minutes(10), minutes(20)}, minutes(34), false, true},
+        {"unused for the timeout after its last use", {minutes(10)}, minutes(25), false, false},
+        {"used all day long, at the end of its life",
+         [] {
+             std::vector<minutes> uses;
+             for (minutes at(10); at < hours(12); at += minutes(10)) {
+                 uses.push_back(at);
+             }
+             return uses;
+         }(),
+         hours(12), false, false},
+        {"after logout", {}, minutes(1), true, false},
+    };
+    for (const Row& row : rows) {
+        WebAccess access(kToken, minutes(15));
+        const std::string id = *access.exchange(kToken, kRoot, start).session;
+        for (minutes at : row.usedAt) {
+            access.session(id, start + at);
+        }
+        if (row.logout) {
+            access.end(id);
+        }
+        EXPECT_EQ(access.stillOpen(id, start + row.askedAt), row.open) << row.what;
+        EXPECT_EQ(access.session(id, start + row.askedAt).has_value(), row.open) << row.what;
+    }
+}
+
+TEST(WebAccess, AnOpenFeedIsNoUseOfItsSession) {
+    WebAccess access(kToken, std::chrono::minutes(15));
+    const auto start = WebAccess::Clock::time_point{};
+    const std::string id = *access.exchange(kToken, kRoot, start).session;
+    EXPECT_TRUE(access.stillOpen(id, start + std::chrono::minutes(14)));
+    EXPECT_FALSE(access.stillOpen(id, start + std::chrono::minutes(15)));
 }
 
 }  // namespace

@@ -7,6 +7,29 @@
 namespace velnor::host {
 namespace {
 
+TEST(WebListen, OnlyLoopbackAddressesMaySpeakPlainHttp) {
+    const std::pair<const char*, bool> cases[] = {
+        {"127.0.0.1", true},
+        {"127.0.0.2", true},
+        {"127.255.255.254", true},
+        {"::1", true},
+        {"::ffff:127.0.0.1", true},
+        {"localhost", true},
+        {"128.0.0.1", false},
+        {"126.255.255.255", false},
+        {"192.0.2.2", false},
+        {"0.0.0.0", false},
+        {"::", false},
+        {"::ffff:192.0.2.2", false},
+        {"fe80::1%lo", false},
+        {"console.example", false},
+        {"localhost.example", false},
+    };
+    for (const auto& [address, loopback] : cases) {
+        EXPECT_EQ(isLoopback(WebListen{address, 8471}), loopback) << address;
+    }
+}
+
 TEST(WebListen, TakesAnAddressAndAPortFromOneToTheLast) {
     // What --web-listen was given, and the address and port it means ("<refused>" when none).
     const std::pair<const char*, const char*> cases[] = {

@@ -261,11 +261,25 @@ async function runSetup(fields) {
   }
 }
 
+// Back to the login page once the session has ended (logged out, or left unused too long).
+async function loginIfSessionEnded() {
+  const answer = await fetch('/api/snapshot');
+  if (answer.status === 401) window.location.assign('/login');
+}
+
+async function logOut() {
+  await post('/api/logout', {});
+  window.location.assign('/login');
+}
+
 function listen() {
   const feed = new EventSource('/api/events');
   const status = byId('feed');
   feed.onopen = () => { status.textContent = 'live'; };
-  feed.onerror = () => { status.textContent = 'reconnecting'; };
+  feed.onerror = () => {
+    status.textContent = 'reconnecting';
+    loginIfSessionEnded();
+  };
   feed.addEventListener('state', (event) => drawPicture(JSON.parse(event.data)));
   feed.addEventListener('tail', (event) => appendLog(JSON.parse(event.data).lines));
   feed.addEventListener('call', () => byId('messages').replaceChildren());
@@ -284,4 +298,5 @@ byId('check-settings').addEventListener('click', () => sendSettings('check'));
 byId('save-settings').addEventListener('click', () => sendSettings('save'));
 byId('setup-new').addEventListener('click', () => runSetup({ dataLocation: byId('data-location').value.trim() }));
 byId('setup-upgrade').addEventListener('click', () => runSetup({ upgrade: 'true' }));
+byId('log-out').addEventListener('click', logOut);
 listen();
