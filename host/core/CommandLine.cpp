@@ -5,6 +5,7 @@
 #include <charconv>
 #include <limits>
 
+#include "AuditHistory.h"
 #include "SettingsCheck.h"
 
 namespace velnor::host {
@@ -36,8 +37,9 @@ constexpr std::string_view kFooter =
     "  PGHOST            the database server's socket folder; /var/pgsql_socket when unset\n"
     "  PGCONNECT_TIMEOUT seconds the liveness probe waits for the server; 5 when unset\n";
 
-constexpr std::string_view kVerbs[] = {"status",   "start", "stop",     "restart", "try-restart",
-                                       "settings", "setup", "log-path", "idle",    "web-url"};
+constexpr std::string_view kVerbs[] = {"status", "start",    "stop", "restart", "try-restart",
+                                       "settings", "setup", "log-path", "idle",    "web-url",
+                                       "history"};
 
 constexpr std::string_view kStart[] = {"startServiceWithVariant"};
 constexpr std::string_view kStop[] = {"stopServiceWithVariant"};
@@ -71,6 +73,7 @@ struct Typed {
     bool check = false;
     std::string dataLocation;
     bool upgrade = false;
+    std::string since;
 };
 
 // The host's options, which every verb takes too: a verb falls through to them.
@@ -121,6 +124,17 @@ void addVerbs(CLI::App& app, Typed& typed) {
     app.add_subcommand("log-path", "the path of the service's log file");
     app.add_subcommand("idle", "the periodic housekeeping, once");
     app.add_subcommand("web-url", "the web console's address, with its access token");
+    app.add_subcommand("history", "who changed the service, how and when: the audit trail")
+        ->add_option("--since", typed.since,
+                     "leave out what came before TIME: 2026-11-25, 2026-11-25T10:30[:15] (UTC), "
+                     "or 90s, 15m, 2h, 7d ago")
+        ->type_name("TIME")
+        ->check([](const std::string& value) {
+            return parseSince(value, std::chrono::system_clock::now())
+                       ? std::string()
+                       : "is a date and time (2026-11-25T10:30) or a span (2h), not \"" + value +
+                             "\"";
+        });
 }
 
 support::Result<Command> settingsCommand(Command command, const Typed& typed) {
@@ -154,6 +168,12 @@ support::Result<Command> verbCommand(Command command, const Typed& typed) {
     }
     command.human = true;
     if (verb == "web-url") {
+        return command;
+    }
+    if (verb == "history") {
+        if (!typed.since.empty()) {
+            command.since = typed.since;
+        }
         return command;
     }
     if (verb == "settings" && typed.check) {

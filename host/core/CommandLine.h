@@ -49,6 +49,8 @@ struct Command {
     // `settings --check`: the KEY=VALUE pairs to ask the server program about; nothing is
     // written and no operation runs.
     std::optional<std::vector<std::string>> settingsToCheck;
+    // `history --since TIME`: the records before TIME are left out.
+    std::optional<std::string> since;
 };
 
 // Parses the arguments that follow the program's name; the options of the host may stand

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "ChangeRecord.h"
 #include "CommandLine.h"
 #include "ExitStatus.h"
 #include "Output.h"
@@ -134,6 +135,21 @@ TokenSender senderOf(const Request& request) {
     return TokenSender{peerAccount(Endpoint{request.remote_addr, request.remote_port},
                                    Endpoint{request.local_addr, request.local_port}),
                        request.remote_addr};
+}
+
+// Who asks through the console: the token that opens a session is root's alone, so the account
+// is root's; the peer's address says from where.
+Caller consoleCaller(const Request& request) {
+    return Caller{0, "root", 0, Channel::Console,
+                  request.remote_addr + ":" + std::to_string(request.remote_port)};
+}
+
+// Appends the action's record, before the page is answered; a record the trail could not take
+// is logged by the trail, and root's action stands.
+void finishRecord(ChangeRecord& record, const std::optional<Outcome>& outcome) {
+    (void)record.finish(outcome ? support::Result<Outcome>(*outcome)
+                                : support::Result<Outcome>(support::Failure{
+                                      ECANCELED, "velnord is stopping; the call was not run"}));
 }
 
 // The console's port is its own: a second daemon, or any other program, that asks for it while
@@ -355,7 +371,8 @@ void WebConsole::serveEvents(const Request& request, Response& response) {
 }
 
 bool WebConsole::answerCall(const char* operation, OperationArgument argument,
-                            PlistDictionary extra, Response& response) {
+                            PlistDictionary extra, Response& response, ChangeRecord& record,
+                            bool ends) {
     const HostOperation* found = findOperation(plugin_, operation);
     if (found == nullptr) {
         answerText(response, 404, std::string("the plug-in has no operation ") + operation);
@@ -367,6 +384,11 @@ bool WebConsole::answerCall(const char* operation, OperationArgument argument,
             events_.publish("message", PlistDictionary{{"priority", PlistValue::integer(priority)},
                                                        {"message", PlistValue(text)}});
         });
+    const bool failed = !outcome || exitStatusFor(*outcome) != kExitNormal;
+    record.ran(operation);
+    if (failed || ends) {
+        finishRecord(record, outcome);
+    }
     if (!outcome) {
         answerText(response, 503, "velnord is stopping; the call was not run");
         return false;
@@ -377,15 +399,27 @@ bool WebConsole::answerCall(const char* operation, OperationArgument argument,
     }
     monitor_.refresh();
     answerJson(response, 200, answer);
-    return exitStatusFor(*outcome) == kExitNormal;
+    return !failed;
+}
+
+// The stored settings, read through the plug-in as the command line reads them before a write.
+PlistValue WebConsole::storedSettings() {
+    const HostOperation* read = findOperation(plugin_, "readSettingsWithRequest");
+    std::optional<Outcome> outcome =
+        read ? worker_.call(*read, PlistDictionary(), [](int, const std::string&) {})
+             : std::nullopt;
+    return outcome ? outcome->result : PlistValue();
 }
 
 void WebConsole::runService(const Request& request, Response& response) {
     const std::string action = request.get_param_value("action");
+    ChangeRecord record(consoleCaller(request), action, PlistValue());
     // The same operations as the command line's verbs: a restart that finds the service stopped
     // starts it, and a failed stop ends the restart with the stop's answer.
-    for (std::string_view operation : serviceVerbOperations(action)) {
-        if (!answerCall(std::string(operation).c_str(), PlistValue(), {}, response)) {
+    std::span<const std::string_view> operations = serviceVerbOperations(action);
+    for (std::size_t index = 0; index < operations.size(); ++index) {
+        if (!answerCall(std::string(operations[index]).c_str(), PlistValue(), {}, response, record,
+                        index + 1 == operations.size())) {
             return;
         }
     }
@@ -426,9 +460,11 @@ void WebConsole::runSettings(const Request& request, Response& response) {
     for (const auto& [name, value] : *settings) {
         configuration.set(name, PlistValue(value));
     }
-    answerCall("writeSettingsWithRequest",
-               PlistDictionary{{"configuration", PlistValue(std::move(configuration))}},
-               PlistDictionary{{"verdicts", verdictsValue(*verdicts)}}, response);
+    PlistDictionary write{{"configuration", PlistValue(std::move(configuration))}};
+    ChangeRecord record(consoleCaller(request), "settings", PlistValue(write));
+    record.setChanges(settingChanges(storedSettings(), write));
+    answerCall("writeSettingsWithRequest", std::move(write),
+               PlistDictionary{{"verdicts", verdictsValue(*verdicts)}}, response, record, true);
 }
 
 void WebConsole::runSetup(const Request& request, Response& response) {
@@ -442,7 +478,8 @@ void WebConsole::runSetup(const Request& request, Response& response) {
         answerText(response, 400, "set-up needs an absolute data folder, or the upgrade");
         return;
     }
-    answerCall("initialSetupWithRequest", std::move(setup), {}, response);
+    ChangeRecord record(consoleCaller(request), "setup", PlistValue(setup));
+    answerCall("initialSetupWithRequest", std::move(setup), {}, response, record, true);
 }
 
 }  // namespace velnor::host

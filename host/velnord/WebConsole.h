@@ -9,6 +9,7 @@
 #include <string_view>
 #include <thread>
 
+#include "ChangeRecord.h"
 #include "ConsoleMonitor.h"
 #include "PluginInterface.h"
 #include "Result.h"
@@ -49,8 +50,11 @@ class WebConsole {
     void runSettings(const httplib::Request& request, httplib::Response& response);
     void runSetup(const httplib::Request& request, httplib::Response& response);
     // Runs the operation and answers what came of it; true when it answered without an error.
+    // The operation is added to the action's record, which is appended once it fails or when it
+    // ends the action.
     bool answerCall(const char* operation, OperationArgument argument, PlistDictionary extra,
-                    httplib::Response& response);
+                    httplib::Response& response, ChangeRecord& record, bool ends);
+    PlistValue storedSettings();
 
     const PluginDescriptor& plugin_;
     Worker& worker_;
