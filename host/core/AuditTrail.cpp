@@ -90,8 +90,8 @@ std::string whatInWords(const PlistDictionary& record) {
     }
     const PlistValue* changes = record.find("changes");
     const char* separator = " ";
-    for (const PlistValue& change : changes && changes->asArray() ? *changes->asArray()
-                                                                     : PlistArray()) {
+    for (const PlistValue& change :
+         changes && changes->asArray() ? *changes->asArray() : PlistArray()) {
         const PlistDictionary* entry = change.asDictionary();
         if (entry == nullptr) {
             continue;
@@ -228,17 +228,25 @@ Status appendWhole(int file, const std::string& path, off_t size, std::string li
     return {};
 }
 
+// Where journald listens; the journal library drops a message silently when nothing does.
+constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
+
 // The system log's line for a record: structured fields in the journal where journald runs,
 // else the words at LOG_NOTICE in syslog.
 void tellSystemLog(const AuditRecord& record, const std::string& line, const std::string& words) {
-    const int sent = sd_journal_send(
-        "MESSAGE=audit: %s", words.c_str(), "PRIORITY=%d", LOG_NOTICE, "VELNOR_AUDIT_UID=%u",
-        static_cast<unsigned>(record.caller.uid), "VELNOR_AUDIT_ACCOUNT=%s",
-        record.caller.account.c_str(), "VELNOR_AUDIT_CHANNEL=%s",
-        std::string(channelName(record.caller.channel)).c_str(), "VELNOR_AUDIT_PID=%d",
-        static_cast<int>(record.caller.pid), "VELNOR_AUDIT_VERB=%s", record.verb.c_str(),
-        "VELNOR_AUDIT_OUTCOME=%s", std::string(outcomeName(record.outcome)).c_str(),
-        "VELNOR_AUDIT_RECORD=%s", line.c_str(), nullptr);
+    const bool journal = access(kJournalSocket, F_OK) == 0;
+    const int sent =
+        !journal
+            ? -ENOENT
+            : sd_journal_send(
+                  "MESSAGE=audit: %s", words.c_str(), "PRIORITY=%d", LOG_NOTICE,
+                  "VELNOR_AUDIT_UID=%u", static_cast<unsigned>(record.caller.uid),
+                  "VELNOR_AUDIT_ACCOUNT=%s", record.caller.account.c_str(),
+                  "VELNOR_AUDIT_CHANNEL=%s",
+                  std::string(channelName(record.caller.channel)).c_str(), "VELNOR_AUDIT_PID=%d",
+                  static_cast<int>(record.caller.pid), "VELNOR_AUDIT_VERB=%s", record.verb.c_str(),
+                  "VELNOR_AUDIT_OUTCOME=%s", std::string(outcomeName(record.outcome)).c_str(),
+                  "VELNOR_AUDIT_RECORD=%s", line.c_str(), nullptr);
     if (sent < 0) {
         ::syslog(LOG_NOTICE, "audit: %s", words.c_str());
     }
@@ -249,9 +257,8 @@ void tellSystemLog(const AuditRecord& record, const std::string& line, const std
 std::string auditTime(std::chrono::system_clock::time_point time) {
     using namespace std::chrono;
     const auto milliseconds = duration_cast<std::chrono::milliseconds>(time.time_since_epoch());
-    const std::time_t seconds = static_cast<std::time_t>(floor<std::chrono::seconds>(time)
-                                                             .time_since_epoch()
-                                                             .count());
+    const std::time_t seconds =
+        static_cast<std::time_t>(floor<std::chrono::seconds>(time).time_since_epoch().count());
     struct tm calendar {};
     char text[40];
     gmtime_r(&seconds, &calendar);
@@ -354,24 +361,12 @@ Status AuditTrail::append(const AuditRecord& record) const {
 }
 
 Result<std::vector<std::string>> AuditTrail::readFiles() const {
-    UniqueFd folder(open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!folder.valid()) {
-        if (errno == ENOENT) {
-            return std::vector<std::string>();
-        }
-        return errno == ELOOP ? couldNot("read the audit folder", folder_, "it is a symbolic link",
-                                         ELOOP)
-                              : couldNot("read the audit folder", folder_, errno);
-    }
-    struct stat status;
-    if (fstat(folder.get(), &status) != 0) {
-        return couldNot("inspect", folder_, errno);
-    }
-    if (std::string reason = support::untrustedFolderBecause(status); !reason.empty()) {
-        return couldNot("read the audit folder", folder_, reason, EPERM);
+    Result<UniqueFd> folder = support::openRootOnlyFolder(folder_, "audit folder", kFolderMode);
+    if (!folder) {
+        return folder.failure();
     }
     // No rotation between two files: a record is read once, neither twice nor never.
-    while (flock(folder.get(), LOCK_SH) != 0) {
+    while (flock(folder->get(), LOCK_SH) != 0) {
         if (errno != EINTR) {
             return couldNot("lock", folder_, errno);
         }
@@ -381,7 +376,7 @@ Result<std::vector<std::string>> AuditTrail::readFiles() const {
         const std::string name =
             std::string(kAuditFileName) + (number == 0 ? "" : "." + std::to_string(number));
         Result<std::optional<std::string>> text =
-            readTrailFile(folder.get(), name, support::joinedPath(folder_, name));
+            readTrailFile(folder->get(), name, support::joinedPath(folder_, name));
         if (!text) {
             return text.failure();
         }

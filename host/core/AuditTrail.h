@@ -104,8 +104,9 @@ class AuditTrail {
     support::Status append(const AuditRecord& record) const;
 
     // What the trail's files hold, oldest first: audit.jsonl.5 down to .1, then audit.jsonl. A
-    // missing file is skipped, and a missing folder is an empty trail. Fails when the folder or a
-    // file is not root's alone or is a link: what another account could write is no record.
+    // missing file is skipped (the folder is created when missing, as for a record). Fails when
+    // the folder or a file is not root's alone or is a link: what another account could write is
+    // no record.
     support::Result<std::vector<std::string>> readFiles() const;
 
   private:

@@ -68,7 +68,8 @@ PlistValue recordedArgument(const OperationArgument& argument) {
 std::vector<SettingChange> settingChanges(const PlistValue& readResponse,
                                           const PlistDictionary& writeRequest) {
     const PlistDictionary* stored = dictionaryAt(readResponse, "configuration");
-    const PlistDictionary* asked = dictionaryAt(PlistValue(writeRequest), "configuration");
+    const PlistValue* configuration = writeRequest.find("configuration");
+    const PlistDictionary* asked = configuration ? configuration->asDictionary() : nullptr;
     std::vector<SettingChange> changes;
     for (const auto& [key, value] : asked ? *asked : PlistDictionary()) {
         const PlistValue* before = stored != nullptr ? stored->find(key) : nullptr;
@@ -98,9 +99,10 @@ support::Status ChangeRecord::admit() const {
     }
     support::Status writable = trail_.checkWritable();
     if (!writable) {
-        return support::Failure{writable.error(), "the change cannot be recorded, so it was not "
-                                                  "made: " +
-                                                      writable.message()};
+        return support::Failure{writable.error(),
+                                "the change cannot be recorded, so it was not "
+                                "made: " +
+                                    writable.message()};
     }
     return {};
 }

@@ -37,9 +37,9 @@ constexpr std::string_view kFooter =
     "  PGHOST            the database server's socket folder; /var/pgsql_socket when unset\n"
     "  PGCONNECT_TIMEOUT seconds the liveness probe waits for the server; 5 when unset\n";
 
-constexpr std::string_view kVerbs[] = {"status", "start",    "stop", "restart", "try-restart",
-                                       "settings", "setup", "log-path", "idle",    "web-url",
-                                       "history"};
+constexpr std::string_view kVerbs[] = {"status",      "start",    "stop",   "restart",
+                                       "try-restart", "settings", "setup",  "log-path",
+                                       "idle",        "web-url",  "history"};
 
 constexpr std::string_view kStart[] = {"startServiceWithVariant"};
 constexpr std::string_view kStop[] = {"stopServiceWithVariant"};

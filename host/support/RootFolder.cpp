@@ -15,15 +15,16 @@ std::string untrustedFolderBecause(const struct stat& status) {
     return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "others may write to it" : "";
 }
 
-Result<UniqueFd> openRootOnlyFolder(const std::string& folder, std::string_view name,
-                                    mode_t mode) {
+Result<UniqueFd> openRootOnlyFolder(const std::string& folder, std::string_view name, mode_t mode) {
     const bool created = mkdir(folder.c_str(), mode) == 0;
     if (!created && errno != EEXIST) {
         return couldNot("create the " + std::string(name), folder, errno);
     }
     // A link in the folder's place would have root's files made wherever it points.
     UniqueFd descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!descriptor.valid() && errno == ELOOP) {
+    struct stat link;
+    if (!descriptor.valid() && (errno == ELOOP || errno == ENOTDIR) &&
+        lstat(folder.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
         return couldNot("open the " + std::string(name), folder, "it is a symbolic link", ELOOP);
     }
     struct stat status;

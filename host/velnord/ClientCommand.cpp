@@ -88,8 +88,8 @@ std::optional<int> runClientCommand(const ClientCommand& client, const PluginDes
         return *answered;
     }
     // The kernel vouches for the peer: its credentials when it connected.
-    const Caller caller{client.uid, support::accountNameOf(client.uid), client.pid,
-                        Channel::ControlSocket, {}};
+    const Caller caller{
+        client.uid, support::accountNameOf(client.uid), client.pid, Channel::ControlSocket, {}};
     return runOperation(*parsed, caller, plugin, worker);
 }
 
