@@ -160,6 +160,18 @@ Result<UniqueFd> openTrailFile(int folder, const std::string& path, struct stat*
     return file;
 }
 
+// The trail's folder, opened as root's alone and locked with operation (LOCK_EX to append,
+// LOCK_SH to read).
+Result<UniqueFd> lockedFolder(const std::string& path, int operation) {
+    Result<UniqueFd> folder = support::openRootOnlyFolder(path, "audit folder", kFolderMode);
+    while (folder && flock(folder->get(), operation) != 0) {
+        if (errno != EINTR) {
+            return couldNot("lock", path, errno);
+        }
+    }
+    return folder;
+}
+
 // What the file called name in the folder open at folder holds; nothing when there is none.
 Result<std::optional<std::string>> readTrailFile(int folder, const std::string& name,
                                                  const std::string& path) {
@@ -325,17 +337,12 @@ Status AuditTrail::checkWritable() const {
 }
 
 Status AuditTrail::append(const AuditRecord& record) const {
-    Result<UniqueFd> folder = support::openRootOnlyFolder(folder_, "audit folder", kFolderMode);
-    if (!folder) {
-        return folder.failure();
-    }
     // One appender at a time, in this process or another: the size checked for a rotation is
     // still the size when the line goes in, and a failed write is cut off without cutting
     // another's record.
-    while (flock(folder->get(), LOCK_EX) != 0) {
-        if (errno != EINTR) {
-            return couldNot("lock", folder_, errno);
-        }
+    Result<UniqueFd> folder = lockedFolder(folder_, LOCK_EX);
+    if (!folder) {
+        return folder.failure();
     }
     const std::string line = auditLine(record);
     struct stat status;
@@ -361,15 +368,10 @@ Status AuditTrail::append(const AuditRecord& record) const {
 }
 
 Result<std::vector<std::string>> AuditTrail::readFiles() const {
-    Result<UniqueFd> folder = support::openRootOnlyFolder(folder_, "audit folder", kFolderMode);
+    // No rotation between two files: a record is read once, neither twice nor never.
+    Result<UniqueFd> folder = lockedFolder(folder_, LOCK_SH);
     if (!folder) {
         return folder.failure();
-    }
-    // No rotation between two files: a record is read once, neither twice nor never.
-    while (flock(folder->get(), LOCK_SH) != 0) {
-        if (errno != EINTR) {
-            return couldNot("lock", folder_, errno);
-        }
     }
     std::vector<std::string> files;
     for (int number = kAuditKeptFiles; number >= 0; --number) {
