@@ -133,6 +133,15 @@ class Audit(harness.ScenarioCase):
         self.assertEqual(self.velnor("history", "--since", "1h").response, trail_records(),
                          "the records as JSON, through velnord")
         self.assertEqual(self.velnor("history", "--since", "2099-01-01").response, [])
+        if harness.under_systemd():
+            # Where journald runs, each record is in the journal with fields of its own.
+            journal = subprocess.run(["journalctl", "--no-pager", "-o", "json", "VELNOR_AUDIT_VERB=start"],
+                                     capture_output=True, text=True)
+            entries = [json.loads(line) for line in journal.stdout.splitlines()]
+            self.assertEqual([(e["VELNOR_AUDIT_ACCOUNT"], e["VELNOR_AUDIT_CHANNEL"], e["VELNOR_AUDIT_PID"],
+                               e["PRIORITY"]) for e in entries],
+                             [("root", daemon_channel, str(pids[0]), "5")], journal.stderr)
+            self.assertEqual(json.loads(entries[0]["VELNOR_AUDIT_RECORD"]), trail_records()[0])
 
     @sandbox("--initdb")
     def test_a_trail_another_account_can_write_is_refused_and_nothing_is_written_through_it(self):
