@@ -6,6 +6,7 @@
 #include <charconv>
 #include <limits>
 
+#include "AuditHistory.h"
 #include "SettingsCheck.h"
 #include "SettingsPlan.h"
 
@@ -27,7 +28,8 @@ constexpr std::string_view kFooter =
     "  4   settings --apply: the job file is no longer the version that --expect-version names\n"
     "  64  bad usage, an operation the plug-in does not have, or a count that is not an int32\n"
     "  65  the request file cannot be read, is not a property list, or is not a dictionary\n"
-    "  69  the plug-in cannot be loaded, has no descriptor, or speaks another interface version\n"
+    "  69  the plug-in cannot be loaded, has no descriptor, or speaks another interface version;\n"
+    "      or the audit trail cannot take the record of another account's change, or be read\n"
     "  73  the host lock cannot be created or taken\n"
     "  74  the response cannot be written to standard output\n"
     "  75  another velnor held the host lock for all of --wait\n"
@@ -39,8 +41,9 @@ constexpr std::string_view kFooter =
     "  PGHOST            the database server's socket folder; /var/pgsql_socket when unset\n"
     "  PGCONNECT_TIMEOUT seconds the liveness probe waits for the server; 5 when unset\n";
 
-constexpr std::string_view kVerbs[] = {"status",   "start", "stop",     "restart", "try-restart",
-                                       "settings", "setup", "log-path", "idle",    "web-url"};
+constexpr std::string_view kVerbs[] = {"status",      "start",    "stop",   "restart",
+                                       "try-restart", "settings", "setup",  "log-path",
+                                       "idle",        "web-url",  "history"};
 
 constexpr std::string_view kStart[] = {"startServiceWithVariant"};
 constexpr std::string_view kStop[] = {"stopServiceWithVariant"};
@@ -77,6 +80,7 @@ struct Typed {
     std::optional<std::string> expectedVersion;
     std::string dataLocation;
     bool upgrade = false;
+    std::string since;
 };
 
 // The host's options, which every verb takes too: a verb falls through to them.
@@ -144,6 +148,17 @@ void addVerbs(CLI::App& app, Typed& typed) {
     app.add_subcommand("log-path", "the path of the service's log file");
     app.add_subcommand("idle", "the periodic housekeeping, once");
     app.add_subcommand("web-url", "the web console's address, with its access token");
+    app.add_subcommand("history", "who changed the service, how and when: the audit trail")
+        ->add_option("--since", typed.since,
+                     "leave out what came before TIME: 2026-11-25, 2026-11-25T10:30[:15] (UTC), "
+                     "or 90s, 15m, 2h, 7d ago")
+        ->type_name("TIME")
+        ->check([](const std::string& value) {
+            return parseSince(value, std::chrono::system_clock::now())
+                       ? std::string()
+                       : "is a date and time (2026-11-25T10:30) or a span (2h), not \"" + value +
+                             "\"";
+        });
 }
 
 // `settings --plan` and `--apply`. An apply names the write among its operations, a plan the
@@ -211,6 +226,12 @@ support::Result<Command> verbCommand(Command command, const Typed& typed) {
     }
     command.human = true;
     if (verb == "web-url") {
+        return command;
+    }
+    if (verb == "history") {
+        if (!typed.since.empty()) {
+            command.since = typed.since;
+        }
         return command;
     }
     if (verb == "settings" && typed.check) {

@@ -59,6 +59,8 @@ struct Command {
     std::optional<std::vector<std::string>> settingsToCheck;
     // `settings --plan` or `settings --apply`: set only for those two.
     std::optional<SettingsChange> settingsChange;
+    // `history --since TIME`: the records before TIME are left out.
+    std::optional<std::string> since;
 };
 
 // Parses the arguments that follow the program's name; the options of the host may stand

@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "AuditHistory.h"
+#include "ChangeRecord.h"
 #include "ConsoleVerbs.h"
 #include "ControlProtocol.h"
 #include "ExitStatus.h"
@@ -182,6 +184,9 @@ std::optional<int> answerWithoutPlugin(const Command& command) {
     if (command.answer) {
         return print(*command.answer) ? kExitNormal : kExitOutputFailed;
     }
+    if (command.verb == "history") {
+        return runHistory(command);
+    }
     return runConsoleVerb(command);
 }
 
@@ -244,18 +249,50 @@ std::optional<OperationArgument> argumentFor(const Command& command, OperationSt
 
 namespace {
 
+// The record of the run when it changes something; nothing for a read.
+std::optional<ChangeRecord> recordFor(const Command& command, const OperationArgument& argument,
+                                      const Caller& caller, const AuditTrail& trail) {
+    const bool plansOnly = command.settingsChange && !command.settingsChange->apply;
+    if (plansOnly ||
+        (serviceVerbOperations(command.verb).empty() && !changesService(command.operation))) {
+        return std::nullopt;
+    }
+    return std::optional<ChangeRecord>(std::in_place, caller,
+                                       command.verb.empty() ? "call" : command.verb,
+                                       recordedArgument(argument), trail);
+}
+
+// A settings write records each setting it changes with the value stored before, read through
+// the plug-in's own settings read just ahead of the write.
+void noteSettingChanges(ChangeRecord& record, const Command& command,
+                        const OperationArgument& argument, const Call& call) {
+    const PlistDictionary* request = std::get_if<PlistDictionary>(&argument);
+    if (command.operation != "writeSettingsWithRequest" || request == nullptr) {
+        return;
+    }
+    support::Result<Outcome> stored = call("readSettingsWithRequest", PlistDictionary(), {});
+    record.setChanges(settingChanges(stored ? stored->result : PlistValue(), *request));
+}
+
 // Runs the operations that come before the verb's own (a restart's stop). The exit status when
-// one of them failed and was told; the verb then goes no further.
-std::optional<int> runPrecedingOperations(const Command& command, const Call& call) {
+// one of them failed and was told; the verb then goes no further, and its record ends there.
+std::optional<int> runPrecedingOperations(const Command& command, const Call& call,
+                                          ChangeRecord* record) {
     std::span<const std::string_view> operations = serviceVerbOperations(command.verb);
     for (std::size_t index = 0; index + 1 < operations.size(); ++index) {
         Command step = command;
         step.operation = std::string(operations[index]);
         support::Result<Outcome> outcome = call(step.operation, PlistValue(), {});
+        const int status = outcome ? exitStatusOf(step, *outcome) : kExitUnavailable;
+        if (status != kExitNormal) {
+            finishRecord(record, step.operation, outcome);
+        } else if (record != nullptr) {
+            record->ran(step.operation);
+        }
         if (!outcome) {
             return tellRefusedCall(outcome.failure());
         }
-        if (const int status = exitStatusOf(step, *outcome); status != kExitNormal) {
+        if (status != kExitNormal) {
             return tellFailure(step, *outcome, status) ? status : kExitOutputFailed;
         }
     }
@@ -265,11 +302,23 @@ std::optional<int> runPrecedingOperations(const Command& command, const Call& ca
 }  // namespace
 
 // Runs the command's operation through call, with what the verb tells beyond its response.
-int conclude(const Command& command, const OperationArgument& argument, const Call& call) {
-    if (command.settingsChange) {
-        return concludeSettingsChange(command, call);
+int conclude(const Command& command, const OperationArgument& argument, const Call& call,
+             const Caller& caller, const AuditTrail& trail) {
+    std::optional<ChangeRecord> record = recordFor(command, argument, caller, trail);
+    if (record) {
+        if (support::Status admitted = record->admit(); !admitted) {
+            complain(admitted.message());
+            return kExitUnavailable;
+        }
+        if (!command.settingsChange) {
+            noteSettingChanges(*record, command, argument, call);
+        }
     }
-    if (std::optional<int> status = runPrecedingOperations(command, call)) {
+    ChangeRecord* recording = record ? &*record : nullptr;
+    if (command.settingsChange) {
+        return concludeSettingsChange(command, call, recording);
+    }
+    if (std::optional<int> status = runPrecedingOperations(command, call, recording)) {
         return *status;
     }
     std::optional<LogMark> mark;
@@ -277,6 +326,7 @@ int conclude(const Command& command, const OperationArgument& argument, const Ca
         mark = markServiceLog(call);
     }
     support::Result<Outcome> outcome = call(command.operation, argument, {});
+    finishRecord(recording, command.operation, outcome);
     if (!outcome) {
         return tellRefusedCall(outcome.failure());
     }

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "AuditTrail.h"
+#include "Caller.h"
 #include "CommandLine.h"
 #include "Invocation.h"
 #include "PluginInterface.h"
@@ -24,8 +26,8 @@ int usageError(const std::string& message);
 std::optional<OperationArgument> argumentFor(const Command& command, OperationStyle style,
                                              int* status);
 
-// Answers what needs no plug-in: --help, a verb's --help and --version printed, `web-url` and
-// `settings --check` run; nothing for a command that calls the plug-in.
+// Answers what needs no plug-in: --help, a verb's --help and --version printed, `web-url`,
+// `settings --check` and `history` run; nothing for a command that calls the plug-in.
 std::optional<int> answerWithoutPlugin(const Command& command);
 
 // The plug-in's operation that the command names and the argument to call it with.
@@ -64,7 +66,10 @@ bool serviceRuns(const Call& call);
 int tellRefusedCall(const support::Failure& failure);
 
 // Runs the command's operation through call, with what the verb tells beyond its response;
-// the run's exit status.
-int conclude(const Command& command, const OperationArgument& argument, const Call& call);
+// the run's exit status. A command that changes the service is recorded in trail as caller's,
+// before anything of its outcome is told; when the trail cannot take the record, a caller other
+// than root is refused (69) with nothing done, and root's change goes ahead.
+int conclude(const Command& command, const OperationArgument& argument, const Call& call,
+             const Caller& caller, const AuditTrail& trail = AuditTrail());
 
 }  // namespace velnor::host

@@ -14,6 +14,8 @@ namespace velnor::host {
 namespace {
 
 constexpr int kIndentStep = 2;
+// The indent that lays a JSON value out on one line, with no space between its tokens.
+constexpr int kOneLine = -1;
 constexpr std::string_view kReplacementCharacter = "\\ufffd";
 // Property lists count dates from 2001-01-01T00:00:00Z; Unix time from 1970.
 constexpr double kUnixSecondsAt2001 = 978307200;
@@ -108,8 +110,16 @@ std::string jsonOfReal(double number) {
 }
 
 void appendNewLine(std::string& out, int indent) {
+    if (indent == kOneLine) {
+        return;
+    }
     out += '\n';
     out.append(static_cast<std::size_t>(indent), ' ');
+}
+
+// The indent of what a value nests.
+int deeper(int indent) {
+    return indent == kOneLine ? kOneLine : indent + kIndentStep;
 }
 
 void appendJson(std::string& out, const PlistValue& value, int indent);
@@ -123,8 +133,8 @@ void appendJsonArray(std::string& out, const PlistArray& array, int indent) {
     const char* separator = "";
     for (const PlistValue& element : array) {
         out += separator;
-        appendNewLine(out, indent + kIndentStep);
-        appendJson(out, element, indent + kIndentStep);
+        appendNewLine(out, deeper(indent));
+        appendJson(out, element, deeper(indent));
         separator = ",";
     }
     appendNewLine(out, indent);
@@ -140,10 +150,10 @@ void appendJsonObject(std::string& out, const PlistDictionary& dictionary, int i
     const char* separator = "";
     for (const auto& [key, value] : dictionary) {
         out += separator;
-        appendNewLine(out, indent + kIndentStep);
+        appendNewLine(out, deeper(indent));
         appendJsonString(out, key);
-        out += ": ";
-        appendJson(out, value, indent + kIndentStep);
+        out += indent == kOneLine ? ":" : ": ";
+        appendJson(out, value, deeper(indent));
         separator = ",";
     }
     appendNewLine(out, indent);
@@ -180,7 +190,8 @@ void appendJson(std::string& out, const PlistValue& value, int indent) {
             appendJsonString(out, base64OfBytes(*value.asData()));
             return;
         case PlistValue::Kind::Uid:
-            out += "{\"CF$UID\": " + std::to_string(*value.asUid()) + "}";
+            out += (indent == kOneLine ? "{\"CF$UID\":" : "{\"CF$UID\": ") +
+                   std::to_string(*value.asUid()) + "}";
             return;
     }
 }
@@ -260,6 +271,12 @@ void appendHumanValue(std::string& out, const PlistValue& value, int indent) {
 std::string toJson(const PlistValue& value) {
     std::string out;
     appendJson(out, value, 0);
+    return out;
+}
+
+std::string toJsonLine(const PlistValue& value) {
+    std::string out;
+    appendJson(out, value, kOneLine);
     return out;
 }
 

@@ -19,6 +19,11 @@ enum class OutputForm { PropertyList, Json, Human };
 // Dictionaries become objects with their keys in dictionary order. An absent value is null.
 std::string toJson(const PlistValue& value);
 
+// The value as JSON on one line, with the same escaping and forms as toJson and no whitespace
+// between tokens: a line of a JSON-lines file, which no string can break (a line feed in one is
+// written "\n").
+std::string toJsonLine(const PlistValue& value);
+
 // The value as "key: value" lines, each ending in a line feed. A nested dictionary is its key
 // alone on a line followed by its entries indented two more spaces; array elements are "- "
 // lines. Strings print as they are, booleans as true/false, reals, dates and data as in JSON

@@ -229,12 +229,28 @@ void takeVersionNow(PlanMade& plan) {
     }
 }
 
-// Writes the settings that differ, and the plug-in restarts a running service.
-int writeDiffering(const Command& command, PlanMade& plan, const Call& call) {
+// The trail's old -> new for each setting the apply writes.
+std::vector<SettingChange> changesOf(const std::vector<SettingPlan>& settings) {
+    std::vector<SettingChange> changes;
+    for (const SettingPlan& setting : settings) {
+        if (setting.differs) {
+            changes.push_back(SettingChange{setting.name, setting.stored, setting.value});
+        }
+    }
+    return changes;
+}
+
+// Writes the settings that differ, and the plug-in restarts a running service. Only a write is
+// recorded: an apply that finds nothing to change changes nothing.
+int writeDiffering(const Command& command, PlanMade& plan, const Call& call, ChangeRecord* record) {
     const std::string expected = plan.version;
     PlistDictionary request{{"configuration", PlistValue(settingsToWrite(plan.settings))}};
+    if (record != nullptr) {
+        record->setChanges(changesOf(plan.settings));
+    }
     support::Result<Outcome> written =
         call("writeSettingsWithRequest", request, [&expected] { return stillVersion(expected); });
+    finishRecord(record, "writeSettingsWithRequest", written);
     if (!written) {
         if (written.error() == ESTALE) {
             complain(written.message());
@@ -254,7 +270,7 @@ int writeDiffering(const Command& command, PlanMade& plan, const Call& call) {
 
 }  // namespace
 
-int concludeSettingsChange(const Command& command, const Call& call) {
+int concludeSettingsChange(const Command& command, const Call& call, ChangeRecord* record) {
     int status = kExitNormal;
     std::optional<PlanMade> plan = makePlan(command, call, &status);
     if (!plan) {
@@ -278,7 +294,7 @@ int concludeSettingsChange(const Command& command, const Call& call) {
         case ApplyDecision::Write:
             break;
     }
-    return writeDiffering(command, *plan, call);
+    return writeDiffering(command, *plan, call, record);
 }
 
 }  // namespace velnor::host

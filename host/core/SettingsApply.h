@@ -3,6 +3,7 @@
 // can run the same apply again and again and restart nothing the second time.
 #pragma once
 
+#include "ChangeRecord.h"
 #include "CommandLine.h"
 #include "Conclusion.h"
 
@@ -12,6 +13,6 @@ namespace velnor::host {
 // changed anything) in the human form or as JSON; the run's exit status: 0, 1 when the server
 // refuses a value (an apply then writes nothing), kExitVersionChanged when an apply finds the
 // job file changed, or the status of the read or write that failed.
-int concludeSettingsChange(const Command& command, const Call& call);
+int concludeSettingsChange(const Command& command, const Call& call, ChangeRecord* record);
 
 }  // namespace velnor::host

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "Caller.h"
 #include "CommandLine.h"
 #include "Conclusion.h"
 #include "ExitStatus.h"
@@ -95,7 +96,7 @@ int runInProcess(const Command& command) {
         }
         return callWithNewHandler(plugin, **operation, argument);
     };
-    return conclude(command, prepared->argument, call);
+    return conclude(command, prepared->argument, call, callerOfThisProcess());
 }
 
 int runCommandLine(std::span<const std::string_view> arguments) {

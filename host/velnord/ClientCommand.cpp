@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <string_view>
 
+#include "Accounts.h"
+#include "Caller.h"
 #include "CommandLine.h"
 #include "Conclusion.h"
 #include "ExitStatus.h"
@@ -34,7 +36,8 @@ bool asksForOwnPlugin(const Command& command, const ClientCommand& client,
            wanted.st_ino == own.st_ino;
 }
 
-int runOperation(const Command& command, const PluginDescriptor& plugin, Worker& worker) {
+int runOperation(const Command& command, const Caller& caller, const PluginDescriptor& plugin,
+                 Worker& worker) {
     int status = kExitNormal;
     std::optional<PreparedCall> prepared = prepareCall(command, plugin, &status);
     if (!prepared) {
@@ -63,7 +66,7 @@ int runOperation(const Command& command, const PluginDescriptor& plugin, Worker&
         }
         return std::move(*outcome);
     };
-    return conclude(command, prepared->argument, call);
+    return conclude(command, prepared->argument, call, caller);
 }
 
 }  // namespace
@@ -88,7 +91,10 @@ std::optional<int> runClientCommand(const ClientCommand& client, const PluginDes
     if (std::optional<int> answered = answerWithoutPlugin(*parsed)) {
         return *answered;
     }
-    return runOperation(*parsed, plugin, worker);
+    // The kernel vouches for the peer: its credentials when it connected.
+    const Caller caller{
+        client.uid, support::accountNameOf(client.uid), client.pid, Channel::ControlSocket, {}};
+    return runOperation(*parsed, caller, plugin, worker);
 }
 
 }  // namespace velnor::host

@@ -26,6 +26,8 @@ struct ClientCommand {
     pid_t pid = 0;
     // The connection it came on.
     int connection = -1;
+    // The client's account, from the connection's peer credentials.
+    uid_t uid = 0;
 };
 
 inline constexpr std::size_t kClientDescriptors = 4;

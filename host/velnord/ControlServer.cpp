@@ -583,6 +583,7 @@ void ControlServer::startCommandLine(Connection& connection, ReceivedFrame& requ
     }
     ClientCommand client{std::move(*arguments), std::nullopt, std::move(request.passed),
                          connection.peer.pid, connection.socket.get()};
+    client.uid = connection.peer.uid;
     if (const PlistValue* plugin = request.message.find("plugin")) {
         const std::string* path = bytesOf(*plugin);
         client.pluginFromEnvironment = path ? std::optional<std::string>(*path) : std::nullopt;

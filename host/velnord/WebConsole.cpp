@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "ChangeRecord.h"
 #include "CommandLine.h"
 #include "ConsoleCertificate.h"
 #include "ConsoleRights.h"
@@ -174,6 +175,14 @@ TokenSender senderOf(const Request& request) {
                                    Endpoint{request.local_addr, request.local_port}),
                        request.remote_addr,
                        {}};
+}
+
+// Appends the action's record, before the page is answered; a record the trail could not take
+// is logged by the trail, and root's action stands.
+void finishRecord(ChangeRecord& record, const std::optional<Outcome>& outcome) {
+    (void)record.finish(outcome ? support::Result<Outcome>(*outcome)
+                                : support::Result<Outcome>(support::Failure{
+                                      ECANCELED, "velnord is stopping; the call was not run"}));
 }
 
 // The console's port is its own: a second daemon, or any other program, that asks for it while
@@ -550,7 +559,8 @@ void WebConsole::serveEvents(const Request& request, Response& response) {
 }
 
 bool WebConsole::answerCall(const Caller& caller, const char* operation, OperationArgument argument,
-                            PlistDictionary extra, Response& response) {
+                            PlistDictionary extra, Response& response, ChangeRecord& record,
+                            bool ends) {
     const HostOperation* found = findOperation(plugin_, operation);
     if (found == nullptr) {
         answerText(response, 404, std::string("the plug-in has no operation ") + operation);
@@ -562,6 +572,11 @@ bool WebConsole::answerCall(const Caller& caller, const char* operation, Operati
             events_.publish("message", PlistDictionary{{"priority", PlistValue::integer(priority)},
                                                        {"message", PlistValue(text)}});
         });
+    const bool failed = !outcome || exitStatusFor(*outcome) != kExitNormal;
+    record.ran(operation);
+    if (failed || ends) {
+        finishRecord(record, outcome);
+    }
     if (!outcome) {
         answerText(response, 503, "velnord is stopping; the call was not run");
         return false;
@@ -574,7 +589,16 @@ bool WebConsole::answerCall(const Caller& caller, const char* operation, Operati
     }
     monitor_.refresh();
     answerJson(response, 200, answer);
-    return exitStatusFor(*outcome) == kExitNormal;
+    return !failed;
+}
+
+// The stored settings, read through the plug-in as the command line reads them before a write.
+PlistValue WebConsole::storedSettings() {
+    const HostOperation* read = findOperation(plugin_, "readSettingsWithRequest");
+    std::optional<Outcome> outcome =
+        read ? worker_.call(*read, PlistDictionary(), [](int, const std::string&) {})
+             : std::nullopt;
+    return outcome ? outcome->result : PlistValue();
 }
 
 void WebConsole::runService(const Request& request, Response& response) {
@@ -583,10 +607,13 @@ void WebConsole::runService(const Request& request, Response& response) {
         return;
     }
     const std::string action = request.get_param_value("action");
+    ChangeRecord record(caller, action, PlistValue());
     // The same operations as the command line's verbs: a restart that finds the service stopped
     // starts it, and a failed stop ends the restart with the stop's answer.
-    for (std::string_view operation : serviceVerbOperations(action)) {
-        if (!answerCall(caller, std::string(operation).c_str(), PlistValue(), {}, response)) {
+    std::span<const std::string_view> operations = serviceVerbOperations(action);
+    for (std::size_t index = 0; index < operations.size(); ++index) {
+        if (!answerCall(caller, std::string(operations[index]).c_str(), PlistValue(), {}, response,
+                        record, index + 1 == operations.size())) {
             return;
         }
     }
@@ -631,9 +658,11 @@ void WebConsole::runSettings(const Request& request, Response& response) {
     for (const auto& [name, value] : *settings) {
         configuration.set(name, PlistValue(value));
     }
-    answerCall(caller, "writeSettingsWithRequest",
-               PlistDictionary{{"configuration", PlistValue(std::move(configuration))}},
-               PlistDictionary{{"verdicts", verdictsValue(*verdicts)}}, response);
+    PlistDictionary write{{"configuration", PlistValue(std::move(configuration))}};
+    ChangeRecord record(caller, "settings", PlistValue(write));
+    record.setChanges(settingChanges(storedSettings(), write));
+    answerCall(caller, "writeSettingsWithRequest", std::move(write),
+               PlistDictionary{{"verdicts", verdictsValue(*verdicts)}}, response, record, true);
 }
 
 void WebConsole::runSetup(const Request& request, Response& response) {
@@ -651,7 +680,8 @@ void WebConsole::runSetup(const Request& request, Response& response) {
         answerText(response, 400, "set-up needs an absolute data folder, or the upgrade");
         return;
     }
-    answerCall(caller, "initialSetupWithRequest", std::move(setup), {}, response);
+    ChangeRecord record(caller, "setup", PlistValue(setup));
+    answerCall(caller, "initialSetupWithRequest", std::move(setup), {}, response, record, true);
 }
 
 }  // namespace velnor::host

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "Caller.h"
+#include "ChangeRecord.h"
 #include "ConsoleMonitor.h"
 #include "PluginInterface.h"
 #include "Result.h"
@@ -66,9 +67,12 @@ class WebConsole {
     void runSettings(const httplib::Request& request, httplib::Response& response);
     void runSetup(const httplib::Request& request, httplib::Response& response);
     // Runs the operation for caller and answers what came of it; true when it answered without
-    // an error.
+    // an error. The operation is added to the action's record, which is appended once it fails
+    // or when it ends the action.
     bool answerCall(const Caller& caller, const char* operation, OperationArgument argument,
-                    PlistDictionary extra, httplib::Response& response);
+                    PlistDictionary extra, httplib::Response& response, ChangeRecord& record,
+                    bool ends);
+    PlistValue storedSettings();
 
     const PluginDescriptor& plugin_;
     Worker& worker_;

@@ -7,6 +7,7 @@ Screenshots of the tour go to BUILD/e2e-screenshots/web_console/."""
 
 import errno
 import http.client
+import json
 import os
 import pwd
 import hashlib
@@ -578,6 +579,16 @@ class WebConsole(harness.ScenarioCase):
             see("result", "stop: done", "06-stopped")
             harness.wait_until(lambda: not harness.process_alive(backend), "the idle client ended")
         see("log-tail", "database system is shut down", "07-log-tail")
+        # Each action is in the audit trail as the console's, from the browser's address; the
+        # refused setting was never written, so it has no record.
+        with open("/var/lib/velnor/audit.jsonl") as trail:
+            records = [json.loads(line) for line in trail]
+        self.assertEqual([(r["verb"], r["channel"], r["account"], r["outcome"], r.get("changes"))
+                          for r in records],
+                         [("start", "console", "root", "done", None),
+                          ("settings", "console", "root", "done", [{"key": "work_mem", "new": "12MB"}]),
+                          ("stop", "console", "root", "done", None)], "the console's actions")
+        self.assertTrue(all(r["remoteAddress"].startswith("127.0.0.1:") for r in records), records)
 
 
 if __name__ == "__main__":
