@@ -51,8 +51,14 @@ support::Result<const HostOperation*> operationTaking(const PluginDescriptor& pl
 using Call = std::function<support::Result<Outcome>(const std::string& operation,
                                                     const OperationArgument& argument)>;
 
-// Runs the command's operation through call, with what the verb tells beyond its response;
+// The restart ledger's figures as the host that runs the command knows them (ledgerFigures in
+// RestartLedger.h): velnord's own, or the file's.
+using LedgerFigures = std::function<PlistValue()>;
+
+// Runs the command's operation through call, with what the verb tells beyond its response (and,
+// for `status --details`, the ledger's figures after the report's own, when ledger is given);
 // the run's exit status.
-int conclude(const Command& command, const OperationArgument& argument, const Call& call);
+int conclude(const Command& command, const OperationArgument& argument, const Call& call,
+             const LedgerFigures& ledger = {});
 
 }  // namespace velnor::host

@@ -59,7 +59,12 @@ int runOperation(const Command& command, const PluginDescriptor& plugin, Worker&
         }
         return std::move(*outcome);
     };
-    return conclude(command, prepared->argument, call);
+    const Metrics* metrics = worker.metrics();
+    LedgerFigures ledger;
+    if (metrics != nullptr) {
+        ledger = [metrics] { return metrics->ledgerFigures(); };
+    }
+    return conclude(command, prepared->argument, call, ledger);
 }
 
 }  // namespace

@@ -23,8 +23,12 @@
 #include "HostEnvironment.h"
 #include "HostLock.h"
 #include "HostLog.h"
+#include "JobMoves.h"
 #include "LaunchdJobs.h"
+#include "Metrics.h"
+#include "MetricsEndpoint.h"
 #include "PluginLoader.h"
+#include "RestartLedger.h"
 #include "RunAtLoad.h"
 #include "ServiceManagerNotice.h"
 #include "WebConsole.h"
@@ -56,6 +60,7 @@ struct Options {
     // The help text when --help was asked for: printed, and nothing runs.
     std::optional<std::string> help;
     std::optional<WebListen> web = WebListen{};
+    std::optional<WebListen> metrics = kDefaultMetricsListen;
 };
 
 void complain(const std::string& message) {
@@ -79,6 +84,8 @@ struct Typed {
     std::string idleInterval;
     std::string webListen;
     bool noWeb = false;
+    std::string metricsListen;
+    bool noMetrics = false;
 };
 
 void addOptions(CLI::App& app, Options& options, Typed& typed) {
@@ -104,6 +111,11 @@ void addOptions(CLI::App& app, Options& options, Typed& typed) {
                        "its access token: velnor web-url")
             ->type_name("ADDR:PORT");
     app.add_flag("--no-web", typed.noWeb, "no web console")->excludes(listen);
+    CLI::Option* metrics =
+        app.add_option("--metrics-listen", typed.metricsListen,
+                       "serve GET /metrics for Prometheus there (default 127.0.0.1:8472)")
+            ->type_name("ADDR:PORT");
+    app.add_flag("--no-metrics", typed.noMetrics, "no metrics endpoint")->excludes(metrics);
 }
 
 support::Result<Options> parseOptions(int argc, char** argv) {
@@ -135,6 +147,15 @@ support::Result<Options> parseOptions(int argc, char** argv) {
         }
         options.web = *listen;
     }
+    if (typed.noMetrics) {
+        options.metrics.reset();
+    } else if (!typed.metricsListen.empty()) {
+        support::Result<WebListen> listen = parseWebListen(typed.metricsListen, "--metrics-listen");
+        if (!listen) {
+            return listen.failure();
+        }
+        options.metrics = *listen;
+    }
     return options;
 }
 
@@ -154,26 +175,54 @@ support::Status blockStopSignals() {
 
 // Every message of the plug-in and the host library goes to the daemon's log and, during a
 // call, to the client that made it.
-void relayLogMessages(Worker& worker) {
-    setLogSink([&worker](int priority, const std::string& message) {
+void relayLogMessages(Worker& worker, Metrics& metrics) {
+    setLogSink([&worker, &metrics](int priority, const std::string& message) {
         ::syslog(priority, "%s", message.c_str());
         worker.relay(priority, message);
+        metrics.logged(message);
     });
 }
 
 // The console is a convenience: when its address cannot be had, the daemon serves on without it.
 std::unique_ptr<WebConsole> startWebConsole(const Options& options, const PluginDescriptor& plugin,
-                                            Worker& worker) {
+                                            Worker& worker, Metrics& metrics) {
     if (!options.web) {
         return nullptr;
     }
     support::Result<std::unique_ptr<WebConsole>> console =
-        WebConsole::start(plugin, worker, *options.web);
+        WebConsole::start(plugin, worker, *options.web, metrics);
     if (!console) {
         ::syslog(LOG_WARNING, "the web console is off: %s", console.message().c_str());
         return nullptr;
     }
     return std::move(*console);
+}
+
+// The metrics endpoint is a convenience too: without its address the daemon serves on.
+std::unique_ptr<MetricsEndpoint> startMetricsEndpoint(const Options& options,
+                                                      const Metrics& metrics) {
+    if (!options.metrics) {
+        return nullptr;
+    }
+    support::Result<std::unique_ptr<MetricsEndpoint>> endpoint =
+        MetricsEndpoint::start(metrics, *options.metrics);
+    if (!endpoint) {
+        ::syslog(LOG_WARNING, "the metrics endpoint is off: %s", endpoint.message().c_str());
+        return nullptr;
+    }
+    return std::move(*endpoint);
+}
+
+// The ledger as the daemon before this one left it. One that cannot be read is told and
+// started again from nothing: counts that cannot be trusted are no counts.
+RestartLedger loadRestartLedger() {
+    support::Result<RestartLedger> ledger = readLedgerFile(kRestartLedgerPath);
+    if (!ledger) {
+        ::syslog(LOG_ERR, "%s; the restart ledger starts again from nothing",
+                 ledger.message().c_str());
+        return {};
+    }
+    return std::move(*ledger);
 }
 
 // What the daemon ran in its life, for its log and the benchmark that reads it.
@@ -185,7 +234,7 @@ void logCounts(const WorkerCounts& counts) {
 }
 
 int serve(const Options& options, const PluginModule& module, const HostLock& hostLock,
-          const std::string& pluginPath, ServiceManagerNotice& notice) {
+          const std::string& pluginPath, ServiceManagerNotice& notice, Metrics& metrics) {
     if (support::Status blocked = blockStopSignals(); !blocked) {
         complain(blocked.message());
         return kExitUnavailable;
@@ -212,9 +261,11 @@ int serve(const Options& options, const PluginModule& module, const HostLock& ho
         [&inbox, &server](std::optional<StopDeadline> deadline) {
             inbox.post(
                 [&server, deadline = std::move(deadline)] { server->setStopDeadline(deadline); });
-        });
-    relayLogMessages(worker);
-    std::unique_ptr<WebConsole> web = startWebConsole(options, plugin, worker);
+        },
+        &metrics);
+    relayLogMessages(worker, metrics);
+    std::unique_ptr<MetricsEndpoint> endpoint = startMetricsEndpoint(options, metrics);
+    std::unique_ptr<WebConsole> web = startWebConsole(options, plugin, worker, metrics);
     console = web.get();
     support::Result<std::unique_ptr<ControlServer>> created = ControlServer::create(
         plugin, pluginPath, worker, inbox, std::move(*listener),
@@ -229,6 +280,9 @@ int serve(const Options& options, const PluginModule& module, const HostLock& ho
     unlink(kControlSocketPath);
     if (web) {
         web->stop();
+    }
+    if (endpoint) {
+        endpoint->stop();
     }
     worker.stop();
     if (server != nullptr) {
@@ -246,7 +300,7 @@ int serve(const Options& options, const PluginModule& module, const HostLock& ho
 // The class hook, then the jobs that run at load, as launchd starts them at boot before the
 // first call is served; under the host lock, since both reach the plug-in or the job files.
 // The exit status when the daemon cannot serve.
-std::optional<int> startUp(const PluginModule& module, const HostLock& hostLock) {
+std::optional<int> startUp(const PluginModule& module, const HostLock& hostLock, Metrics& metrics) {
     LockWait wait;
     wait.announce = [&hostLock](const std::string& holder) {
         complain("waiting for the host lock \"" + hostLock.path() + "\" held by " + holder);
@@ -260,7 +314,9 @@ std::optional<int> startUp(const PluginModule& module, const HostLock& hostLock)
         complain("the plug-in's initialize failed: " + *failure);
         return kExitUnavailable;
     }
+    metrics.atLoadBegan();
     startJobsThatRunAtLoad(kRunAtLoadFolder);
+    metrics.atLoadEnded();
     return std::nullopt;
 }
 
@@ -300,11 +356,16 @@ int run(const Options& options) {
         complain(hostLock.message());
         return kExitNoLock;
     }
-    if (std::optional<int> status = startUp(**module, *hostLock)) {
-        return *status;
+    // Every start and stop of the service, whoever asks for it, goes to the ledger.
+    Metrics metrics(loadRestartLedger(), kRestartLedgerPath);
+    watchJobMoves([&metrics](const JobMove& move) { metrics.jobMoved(move); });
+    std::optional<int> status = startUp(**module, *hostLock, metrics);
+    if (!status) {
+        ServiceManagerNotice notice;
+        status = serve(options, **module, *hostLock, pluginPath, notice, metrics);
     }
-    ServiceManagerNotice notice;
-    return serve(options, **module, *hostLock, pluginPath, notice);
+    watchJobMoves(nullptr);
+    return *status;
 }
 
 }  // namespace

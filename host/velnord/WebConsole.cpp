@@ -148,12 +148,13 @@ void listenAlone(socket_t listener) {
 
 support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescriptor& plugin,
                                                                Worker& worker,
-                                                               const WebListen& listen) {
+                                                               const WebListen& listen,
+                                                               Metrics& metrics) {
     support::Result<std::string> token = randomHex(32);
     if (!token) {
         return token.failure();
     }
-    std::unique_ptr<WebConsole> console(new WebConsole(plugin, worker, listen, *token));
+    std::unique_ptr<WebConsole> console(new WebConsole(plugin, worker, listen, *token, metrics));
     const std::string shown = listen.address + ":" + std::to_string(listen.port);
     errno = 0;
     if (!console->server_->bind_to_port(listen.address, listen.port)) {
@@ -188,12 +189,13 @@ support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescr
 }
 
 WebConsole::WebConsole(const PluginDescriptor& plugin, Worker& worker, WebListen listen,
-                       std::string token)
+                       std::string token, Metrics& metrics)
     : plugin_(plugin),
       worker_(worker),
+      metrics_(metrics),
       listen_(std::move(listen)),
       access_(std::move(token)),
-      monitor_(plugin, worker, events_),
+      monitor_(plugin, worker, events_, [&metrics] { return metrics.ledgerFigures(); }),
       server_(std::make_unique<httplib::Server>()) {
     route();
 }
@@ -279,6 +281,7 @@ bool WebConsole::admitted(const Request& request, Response& response) {
         WebAccess::Exchange exchange =
             access_.exchange(request.get_param_value("token"), senderOf(request));
         if (exchange.session) {
+            metrics_.consoleSessionOpened();
             response.set_header("Set-Cookie", std::string(kSessionCookie) + "=" +
                                                   *exchange.session +
                                                   "; Path=/; HttpOnly; SameSite=Strict");

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "ConsoleMonitor.h"
+#include "Metrics.h"
 #include "PluginInterface.h"
 #include "Result.h"
 #include "WebAccess.h"
@@ -28,9 +29,11 @@ class WebConsole {
   public:
     // Binds the address, writes the access token and starts serving. Fails when the address
     // cannot be bound or the token cannot be written.
+    // Each session it opens is counted in metrics, whose ledger figures it shows.
     static support::Result<std::unique_ptr<WebConsole>> start(const PluginDescriptor& plugin,
                                                               Worker& worker,
-                                                              const WebListen& listen);
+                                                              const WebListen& listen,
+                                                              Metrics& metrics);
     ~WebConsole();
     WebConsole(const WebConsole&) = delete;
     WebConsole& operator=(const WebConsole&) = delete;
@@ -40,7 +43,8 @@ class WebConsole {
     void stop();
 
   private:
-    WebConsole(const PluginDescriptor& plugin, Worker& worker, WebListen listen, std::string token);
+    WebConsole(const PluginDescriptor& plugin, Worker& worker, WebListen listen, std::string token,
+               Metrics& metrics);
     void route();
     bool admitted(const httplib::Request& request, httplib::Response& response);
     void servePage(const httplib::Request& request, httplib::Response& response);
@@ -54,6 +58,7 @@ class WebConsole {
 
     const PluginDescriptor& plugin_;
     Worker& worker_;
+    Metrics& metrics_;
     const WebListen listen_;
     WebAccess access_;
     EventHub events_;

@@ -59,6 +59,11 @@ def start_daemon(root, environment):
         arguments += ["--web-listen", os.environ["VELNORD_WEB_LISTEN"]]
     else:
         arguments += ["--no-web"]
+    # The metrics endpoint likewise: only when asked for, on its own port.
+    if os.environ.get("VELNORD_METRICS_LISTEN"):
+        arguments += ["--metrics-listen", os.environ["VELNORD_METRICS_LISTEN"]]
+    else:
+        arguments += ["--no-metrics"]
     # Its own log lines go to the sandbox's standard error, where a test's failure shows them,
     # or to a file of the sandbox's: a client shows each message that a call logs already.
     log = os.environ.get("VELNORD_LOG")

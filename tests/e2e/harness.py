@@ -45,6 +45,9 @@ CREATED_SOCKET_DIR = LOG_PREFIX + "Created socket folder " + SOCKET_DIR
 CREATED_LOG_DIR = LOG_PREFIX + "Created log folder " + LOG_DIR
 UPDATED_JOB_FILE = LOG_PREFIX + "Updated log directory in launchd plist file"
 
+# Why velnord's restart ledger says the service was started or stopped.
+CAUSES = ("operator", "settings change", "migration", "at load", "stop deadline")
+
 # The job file's settings as the sandbox writes them, for the data folder /var/pgsql.
 DEFAULT_SETTINGS = [
     "listen_addresses=", "log_connections=on", "log_directory=/Library/Logs/PostgreSQL",

@@ -1,0 +1,97 @@
+// The daemon's figures, in one home: the service's state, the restart ledger, the worker's
+// operations and idle ticks, the folders the housekeeping put back, the requests refused, the
+// console's sessions and the server's connections. The worker, the jobs run at load, the job
+// control's moves, the console and the control server update them as things happen; a scrape
+// of the metrics endpoint only reads them, and never waits for the worker or calls the plug-in.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Invocation.h"
+#include "JobMoves.h"
+#include "MoveCauses.h"
+#include "PlistValue.h"
+#include "RestartLedger.h"
+
+namespace prometheus {
+class Registry;
+}
+
+namespace velnor::host {
+
+// Why the control server refused a request.
+enum class RefusalReason { NotAllowed, Malformed };
+
+// What an idle tick saw of the service, outside the plug-in.
+struct ServiceSample {
+    bool running = false;
+    bool stopping = false;
+    // Connections by what their title says they do: idle, idle in transaction, active.
+    std::uint64_t idle = 0;
+    std::uint64_t idleInTransaction = 0;
+    std::uint64_t active = 0;
+};
+
+// The sample as the host library and the process table give it now.
+ServiceSample sampleService();
+
+class Metrics {
+  public:
+    // Starts from ledger, the one read at start-up; the ledger is written to ledgerPath after
+    // each run that changed it (an empty path writes nothing). sample gives what a tick sees.
+    Metrics(RestartLedger ledger, std::string ledgerPath,
+            std::function<ServiceSample()> sample = sampleService);
+    ~Metrics();
+    Metrics(const Metrics&) = delete;
+    Metrics& operator=(const Metrics&) = delete;
+
+    // A run of the plug-in's operation begins and ends, on the thread that holds the host lock.
+    void operationBegan(const std::string& operation);
+    void operationEnded(const std::string& operation, bool idle, const Outcome& outcome);
+    // The jobs that run at load begin and end.
+    void atLoadBegan();
+    void atLoadEnded();
+    // What job control did, from its watcher.
+    void jobMoved(const JobMove& move);
+
+    // A message that the plug-in logged: the housekeeping says so when it puts a folder back.
+    void logged(const std::string& message);
+    void requestRefused(RefusalReason reason);
+    void consoleSessionOpened();
+
+    // Every figure in the text exposition format 0.0.4.
+    std::string exposition() const;
+    // What status --details and the console show of the ledger.
+    PlistValue ledgerFigures() const;
+
+  private:
+    struct Families;
+    void beginRun(RunMoves moves);
+    void endRun(const Outcome* outcome, bool tick);
+    void recordMovesLocked(const Outcome* outcome, bool& changed);
+    void setStateLocked(std::string_view state);
+    void learnFromStateReport(const Outcome& outcome);
+
+    const std::string ledgerPath_;
+    const std::function<ServiceSample()> sample_;
+    std::shared_ptr<prometheus::Registry> registry_;
+    std::unique_ptr<Families> families_;
+
+    mutable std::mutex mutex_;
+    RestartLedger ledger_;
+    RunMoves run_;
+    std::chrono::steady_clock::time_point runBegan_;
+    std::vector<JobMove> moves_;
+    std::string state_ = "stopped";
+    std::string serverVersion_;
+};
+
+}  // namespace velnor::host
