@@ -12,6 +12,7 @@ import os
 import plistlib
 import pwd
 import re
+import socket
 import stat
 import subprocess
 import sys
@@ -194,6 +195,13 @@ def wait_until(condition, what, seconds=WAIT_SECONDS):
         if time.monotonic() > deadline:
             raise AssertionError(f"waited {seconds:.0f} s in vain until {what}")
         time.sleep(POLL_SECONDS)
+
+
+def free_port():
+    """A loopback port that nothing listens on now: the sandbox shares the machine's network."""
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
 
 
 def process_alive(pid):

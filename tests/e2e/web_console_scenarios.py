@@ -48,13 +48,6 @@ for _ in sys.stdin:
 """
 
 
-def free_port():
-    """A loopback port that nothing listens on now: the sandbox shares the machine's network."""
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
 def reuse_port_listener():
     """A socket that asks to share its port, as the web server library's own listener does."""
     listener = socket.socket()
@@ -79,7 +72,7 @@ class WebConsole(harness.ScenarioCase):
         token."""
         if os.path.exists(TOKEN_FILE):
             os.unlink(TOKEN_FILE)
-        daemon = self.start_daemon(port or free_port())
+        daemon = self.start_daemon(port or harness.free_port())
         harness.wait_until(lambda: os.path.exists(TOKEN_FILE), "velnord wrote its token")
         url = subprocess.run([self.host.velnor, "web-url"], capture_output=True, text=True, check=True)
         prefix = f"http://127.0.0.1:{self.port}/?token="
