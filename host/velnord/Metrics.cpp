@@ -52,9 +52,14 @@ std::string errorCodeOf(const Outcome& outcome) {
     return error->asString() != nullptr ? *error->asString() : "unnamed";
 }
 
-// The server's version number as the probe gives it (150010) in the server's own words (15.10).
+// The server's version number as the probe gives it in the server's own words: 150010 is 15.10
+// and, before 10, 90624 is 9.6.24.
 std::string versionText(std::int64_t number) {
-    return std::to_string(number / 10000) + "." + std::to_string(number % 10000);
+    if (number >= 100000) {
+        return std::to_string(number / 10000) + "." + std::to_string(number % 10000);
+    }
+    return std::to_string(number / 10000) + "." + std::to_string(number / 100 % 100) + "." +
+           std::to_string(number % 100);
 }
 
 double secondsBetween(std::chrono::steady_clock::time_point from,

@@ -228,6 +228,7 @@ class WebConsole(harness.ScenarioCase):
         see("messages", RESTARTING, None)
         see("settings-result", "done", "03-work-mem-saved")
         self.assertEqual(harness.psql("SHOW work_mem"), "12MB")
+        see("starts-today", "1 operator, 1 settings change", None)
 
         job = harness.job_file_bytes()
         checked = self.velnor("settings", "--check", "work_mem=16MB", "shared_buffers=lots", status=1)
