@@ -357,7 +357,9 @@ int run(const Options& options) {
         return kExitNoLock;
     }
     // Every start and stop of the service, whoever asks for it, goes to the ledger.
-    Metrics metrics(loadRestartLedger(), kRestartLedgerPath);
+    // The idle ticks sample the service's process and connections only for a scraper to see.
+    Metrics metrics(loadRestartLedger(), kRestartLedgerPath,
+                    options.metrics ? sampleService : std::function<ServiceSample()>());
     watchJobMoves([&metrics](const JobMove& move) { metrics.jobMoved(move); });
     std::optional<int> status = startUp(**module, *hostLock, metrics);
     if (!status) {

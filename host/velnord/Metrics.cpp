@@ -1,13 +1,6 @@
 #include "Metrics.h"
 
-#include <prometheus/counter.h>
-#include <prometheus/gauge.h>
-#include <prometheus/histogram.h>
-#include <prometheus/registry.h>
-#include <prometheus/text_serializer.h>
 #include <syslog.h>
-
-#include <algorithm>
 
 #include "Explanations.h"
 #include "LaunchDaemon.h"
@@ -17,21 +10,13 @@
 namespace velnor::host {
 namespace {
 
-using prometheus::Counter;
-using prometheus::Family;
-using prometheus::Gauge;
-using prometheus::Histogram;
-
-constexpr std::string_view kStates[] = {"running", "stopped", "starting", "stopping"};
+constexpr std::string_view kStates[] = {"running", "starting", "stopping", "stopped"};
 constexpr MoveCause kCauses[] = {MoveCause::Operator, MoveCause::SettingsChange,
                                  MoveCause::Migration, MoveCause::AtLoad, MoveCause::StopDeadline};
 
-// From a state report's millisecond of a call to a settings change's few seconds of restart.
-const Histogram::BucketBoundaries& durationBuckets() {
-    static const Histogram::BucketBoundaries buckets{
-        0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1, 2.5, 5, 10, 30};
-    return buckets;
-}
+// From a state report's millisecond to a settings change's few seconds of restart.
+const std::vector<double> kDurationBounds{0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1,
+                                          0.25,   0.5,   1,      2.5,   5,    10,    30};
 
 // What a call came to: "ok", "error" (an error response) or "no response" (it threw).
 std::string outcomeName(const Outcome& outcome) {
@@ -67,6 +52,28 @@ double secondsBetween(std::chrono::steady_clock::time_point from,
     return std::chrono::duration<double>(to - from).count();
 }
 
+void writeCauseCounts(std::string& out, std::string_view name, std::string_view help,
+                      const CauseCounts& counts) {
+    writeFamilyHeader(out, name, help, MetricType::Counter);
+    for (MoveCause cause : kCauses) {
+        writeSample(out, name, {{"cause", causeName(cause)}},
+                    static_cast<double>(counts[static_cast<std::size_t>(cause)]));
+    }
+}
+
+void writeCodeCounts(std::string& out, std::string_view name, std::string_view help,
+                     const std::map<std::string, std::uint64_t>& counts) {
+    writeFamilyHeader(out, name, help, MetricType::Counter);
+    for (const auto& [code, count] : counts) {
+        writeSample(out, name, {{"code", code}}, static_cast<double>(count));
+    }
+}
+
+void writeGauge(std::string& out, std::string_view name, std::string_view help, double value) {
+    writeFamilyHeader(out, name, help, MetricType::Gauge);
+    writeSample(out, name, {}, value);
+}
+
 }  // namespace
 
 ServiceSample sampleService() {
@@ -87,161 +94,12 @@ ServiceSample sampleService() {
     return sample;
 }
 
-struct Metrics::Families {
-    explicit Families(prometheus::Registry& registry)
-        : state(prometheus::BuildGauge()
-                    .Name("velnor_service_state")
-                    .Help("1 for the state the service is in, 0 for the others: running (the job "
-                          "runs), starting (a start waits for the server), stopping (a stop "
-                          "waits for the server to end), stopped (no process of the job runs)")
-                    .Register(registry)),
-          probeAnswered(prometheus::BuildGauge()
-                            .Name("velnor_server_probe_answered")
-                            .Help("1 when the server answered the plug-in's last liveness probe "
-                                  "(a start, a stop or a detailed state report), else 0")
-                            .Register(registry)
-                            .Add({})),
-          serverInfo(prometheus::BuildGauge()
-                         .Name("velnor_server_info")
-                         .Help("1, labelled with the version the server gave its last probe")
-                         .Register(registry)),
-          starts(prometheus::BuildCounter()
-                     .Name("velnor_service_starts_total")
-                     .Help("Starts of the service by cause, kept across restarts of velnord")
-                     .Register(registry)),
-          stops(prometheus::BuildCounter()
-                    .Name("velnor_service_stops_total")
-                    .Help("Stops of the service by cause (the stop deadline's are SIGKILLs), kept "
-                          "across restarts of velnord")
-                    .Register(registry)),
-          startFailures(prometheus::BuildCounter()
-                            .Name("velnor_service_start_failures_total")
-                            .Help("Starts that failed, by the plug-in's error code")
-                            .Register(registry)),
-          stopFailures(prometheus::BuildCounter()
-                           .Name("velnor_service_stop_failures_total")
-                           .Help("Stops that failed, by the plug-in's error code")
-                           .Register(registry)),
-          lastStart(prometheus::BuildGauge()
-                        .Name("velnor_service_last_start_timestamp_seconds")
-                        .Help("When the last start was asked for, in seconds since 1970")
-                        .Register(registry)
-                        .Add({})),
-          lastStartDuration(prometheus::BuildGauge()
-                                .Name("velnor_service_last_start_duration_seconds")
-                                .Help("How long the last start took, until the server answered "
-                                      "or the call that asked for it ended")
-                                .Register(registry)
-                                .Add({})),
-          lastStopDuration(prometheus::BuildGauge()
-                               .Name("velnor_service_last_stop_duration_seconds")
-                               .Help("How long the last stop took, until the server had gone or "
-                                     "the call that asked for it ended")
-                               .Register(registry)
-                               .Add({})),
-          operations(prometheus::BuildCounter()
-                         .Name("velnor_operations_total")
-                         .Help("Calls of the plug-in's operations by operation and outcome (ok, "
-                               "error, no response)")
-                         .Register(registry)),
-          operationDuration(prometheus::BuildHistogram()
-                                .Name("velnor_operation_duration_seconds")
-                                .Help("How long the plug-in's operations took, idle ticks apart")
-                                .Register(registry)),
-          ticks(prometheus::BuildCounter()
-                    .Name("velnor_idle_ticks_total")
-                    .Help("Idle ticks that ran the plug-in's housekeeping")
-                    .Register(registry)
-                    .Add({})),
-          tickDuration(prometheus::BuildHistogram()
-                           .Name("velnor_idle_tick_duration_seconds")
-                           .Help("How long the idle ticks took")
-                           .Register(registry)
-                           .Add({}, durationBuckets())),
-          foldersPutBack(prometheus::BuildCounter()
-                             .Name("velnor_housekeeping_folders_put_back_total")
-                             .Help("Folders that the housekeeping found missing and created again")
-                             .Register(registry)),
-          refused(prometheus::BuildCounter()
-                      .Name("velnor_requests_refused_total")
-                      .Help("Requests on the control socket that velnord refused, by reason")
-                      .Register(registry)),
-          consoleSessions(prometheus::BuildCounter()
-                              .Name("velnor_console_sessions_total")
-                              .Help("Sessions that the web console opened")
-                              .Register(registry)
-                              .Add({})),
-          connections(prometheus::BuildGauge()
-                          .Name("velnor_server_connections")
-                          .Help("The server's client connections by state, as their process "
-                                "titles showed them at the last idle tick")
-                          .Register(registry)) {
-        prometheus::BuildGauge()
-            .Name("velnor_build_info")
-            .Help("1, labelled with velnord's version")
-            .Register(registry)
-            .Add({{"version", VELNOR_VERSION}})
-            .Set(1);
-        for (MoveCause cause : kCauses) {
-            starts.Add({{"cause", std::string(causeName(cause))}});
-            stops.Add({{"cause", std::string(causeName(cause))}});
-        }
-        for (std::string_view name : {"socket", "log"}) {
-            foldersPutBack.Add({{"folder", std::string(name)}});
-        }
-        for (std::string_view reason : {"not allowed", "malformed"}) {
-            refused.Add({{"reason", std::string(reason)}});
-        }
-        for (std::string_view name : {"idle", "idle in transaction", "active"}) {
-            connections.Add({{"state", std::string(name)}});
-        }
-    }
-
-    Family<Gauge>& state;
-    Gauge& probeAnswered;
-    Family<Gauge>& serverInfo;
-    Family<Counter>& starts;
-    Family<Counter>& stops;
-    Family<Counter>& startFailures;
-    Family<Counter>& stopFailures;
-    Gauge& lastStart;
-    Gauge& lastStartDuration;
-    Gauge& lastStopDuration;
-    Family<Counter>& operations;
-    Family<Histogram>& operationDuration;
-    Counter& ticks;
-    Histogram& tickDuration;
-    Family<Counter>& foldersPutBack;
-    Family<Counter>& refused;
-    Counter& consoleSessions;
-    Family<Gauge>& connections;
-};
-
 Metrics::Metrics(RestartLedger ledger, std::string ledgerPath,
                  std::function<ServiceSample()> sample)
     : ledgerPath_(std::move(ledgerPath)),
       sample_(std::move(sample)),
-      registry_(std::make_shared<prometheus::Registry>()),
-      families_(std::make_unique<Families>(*registry_)),
-      ledger_(std::move(ledger)) {
-    for (MoveCause cause : kCauses) {
-        const std::size_t index = static_cast<std::size_t>(cause);
-        families_->starts.Add({{"cause", std::string(causeName(cause))}})
-            .Increment(static_cast<double>(ledger_.starts[index]));
-        families_->stops.Add({{"cause", std::string(causeName(cause))}})
-            .Increment(static_cast<double>(ledger_.stops[index]));
-    }
-    for (const auto& [code, count] : ledger_.startFailures) {
-        families_->startFailures.Add({{"code", code}}).Increment(static_cast<double>(count));
-    }
-    for (const auto& [code, count] : ledger_.stopFailures) {
-        families_->stopFailures.Add({{"code", code}}).Increment(static_cast<double>(count));
-    }
-    families_->lastStart.Set(static_cast<double>(ledger_.lastStart.value_or(0)));
-    families_->lastStartDuration.Set(ledger_.lastStartSeconds);
-    families_->lastStopDuration.Set(ledger_.lastStopSeconds);
-    setStateLocked(state_);
-}
+      ledger_(std::move(ledger)),
+      tickDurations_(&kDurationBounds) {}
 
 Metrics::~Metrics() = default;
 
@@ -250,15 +108,17 @@ void Metrics::operationBegan(const std::string& operation) {
 }
 
 void Metrics::operationEnded(const std::string& operation, bool idle, const Outcome& outcome) {
-    const double took = secondsBetween(runBegan_, std::chrono::steady_clock::now());
-    if (idle) {
-        families_->ticks.Increment();
-        families_->tickDuration.Observe(took);
-    } else {
-        families_->operations.Add({{"operation", operation}, {"outcome", outcomeName(outcome)}})
-            .Increment();
-        families_->operationDuration.Add({{"operation", operation}}, durationBuckets())
-            .Observe(took);
+    {
+        std::lock_guard lock(mutex_);
+        const double took = secondsBetween(runBegan_, std::chrono::steady_clock::now());
+        if (idle) {
+            ++ticks_;
+            tickDurations_.observe(took);
+        } else {
+            ++operations_[operation][outcomeName(outcome)];
+            operationDurations_.try_emplace(operation, &kDurationBounds)
+                .first->second.observe(took);
+        }
     }
     if (operation == "getStateWithRequest") {
         learnFromStateReport(outcome);
@@ -288,14 +148,15 @@ void Metrics::jobMoved(const JobMove& move) {
     std::lock_guard lock(mutex_);
     moves_.push_back(move);
     if (move.done) {
-        setStateLocked(move.kind == JobMoveKind::Start  ? "starting"
-                       : move.kind == JobMoveKind::Stop ? "stopping"
-                                                        : "stopped");
+        state_ = move.kind == JobMoveKind::Start  ? "starting"
+                 : move.kind == JobMoveKind::Stop ? "stopping"
+                                                  : "stopped";
     }
 }
 
-// The run's moves go to the ledger, and the state is sampled again: after an idle tick, and
-// after any run that moved the job.
+// The run's moves go to the ledger, and the state is sampled again after an idle tick and after
+// any run that moved the job. The sample is taken outside the lock: asking job control about the
+// job may move it (a stop past its deadline is killed), and the move is told here.
 void Metrics::endRun(const Outcome* outcome, bool tick) {
     bool moved = false;
     {
@@ -306,38 +167,29 @@ void Metrics::endRun(const Outcome* outcome, bool tick) {
     if ((moved || tick) && sample_) {
         sample = sample_();
     }
-    bool changed = false;
-    RestartLedger written;
+    std::optional<RestartLedger> changed;
     {
         std::lock_guard lock(mutex_);
-        recordMovesLocked(outcome, changed);
+        if (recordMovesLocked(outcome)) {
+            changed = ledger_;
+        }
         if (sample) {
-            setStateLocked(!sample->running   ? "stopped"
-                           : sample->stopping ? "stopping"
-                                              : "running");
-            if (!sample->running) {
-                families_->probeAnswered.Set(0);
-            }
+            state_ = !sample->running ? "stopped" : sample->stopping ? "stopping" : "running";
+            probeAnswered_ = sample->running ? probeAnswered_ : false;
             if (tick) {
-                families_->connections.Add({{"state", "idle"}})
-                    .Set(static_cast<double>(sample->idle));
-                families_->connections.Add({{"state", "idle in transaction"}})
-                    .Set(static_cast<double>(sample->idleInTransaction));
-                families_->connections.Add({{"state", "active"}})
-                    .Set(static_cast<double>(sample->active));
+                connections_ = *sample;
             }
         }
-        written = ledger_;
     }
     if (changed && !ledgerPath_.empty()) {
-        if (support::Status saved = writeLedgerFile(ledgerPath_, written); !saved) {
+        if (support::Status saved = writeLedgerFile(ledgerPath_, *changed); !saved) {
             ::syslog(LOG_ERR, "the restart ledger is kept in memory only: %s",
                      saved.message().c_str());
         }
     }
 }
 
-void Metrics::recordMovesLocked(const Outcome* outcome, bool& changed) {
+bool Metrics::recordMovesLocked(const Outcome* outcome) {
     const auto now = std::chrono::steady_clock::now();
     const auto systemNow = std::chrono::system_clock::now();
     std::vector<JobMoveKind> kinds;
@@ -348,58 +200,39 @@ void Metrics::recordMovesLocked(const Outcome* outcome, bool& changed) {
     const bool ownIsOne = run_.own == RunMoves::Own::Start || run_.own == RunMoves::Own::Stop;
     for (std::size_t index = 0; index < moves_.size(); ++index) {
         const JobMove& move = moves_[index];
+        // A move lasts until the next one is asked for, or the run ends.
         const auto ended = index + 1 < moves_.size() ? moves_[index + 1].began : now;
         const double took = secondsBetween(move.began, ended);
         const bool start = move.kind == JobMoveKind::Start;
-        const std::string cause(causeName(causes[index]));
         if (start) {
             const auto began = std::chrono::time_point_cast<std::chrono::system_clock::duration>(
                 systemNow - (now - move.began));
             recordStart(ledger_, causes[index], began, took);
-            families_->starts.Add({{"cause", cause}}).Increment();
-            families_->lastStart.Set(static_cast<double>(*ledger_.lastStart));
-            families_->lastStartDuration.Set(took);
         } else {
             recordStop(ledger_, causes[index], took);
-            families_->stops.Add({{"cause", cause}}).Increment();
-            families_->lastStopDuration.Set(took);
         }
         // A start or stop call answers for its own move's failure, with the code it answers.
         const bool answeredFor = ownIsOne && causes[index] == run_.cause;
         if (!move.done && !answeredFor) {
-            const std::string code = start ? "CANNOT_START_SERVICE_ERR" : "CANNOT_STOP_SERVICE_ERR";
-            recordFailure(ledger_, start, code);
-            (start ? families_->startFailures : families_->stopFailures)
-                .Add({{"code", code}})
-                .Increment();
+            recordFailure(ledger_, start,
+                          start ? "CANNOT_START_SERVICE_ERR" : "CANNOT_STOP_SERVICE_ERR");
         }
+    }
+    bool changed = !moves_.empty();
+    moves_.clear();
+    if (!ownIsOne || outcome == nullptr) {
+        return changed;
+    }
+    const std::string code = errorCodeOf(*outcome);
+    if (!code.empty()) {
+        recordFailure(ledger_, run_.own == RunMoves::Own::Start, code);
         changed = true;
     }
-    moves_.clear();
-    if (ownIsOne && outcome != nullptr) {
-        if (const std::string code = errorCodeOf(*outcome); !code.empty()) {
-            const bool start = run_.own == RunMoves::Own::Start;
-            recordFailure(ledger_, start, code);
-            // The ledger keeps a bounded number of codes; the metric shows the same ones.
-            const auto& kept = start ? ledger_.startFailures : ledger_.stopFailures;
-            const std::string shown = kept.contains(code) ? code : "other";
-            (start ? families_->startFailures : families_->stopFailures)
-                .Add({{"code", shown}})
-                .Increment();
-            changed = true;
-        }
-        families_->probeAnswered.Set(run_.own == RunMoves::Own::Start && outcome->answered &&
-                                             errorCodeOf(*outcome).empty()
-                                         ? 1
-                                         : 0);
+    // A start answers once the server does; a stop once it no longer does.
+    if (outcome->answered) {
+        probeAnswered_ = run_.own == RunMoves::Own::Start && code.empty();
     }
-}
-
-void Metrics::setStateLocked(std::string_view state) {
-    state_ = std::string(state);
-    for (std::string_view name : kStates) {
-        families_->state.Add({{"state", std::string(name)}}).Set(name == state ? 1 : 0);
-    }
+    return changed;
 }
 
 // A state report tells whether the job runs, and a detailed one what the probe found.
@@ -411,47 +244,153 @@ void Metrics::learnFromStateReport(const Outcome& outcome) {
     std::lock_guard lock(mutex_);
     if (const PlistValue* state = report->find("state"); state && state->asString()) {
         if (*state->asString() == "STOPPED") {
-            setStateLocked("stopped");
+            state_ = "stopped";
         } else if (state_ == "stopped") {
-            setStateLocked("running");
+            state_ = "running";
         }
     }
     const PlistValue* responding = report->find("postgresIsResponding");
-    if (responding == nullptr || !responding->asBoolean()) {
+    if (responding == nullptr || !responding->asBoolean().has_value()) {
         return;
     }
-    families_->probeAnswered.Set(*responding->asBoolean() ? 1 : 0);
+    probeAnswered_ = *responding->asBoolean();
     const PlistValue* version = report->find("PGserverVersion");
     const std::optional<std::int64_t> number = version ? version->asInteger() : std::nullopt;
-    if (number && *number > 0 && versionText(*number) != serverVersion_) {
-        if (!serverVersion_.empty()) {
-            families_->serverInfo.Remove(&families_->serverInfo.Add({{"version", serverVersion_}}));
-        }
+    if (number && *number > 0) {
         serverVersion_ = versionText(*number);
-        families_->serverInfo.Add({{"version", serverVersion_}}).Set(1);
     }
 }
 
 void Metrics::logged(const std::string& message) {
     for (const FolderNotice& notice : kFolderPutBackNotices) {
         if (message.find(notice.words) != std::string::npos) {
-            families_->foldersPutBack.Add({{"folder", std::string(notice.folder)}}).Increment();
+            std::lock_guard lock(mutex_);
+            ++(notice.folder == "socket" ? socketFoldersPutBack_ : logFoldersPutBack_);
         }
     }
 }
 
 void Metrics::requestRefused(RefusalReason reason) {
-    families_->refused
-        .Add({{"reason", reason == RefusalReason::NotAllowed ? "not allowed" : "malformed"}})
-        .Increment();
+    std::lock_guard lock(mutex_);
+    ++(reason == RefusalReason::NotAllowed ? refusedNotAllowed_ : refusedMalformed_);
 }
 
 void Metrics::consoleSessionOpened() {
-    families_->consoleSessions.Increment();
+    std::lock_guard lock(mutex_);
+    ++consoleSessions_;
+}
+
+void Metrics::writeServiceLocked(std::string& out) const {
+    writeFamilyHeader(out, "velnor_service_state",
+                      "1 for the state the service is in, 0 for the others: running (the job "
+                      "runs), starting (a start waits for the server), stopping (a stop waits "
+                      "for the server to end), stopped (no process of the job runs)",
+                      MetricType::Gauge);
+    for (std::string_view state : kStates) {
+        writeSample(out, "velnor_service_state", {{"state", state}}, state == state_ ? 1 : 0);
+    }
+    writeGauge(out, "velnor_server_probe_answered",
+               "1 when the server answered the plug-in's last liveness probe (a start, a stop or "
+               "a detailed state report), 0 when it did not or the job has since ended",
+               probeAnswered_.value_or(false) ? 1 : 0);
+    if (!serverVersion_.empty()) {
+        writeFamilyHeader(out, "velnor_server_info",
+                          "1, labelled with the version the server gave the last probe",
+                          MetricType::Gauge);
+        writeSample(out, "velnor_server_info", {{"version", serverVersion_}}, 1);
+    }
+    writeFamilyHeader(out, "velnor_server_connections",
+                      "The server's client connections by state, as their process titles showed "
+                      "them at the last idle tick",
+                      MetricType::Gauge);
+    writeSample(out, "velnor_server_connections", {{"state", "idle"}},
+                static_cast<double>(connections_.idle));
+    writeSample(out, "velnor_server_connections", {{"state", "idle in transaction"}},
+                static_cast<double>(connections_.idleInTransaction));
+    writeSample(out, "velnor_server_connections", {{"state", "active"}},
+                static_cast<double>(connections_.active));
+}
+
+void Metrics::writeLedgerLocked(std::string& out) const {
+    writeCauseCounts(out, "velnor_service_starts_total",
+                     "Starts of the service by cause, kept across restarts of velnord",
+                     ledger_.starts);
+    writeCauseCounts(out, "velnor_service_stops_total",
+                     "Stops of the service by cause (the stop deadline's are SIGKILLs), kept "
+                     "across restarts of velnord",
+                     ledger_.stops);
+    writeCodeCounts(out, "velnor_service_start_failures_total",
+                    "Starts that failed, by the plug-in's error code", ledger_.startFailures);
+    writeCodeCounts(out, "velnor_service_stop_failures_total",
+                    "Stops that failed, by the plug-in's error code", ledger_.stopFailures);
+    writeGauge(out, "velnor_service_last_start_timestamp_seconds",
+               "When the last start was asked for, in seconds since 1970 (0 for never)",
+               static_cast<double>(ledger_.lastStart.value_or(0)));
+    writeGauge(out, "velnor_service_last_start_duration_seconds",
+               "How long the last start took, until the server answered or the call that asked "
+               "for it ended",
+               ledger_.lastStartSeconds);
+    writeGauge(out, "velnor_service_last_stop_duration_seconds",
+               "How long the last stop took, until the server had gone or the call that asked "
+               "for it ended",
+               ledger_.lastStopSeconds);
+}
+
+void Metrics::writeDaemonLocked(std::string& out) const {
+    writeFamilyHeader(out, "velnor_operations_total",
+                      "Calls of the plug-in's operations by operation and outcome (ok, error, no "
+                      "response), idle ticks apart",
+                      MetricType::Counter);
+    for (const auto& [operation, outcomes] : operations_) {
+        for (const auto& [outcome, count] : outcomes) {
+            writeSample(out, "velnor_operations_total",
+                        {{"operation", operation}, {"outcome", outcome}},
+                        static_cast<double>(count));
+        }
+    }
+    writeFamilyHeader(out, "velnor_operation_duration_seconds",
+                      "How long the plug-in's operations took, idle ticks apart",
+                      MetricType::Histogram);
+    for (const auto& [operation, durations] : operationDurations_) {
+        writeHistogram(out, "velnor_operation_duration_seconds", {{"operation", operation}},
+                       durations);
+    }
+    writeFamilyHeader(out, "velnor_idle_ticks_total",
+                      "Idle ticks that ran the plug-in's housekeeping", MetricType::Counter);
+    writeSample(out, "velnor_idle_ticks_total", {}, static_cast<double>(ticks_));
+    writeFamilyHeader(out, "velnor_idle_tick_duration_seconds", "How long the idle ticks took",
+                      MetricType::Histogram);
+    writeHistogram(out, "velnor_idle_tick_duration_seconds", {}, tickDurations_);
+    writeFamilyHeader(out, "velnor_housekeeping_folders_put_back_total",
+                      "Folders that the housekeeping found missing and created again",
+                      MetricType::Counter);
+    writeSample(out, "velnor_housekeeping_folders_put_back_total", {{"folder", "socket"}},
+                static_cast<double>(socketFoldersPutBack_));
+    writeSample(out, "velnor_housekeeping_folders_put_back_total", {{"folder", "log"}},
+                static_cast<double>(logFoldersPutBack_));
+    writeFamilyHeader(out, "velnor_requests_refused_total",
+                      "Requests on the control socket that velnord refused, by reason",
+                      MetricType::Counter);
+    writeSample(out, "velnor_requests_refused_total", {{"reason", "not allowed"}},
+                static_cast<double>(refusedNotAllowed_));
+    writeSample(out, "velnor_requests_refused_total", {{"reason", "malformed"}},
+                static_cast<double>(refusedMalformed_));
+    writeFamilyHeader(out, "velnor_console_sessions_total", "Sessions that the web console opened",
+                      MetricType::Counter);
+    writeSample(out, "velnor_console_sessions_total", {}, static_cast<double>(consoleSessions_));
+    writeFamilyHeader(out, "velnor_build_info", "1, labelled with velnord's version",
+                      MetricType::Gauge);
+    writeSample(out, "velnor_build_info", {{"version", VELNOR_VERSION}}, 1);
 }
 
 std::string Metrics::exposition() const {
-    return prometheus::TextSerializer().Serialize(registry_->Collect());
+    std::string out;
+    out.reserve(16384);
+    std::lock_guard lock(mutex_);
+    writeServiceLocked(out);
+    writeLedgerLocked(out);
+    writeDaemonLocked(out);
+    return out;
 }
 
 PlistValue Metrics::ledgerFigures() const {

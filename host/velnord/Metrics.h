@@ -8,22 +8,19 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <memory>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Exposition.h"
 #include "Invocation.h"
 #include "JobMoves.h"
 #include "MoveCauses.h"
 #include "PlistValue.h"
 #include "RestartLedger.h"
-
-namespace prometheus {
-class Registry;
-}
 
 namespace velnor::host {
 
@@ -46,7 +43,8 @@ ServiceSample sampleService();
 class Metrics {
   public:
     // Starts from ledger, the one read at start-up; the ledger is written to ledgerPath after
-    // each run that changed it (an empty path writes nothing). sample gives what a tick sees.
+    // each run that changed it (an empty path writes nothing). sample gives what a tick sees;
+    // without it, ticks see nothing and the state follows the moves and state reports alone.
     Metrics(RestartLedger ledger, std::string ledgerPath,
             std::function<ServiceSample()> sample = sampleService);
     ~Metrics();
@@ -67,23 +65,23 @@ class Metrics {
     void requestRefused(RefusalReason reason);
     void consoleSessionOpened();
 
-    // Every figure in the text exposition format 0.0.4.
+    // Every figure in the text exposition format 0.0.4 (Exposition.h).
     std::string exposition() const;
     // What status --details and the console show of the ledger.
     PlistValue ledgerFigures() const;
 
   private:
-    struct Families;
     void beginRun(RunMoves moves);
     void endRun(const Outcome* outcome, bool tick);
-    void recordMovesLocked(const Outcome* outcome, bool& changed);
-    void setStateLocked(std::string_view state);
+    // True when the ledger changed.
+    bool recordMovesLocked(const Outcome* outcome);
     void learnFromStateReport(const Outcome& outcome);
+    void writeServiceLocked(std::string& out) const;
+    void writeLedgerLocked(std::string& out) const;
+    void writeDaemonLocked(std::string& out) const;
 
     const std::string ledgerPath_;
     const std::function<ServiceSample()> sample_;
-    std::shared_ptr<prometheus::Registry> registry_;
-    std::unique_ptr<Families> families_;
 
     mutable std::mutex mutex_;
     RestartLedger ledger_;
@@ -91,7 +89,19 @@ class Metrics {
     std::chrono::steady_clock::time_point runBegan_;
     std::vector<JobMove> moves_;
     std::string state_ = "stopped";
+    std::optional<bool> probeAnswered_;
     std::string serverVersion_;
+    // By operation, then outcome.
+    std::map<std::string, std::map<std::string, std::uint64_t>> operations_;
+    std::map<std::string, HistogramValue> operationDurations_;
+    std::uint64_t ticks_ = 0;
+    HistogramValue tickDurations_;
+    std::uint64_t socketFoldersPutBack_ = 0;
+    std::uint64_t logFoldersPutBack_ = 0;
+    std::uint64_t refusedNotAllowed_ = 0;
+    std::uint64_t refusedMalformed_ = 0;
+    std::uint64_t consoleSessions_ = 0;
+    ServiceSample connections_;
 };
 
 }  // namespace velnor::host

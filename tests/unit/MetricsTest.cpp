@@ -114,9 +114,10 @@ TEST(Metrics, StartsFromTheLedgerItWasGiven) {
     ledger.lastStart = 1795566412;
     Metrics metrics(ledger, "", nullptr);
     const std::string text = metrics.exposition();
-    for (const char* line : {"velnor_service_starts_total{cause=\"migration\"} 7",
-                             "velnor_service_stop_failures_total{code=\"CANNOT_STOP_SERVICE_ERR\"} 2",
-                             "velnor_service_last_start_timestamp_seconds 1795566412"}) {
+    for (const char* line :
+         {"velnor_service_starts_total{cause=\"migration\"} 7",
+          "velnor_service_stop_failures_total{code=\"CANNOT_STOP_SERVICE_ERR\"} 2",
+          "velnor_service_last_start_timestamp_seconds 1795566412"}) {
         EXPECT_NE(text.find(std::string(line) + "\n"), std::string::npos) << line << "\n" << text;
     }
 }

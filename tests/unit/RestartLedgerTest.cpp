@@ -83,8 +83,10 @@ TEST(RestartLedger, RefusesAFileThatIsNotOneWhole) {
         {"no version", without("ledgerVersion")},
         {"no starts", without("starts")},
         {"starts not a dictionary", changed("starts", PlistValue::integer(1))},
-        {"an unknown cause", changed("starts", PlistDictionary{{"cosmic ray", PlistValue::integer(1)}})},
-        {"a negative count", changed("stops", PlistDictionary{{"operator", PlistValue::integer(-1)}})},
+        {"an unknown cause",
+         changed("starts", PlistDictionary{{"cosmic ray", PlistValue::integer(1)}})},
+        {"a negative count",
+         changed("stops", PlistDictionary{{"operator", PlistValue::integer(-1)}})},
         {"a count as text", changed("startsToday", PlistDictionary{{"operator", PlistValue("1")}})},
         {"a code without a count",
          changed("stopFailures", PlistDictionary{{"X", PlistValue::boolean(true)}})},
@@ -109,13 +111,14 @@ TEST(RestartLedger, ShowsTheLastStartAndOnlyTodaysStarts) {
     recordStart(ledger, MoveCause::AtLoad, at(978307200 + 60), 1.0);
     const PlistValue today = ledgerFigures(ledger, ledger.day);
     EXPECT_EQ(*today.asDictionary()->find("lastStart"), PlistValue::date(60));
-    EXPECT_EQ(today.asDictionary()->find("startsToday")->asDictionary()->find("at load")->asInteger(),
-              1);
+    EXPECT_EQ(
+        today.asDictionary()->find("startsToday")->asDictionary()->find("at load")->asInteger(), 1);
     const PlistValue tomorrow = ledgerFigures(ledger, "2999-01-01");
     EXPECT_EQ(
         tomorrow.asDictionary()->find("startsToday")->asDictionary()->find("at load")->asInteger(),
         0);
-    EXPECT_FALSE(ledgerFigures(RestartLedger{}, "2999-01-01").asDictionary()->contains("lastStart"));
+    EXPECT_FALSE(
+        ledgerFigures(RestartLedger{}, "2999-01-01").asDictionary()->contains("lastStart"));
 }
 
 }  // namespace
