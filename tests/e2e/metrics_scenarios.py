@@ -7,6 +7,7 @@ ledger kept across a restart of the daemon, or refused whole when its file is no
 import http.client
 import json
 import os
+import plistlib
 import signal
 import subprocess
 import sys
@@ -19,6 +20,7 @@ import harness  # noqa: E402
 from harness import sandbox  # noqa: E402
 
 LEDGER = "/var/lib/velnor/ledger.plist"
+LOAD_FOLDER = "/Library/LaunchDaemons"
 CONTROL_SOCKET = "/run/velnor/velnord.sock"
 
 # Prometheus scrapes velnord every second, so that a change shows within a few polls.
@@ -144,6 +146,30 @@ class Metrics(harness.ScenarioCase):
         sees('velnor_service_state{state="stopped"}', 1, "the killed server stopped")
         sees('velnor_service_starts_total{cause="operator"}', 2, "both of the operator's starts")
         sees('up{job="velnord"}', 1, "velnord scraped all along")
+
+    @sandbox("--initdb", "--socket-dir", "--log-dir")
+    def test_the_ledger_counts_starts_at_load_and_kills_at_the_deadline(self):
+        """The service's job runs at load, and ignores SIGTERM: the operator's stop times out,
+        and velnord kills the job when its ExitTimeOut ends."""
+        job = harness.read_job_file()
+        server = " ".join(f"'{argument}'" for argument in job["ProgramArguments"])
+        job.update(ProgramArguments=["/bin/sh", "-c", f"trap '' TERM; {server} & wait"],
+                   ExitTimeOut=2)
+        harness.write_job_file(job)
+        os.makedirs(LOAD_FOLDER, mode=0o755, exist_ok=True)
+        with open(os.path.join(LOAD_FOLDER, "org.postgresql.postgres.plist"), "wb") as out:
+            plistlib.dump({**job, "RunAtLoad": True}, out)
+        self.start_daemon()
+        self.assertEqual(self.scrape()['velnor_service_starts_total{cause="at load"}'], 1)
+        harness.wait_until(harness.answers, "the server started at load answers")
+        self.assertEqual(self.velnor("stop", status=1).response,
+                         {"error": "CANNOT_STOP_SERVICE_TIMEOUT_ERR"}, "the server still answers")
+        self.wait_for_sample('velnor_service_stops_total{cause="stop deadline"}', 1)
+        samples = self.scrape()
+        for name, value in [('velnor_service_stops_total{cause="operator"}', 1),
+                            ('velnor_service_stop_failures_total{code="CANNOT_STOP_SERVICE_TIMEOUT_ERR"}', 1),
+                            ('velnor_service_state{state="stopped"}', 1)]:
+            self.assertEqual(samples.get(name), value, name)
 
     @sandbox("--socket-dir", "--log-dir")
     def test_a_scrape_answers_while_a_start_waits(self):

@@ -62,7 +62,7 @@ class WebConsole(harness.ScenarioCase):
         self.port = port
         velnord = harness.velnord_beside(self.host.velnor)
         daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", "1",
-                                   "--web-listen", f"127.0.0.1:{port}",
+                                   "--web-listen", f"127.0.0.1:{port}", "--no-metrics",
                                    *(["--foreground"] if log else [])], stderr=log)
         self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
         return daemon
