@@ -1,11 +1,10 @@
 #include "MetricsEndpoint.h"
 
 #include <httplib.h>
-#include <signal.h>
-#include <syslog.h>
 
-#include <cerrno>
 #include <string>
+
+#include "HttpListener.h"
 
 namespace velnor::host {
 namespace {
@@ -35,31 +34,10 @@ MetricsEndpoint::MetricsEndpoint(const Metrics& metrics)
 support::Result<std::unique_ptr<MetricsEndpoint>> MetricsEndpoint::start(const Metrics& metrics,
                                                                          const WebListen& listen) {
     std::unique_ptr<MetricsEndpoint> endpoint(new MetricsEndpoint(metrics));
-    const std::string shown = listen.address + ":" + std::to_string(listen.port);
-    errno = 0;
-    if (!endpoint->server_->bind_to_port(listen.address, listen.port)) {
-        // As for the console: the library leaves the bind's errno, and none for a name that it
-        // could not resolve.
-        const int error = errno;
-        return error != 0 ? support::couldNot("listen on", shown, error)
-                          : support::couldNot("listen on", shown, "the address cannot be bound");
+    if (support::Status bound = bindServer(*endpoint->server_, listen); !bound) {
+        return bound.failure();
     }
-    endpoint->thread_ = std::thread([server = endpoint->server_.get()] {
-        // A scraper that goes mid-answer is an error for this thread, never a SIGPIPE for the
-        // daemon; the serving threads inherit the mask.
-        sigset_t pipe;
-        sigemptyset(&pipe);
-        sigaddset(&pipe, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-        // The top of the endpoint's thread: the endpoint may end, never the daemon.
-        try {
-            server->listen_after_bind();
-        } catch (const std::exception& exception) {
-            ::syslog(LOG_ERR, "the metrics endpoint stopped: %s", exception.what());
-        } catch (...) {
-            ::syslog(LOG_ERR, "the metrics endpoint stopped on an exception of an unknown type");
-        }
-    });
+    endpoint->thread_ = serveOnItsOwnThread(*endpoint->server_, "metrics endpoint");
     return endpoint;
 }
 

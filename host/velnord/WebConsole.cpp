@@ -10,6 +10,7 @@
 
 #include "CommandLine.h"
 #include "ExitStatus.h"
+#include "HttpListener.h"
 #include "Output.h"
 #include "PeerAccount.h"
 #include "PluginLoader.h"
@@ -155,36 +156,15 @@ support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescr
         return token.failure();
     }
     std::unique_ptr<WebConsole> console(new WebConsole(plugin, worker, listen, *token, metrics));
-    const std::string shown = listen.address + ":" + std::to_string(listen.port);
-    errno = 0;
-    if (!console->server_->bind_to_port(listen.address, listen.port)) {
-        // The library closes the socket that it could not bind and leaves that bind's errno; a
-        // name that it could not resolve leaves none.
-        const int error = errno;
+    if (support::Status bound = bindServer(*console->server_, listen); !bound) {
         console->stop();
-        return error != 0 ? support::couldNot("listen on", shown, error)
-                          : support::couldNot("listen on", shown, "the address cannot be bound");
+        return bound.failure();
     }
-    if (support::Status published = publishAccess(*token, shown); !published) {
+    if (support::Status published = publishAccess(*token, shownAddress(listen)); !published) {
         console->stop();
         return published.failure();
     }
-    console->thread_ = std::thread([server = console->server_.get()] {
-        // The library writes without MSG_NOSIGNAL: a page closed mid-answer must be an error
-        // for this thread, never a SIGPIPE for the daemon. Its serving threads inherit the mask.
-        sigset_t pipe;
-        sigemptyset(&pipe);
-        sigaddset(&pipe, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-        // The top of the console's thread: the console may end, never the daemon.
-        try {
-            server->listen_after_bind();
-        } catch (const std::exception& exception) {
-            ::syslog(LOG_ERR, "the web console stopped: %s", exception.what());
-        } catch (...) {
-            ::syslog(LOG_ERR, "the web console stopped on an exception of an unknown type");
-        }
-    });
+    console->thread_ = serveOnItsOwnThread(*console->server_, "web console");
     return console;
 }
 
