@@ -145,12 +145,40 @@ void Metrics::jobMoved(const JobMove& move) {
     if (move.label != kServiceLabel) {
         return;
     }
+    if (move.kind == JobMoveKind::Kill) {
+        recordKill(move);
+        return;
+    }
     std::lock_guard lock(mutex_);
     moves_.push_back(move);
     if (move.done) {
-        state_ = move.kind == JobMoveKind::Start  ? "starting"
-                 : move.kind == JobMoveKind::Stop ? "stopping"
-                                                  : "stopped";
+        state_ = move.kind == JobMoveKind::Start ? "starting" : "stopping";
+    }
+}
+
+// A kill is the stop deadline's whichever run makes it, and the state query at the deadline is
+// no run of the plug-in's: it is counted, and the ledger written, at once.
+void Metrics::recordKill(const JobMove& move) {
+    RestartLedger written;
+    {
+        std::lock_guard lock(mutex_);
+        recordStop(ledger_, MoveCause::StopDeadline,
+                   secondsBetween(move.began, std::chrono::steady_clock::now()));
+        if (!move.done) {
+            recordFailure(ledger_, false, "CANNOT_STOP_SERVICE_ERR");
+        }
+        state_ = move.done ? "stopped" : state_;
+        written = ledger_;
+    }
+    saveLedger(written);
+}
+
+void Metrics::saveLedger(const RestartLedger& ledger) const {
+    if (ledgerPath_.empty()) {
+        return;
+    }
+    if (support::Status saved = writeLedgerFile(ledgerPath_, ledger); !saved) {
+        ::syslog(LOG_ERR, "the restart ledger is kept in memory only: %s", saved.message().c_str());
     }
 }
 
@@ -181,11 +209,8 @@ void Metrics::endRun(const Outcome* outcome, bool tick) {
             }
         }
     }
-    if (changed && !ledgerPath_.empty()) {
-        if (support::Status saved = writeLedgerFile(ledgerPath_, *changed); !saved) {
-            ::syslog(LOG_ERR, "the restart ledger is kept in memory only: %s",
-                     saved.message().c_str());
-        }
+    if (changed) {
+        saveLedger(*changed);
     }
 }
 

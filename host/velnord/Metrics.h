@@ -75,6 +75,8 @@ class Metrics {
     void endRun(const Outcome* outcome, bool tick);
     // True when the ledger changed.
     bool recordMovesLocked(const Outcome* outcome);
+    void recordKill(const JobMove& move);
+    void saveLedger(const RestartLedger& ledger) const;
     void learnFromStateReport(const Outcome& outcome);
     void writeServiceLocked(std::string& out) const;
     void writeLedgerLocked(std::string& out) const;

@@ -34,9 +34,7 @@ std::vector<MoveCause> causesOf(const std::vector<JobMoveKind>& moves, const Run
         }
     }
     for (std::size_t index = 0; index < moves.size(); ++index) {
-        if (moves[index] == JobMoveKind::Kill) {
-            causes[index] = MoveCause::StopDeadline;
-        } else if (index >= ownFrom || run.own == RunMoves::Own::Every) {
+        if (index >= ownFrom || run.own == RunMoves::Own::Every) {
             causes[index] = run.cause;
         } else if (run.own == RunMoves::Own::Start || run.own == RunMoves::Own::Stop) {
             if (startsARestart(index)) {

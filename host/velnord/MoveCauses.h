@@ -25,9 +25,10 @@ struct RunMoves {
 // operator, a settings write's restart for the settings change; nothing for the others.
 RunMoves movesOfOperation(std::string_view operation);
 
-// The cause of each of the run's moves, in their order. A kill is always the stop deadline's.
-// A start that found the server stopped is the run's own when the run is a start, even when
-// the migration made it: the start was asked for, and happened.
+// The cause of each of the run's starts and stops, in their order (kills are the stop
+// deadline's, whichever run makes them, and are not among them). A start that found the server
+// stopped is the run's own when the run is a start, even when the migration made it: the start was
+// asked for, and happened.
 std::vector<MoveCause> causesOf(const std::vector<JobMoveKind>& moves, const RunMoves& run);
 
 }  // namespace velnor::host

@@ -54,14 +54,14 @@ def series(exposition):
 
 
 class Metrics(harness.ScenarioCase):
-    def start_daemon(self, log=None):
-        """velnord with its metrics on a port of its own, no console and a tick every second;
-        it serves once its control socket is there."""
+    def start_daemon(self, log=None, interval=1):
+        """velnord with its metrics on a port of its own, no console and a tick every interval
+        seconds; it serves once its control socket is there."""
         if os.path.exists(CONTROL_SOCKET):
             os.unlink(CONTROL_SOCKET)
         self.port = getattr(self, "port", None) or harness.free_port()
         daemon = subprocess.Popen([harness.velnord_beside(self.host.velnor), "--plugin",
-                                   self.host.plugin, "--idle-interval", "1", "--no-web",
+                                   self.host.plugin, "--idle-interval", str(interval), "--no-web",
                                    "--metrics-listen", f"127.0.0.1:{self.port}", "--foreground"],
                                   stderr=log or subprocess.DEVNULL)
         self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
@@ -150,7 +150,7 @@ class Metrics(harness.ScenarioCase):
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_the_ledger_counts_starts_at_load_and_kills_at_the_deadline(self):
         """The service's job runs at load, and ignores SIGTERM: the operator's stop times out,
-        and velnord kills the job when its ExitTimeOut ends."""
+        and velnord kills the job when its ExitTimeOut ends, with no idle tick in between."""
         job = harness.read_job_file()
         server = " ".join(f"'{argument}'" for argument in job["ProgramArguments"])
         job.update(ProgramArguments=["/bin/sh", "-c", f"trap '' TERM; {server} & wait"],
@@ -159,7 +159,7 @@ class Metrics(harness.ScenarioCase):
         os.makedirs(LOAD_FOLDER, mode=0o755, exist_ok=True)
         with open(os.path.join(LOAD_FOLDER, "org.postgresql.postgres.plist"), "wb") as out:
             plistlib.dump({**job, "RunAtLoad": True}, out)
-        self.start_daemon()
+        self.start_daemon(interval=600)
         self.assertEqual(self.scrape()['velnor_service_starts_total{cause="at load"}'], 1)
         harness.wait_until(harness.answers, "the server started at load answers")
         self.assertEqual(self.velnor("stop", status=1).response,

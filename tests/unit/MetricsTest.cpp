@@ -87,6 +87,15 @@ TEST(Metrics, CountsStartsAndStopsByCauseAndFollowsTheState) {
     }
 }
 
+TEST(Metrics, AKillOutsideAnyRunCountsForTheStopDeadline) {
+    Fixture fixture;
+    // The state query at a stop's deadline is no run of the plug-in's.
+    fixture.metrics.jobMoved(JobMove{kServiceLabel, JobMoveKind::Kill, true, now()});
+    fixture.run("getStateWithRequest", {}, answered());
+    EXPECT_TRUE(fixture.shows("velnor_service_stops_total{cause=\"stop deadline\"} 1"));
+    EXPECT_TRUE(fixture.shows("velnor_service_state{state=\"stopped\"} 1"));
+}
+
 TEST(Metrics, AStartInProgressShowsAsStarting) {
     Fixture fixture;
     fixture.metrics.operationBegan("startServiceWithVariant");

@@ -8,13 +8,11 @@
 namespace velnor::host {
 namespace {
 
-// The moves as letters (S start, T stop, K kill) and the causes as the ledger names them.
+// The moves as letters (S start, T stop) and the causes as the ledger names them.
 std::vector<JobMoveKind> movesOf(std::string_view letters) {
     std::vector<JobMoveKind> moves;
     for (char letter : letters) {
-        moves.push_back(letter == 'S'   ? JobMoveKind::Start
-                        : letter == 'T' ? JobMoveKind::Stop
-                                        : JobMoveKind::Kill);
+        moves.push_back(letter == 'S' ? JobMoveKind::Start : JobMoveKind::Stop);
     }
     return moves;
 }
@@ -51,10 +49,6 @@ TEST(MoveCauses, TheRunsOwnMovesComeLastAndTheMigrationsBeforeThem) {
         // A state report or an idle tick moves the job only through the migration.
         {"getStateWithRequest", "TS", "migration, migration"},
         {"doIdleAtCount", "S", "migration"},
-        // A kill is the stop deadline's, in whatever run it happens.
-        {"startServiceWithVariant", "KS", "stop deadline, operator"},
-        {"doIdleAtCount", "K", "stop deadline"},
-        {"stopServiceWithVariant", "TK", "operator, stop deadline"},
     };
     for (const Row& row : rows) {
         EXPECT_EQ(causesText(causesOf(movesOf(row.moves), movesOfOperation(row.operation))),
@@ -65,7 +59,7 @@ TEST(MoveCauses, TheRunsOwnMovesComeLastAndTheMigrationsBeforeThem) {
 
 TEST(MoveCauses, EveryMoveAtLoadIsTheLoads) {
     const RunMoves atLoad{RunMoves::Own::Every, MoveCause::AtLoad};
-    EXPECT_EQ(causesText(causesOf(movesOf("SKS"), atLoad)), "at load, stop deadline, at load");
+    EXPECT_EQ(causesText(causesOf(movesOf("STS"), atLoad)), "at load, at load, at load");
 }
 
 }  // namespace
