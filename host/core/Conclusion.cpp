@@ -299,11 +299,28 @@ std::optional<int> runPrecedingOperations(const Command& command, const Call& ca
     return std::nullopt;
 }
 
+// True for `status --details`, whose report the ledger's figures follow.
+bool showsLedger(const Command& command, const OperationArgument& argument) {
+    const PlistDictionary* request = std::get_if<PlistDictionary>(&argument);
+    return command.verb == "status" && request != nullptr && request->contains("variant");
+}
+
+// The report with the ledger's figures under "ledger", after the plug-in's own fields.
+void addLedgerFigures(Outcome& outcome, const LedgerFigures& ledger) {
+    const PlistDictionary* report = outcome.result.asDictionary();
+    if (report == nullptr || report->contains("error")) {
+        return;
+    }
+    PlistDictionary shown = *report;
+    shown.set("ledger", ledger());
+    outcome.result = PlistValue(std::move(shown));
+}
+
 }  // namespace
 
 // Runs the command's operation through call, with what the verb tells beyond its response.
 int conclude(const Command& command, const OperationArgument& argument, const Call& call,
-             const Caller& caller, const AuditTrail& trail) {
+             const Caller& caller, const LedgerFigures& ledger, const AuditTrail& trail) {
     std::optional<ChangeRecord> record = recordFor(command, argument, caller, trail);
     if (record) {
         if (support::Status admitted = record->admit(); !admitted) {
@@ -329,6 +346,9 @@ int conclude(const Command& command, const OperationArgument& argument, const Ca
     finishRecord(recording, command.operation, outcome);
     if (!outcome) {
         return tellRefusedCall(outcome.failure());
+    }
+    if (ledger && showsLedger(command, argument)) {
+        addLedgerFigures(*outcome, ledger);
     }
     int status = report(command, *outcome);
     if (status == kExitErrorResponse && mark) {

@@ -65,11 +65,17 @@ bool serviceRuns(const Call& call);
 // argument of another style, as the in-process host does, with a usage error; the exit status.
 int tellRefusedCall(const support::Failure& failure);
 
-// Runs the command's operation through call, with what the verb tells beyond its response;
+// The restart ledger's figures as the host that runs the command knows them (ledgerFigures in
+// RestartLedger.h): velnord's own, or the file's.
+using LedgerFigures = std::function<PlistValue()>;
+
+// Runs the command's operation through call, with what the verb tells beyond its response (and,
+// for `status --details`, the ledger's figures after the report's own, when ledger is given);
 // the run's exit status. A command that changes the service is recorded in trail as caller's,
 // before anything of its outcome is told; when the trail cannot take the record, a caller other
 // than root is refused (69) with nothing done, and root's change goes ahead.
 int conclude(const Command& command, const OperationArgument& argument, const Call& call,
-             const Caller& caller, const AuditTrail& trail = AuditTrail());
+             const Caller& caller, const LedgerFigures& ledger = {},
+             const AuditTrail& trail = AuditTrail());
 
 }  // namespace velnor::host

@@ -29,6 +29,17 @@ inline constexpr std::string_view kServerProgramPrefix = "/usr/bin/postgres";
 // How the server's children title themselves: "postgres: USER DATABASE HOST STATE".
 inline constexpr std::string_view kServerTitlePrefix = "postgres: ";
 
+// What the plug-in's housekeeping logs when it finds one of the service's folders missing and
+// creates it again: "Created socket folder /var/pgsql_socket".
+struct FolderNotice {
+    std::string_view folder;
+    std::string_view words;
+};
+inline constexpr FolderNotice kFolderPutBackNotices[] = {
+    {"socket", "Created socket folder "},
+    {"log", "Created log folder "},
+};
+
 struct ErrorCodeWords {
     std::string_view code;
     std::string_view words;

@@ -4,6 +4,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <span>
@@ -20,6 +21,7 @@
 #include "HostLock.h"
 #include "Invocation.h"
 #include "PluginLoader.h"
+#include "RestartLedger.h"
 #include "Terminal.h"
 
 namespace velnor::host {
@@ -50,6 +52,18 @@ std::optional<HostLock::Held> takeHostLock(const HostLock& lock, const Command& 
 }
 
 // Loads the plug-in and runs the call in this process, under the host lock.
+// The ledger's figures as velnord last wrote them; a file that cannot be read is told, and shows
+// as an empty ledger.
+PlistValue ledgerFiguresOfFile() {
+    const std::string today = localDayOf(std::chrono::system_clock::now());
+    support::Result<RestartLedger> ledger = readLedgerFile(kRestartLedgerPath);
+    if (!ledger) {
+        complain(ledger.message());
+        return ledgerFigures(RestartLedger{}, today);
+    }
+    return ledgerFigures(*ledger, today);
+}
+
 int runInProcess(const Command& command) {
     setDefaultPostgresEnvironment();
     // Before the module is even loaded, so that everything the plug-in logs also reaches
@@ -96,7 +110,7 @@ int runInProcess(const Command& command) {
         }
         return callWithNewHandler(plugin, **operation, argument);
     };
-    return conclude(command, prepared->argument, call, callerOfThisProcess());
+    return conclude(command, prepared->argument, call, callerOfThisProcess(), ledgerFiguresOfFile);
 }
 
 int runCommandLine(std::span<const std::string_view> arguments) {

@@ -14,6 +14,7 @@ extern "C" {
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <climits>
 #include <cstdint>
 #include <ctime>
@@ -23,6 +24,7 @@ extern "C" {
 
 #include "Deadline.h"
 #include "HostLog.h"
+#include "JobMoves.h"
 #include "LaunchdJob.h"
 #include "PathNames.h"
 #include "ProcessStat.h"
@@ -261,10 +263,13 @@ std::optional<StopMark> LaunchdJobs::stopMarkOf(const std::string& label,
 }
 
 bool LaunchdJobs::kill(const std::string& label, const StopMark& mark) const {
+    const auto began = std::chrono::steady_clock::now();
     // What is left of the job goes with its process: the group it leads.
     if (auto killed = signalJob(mark.process, SIGKILL, true); !killed) {
+        tellJobMove(JobMove{label, JobMoveKind::Kill, false, began});
         return refuse("stop", label, killed.message());
     }
+    tellJobMove(JobMove{label, JobMoveKind::Kill, true, began});
     log_("job " + label + " did not end in time after SIGTERM: sent SIGKILL to process " +
          std::to_string(mark.process.pid) + " and its process group");
     if (!awaitProcessEnd(mark.process, kKillSettleMilliseconds)) {

@@ -66,7 +66,12 @@ int runOperation(const Command& command, const Caller& caller, const PluginDescr
         }
         return std::move(*outcome);
     };
-    return conclude(command, prepared->argument, call, caller);
+    const Metrics* metrics = worker.metrics();
+    LedgerFigures ledger;
+    if (metrics != nullptr) {
+        ledger = [metrics] { return metrics->ledgerFigures(); };
+    }
+    return conclude(command, prepared->argument, call, caller, ledger);
 }
 
 }  // namespace

@@ -127,8 +127,9 @@ bool stopEnds(const DatabaseClient& client) {
     return client.state == "idle";
 }
 
-ConsoleMonitor::ConsoleMonitor(const PluginDescriptor& plugin, Worker& worker, EventHub& events)
-    : plugin_(plugin), worker_(worker), events_(events) {
+ConsoleMonitor::ConsoleMonitor(const PluginDescriptor& plugin, Worker& worker, EventHub& events,
+                               std::function<PlistValue()> ledger)
+    : plugin_(plugin), worker_(worker), events_(events), ledger_(std::move(ledger)) {
     thread_ = std::thread([this] { loop(); });
 }
 
@@ -344,6 +345,9 @@ PlistValue ConsoleMonitor::pictureLocked() const {
     }
     if (lastTick_) {
         picture.set("lastTick", PlistValue::integer(*lastTick_));
+    }
+    if (ledger_) {
+        picture.set("ledger", ledger_());
     }
     return picture;
 }

@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -46,7 +47,9 @@ struct ConsoleSample {
 
 class ConsoleMonitor {
   public:
-    ConsoleMonitor(const PluginDescriptor& plugin, Worker& worker, EventHub& events);
+    // ledger gives the restart ledger's figures, shown beside the state.
+    ConsoleMonitor(const PluginDescriptor& plugin, Worker& worker, EventHub& events,
+                   std::function<PlistValue()> ledger);
     ~ConsoleMonitor();
     ConsoleMonitor(const ConsoleMonitor&) = delete;
     ConsoleMonitor& operator=(const ConsoleMonitor&) = delete;
@@ -74,6 +77,7 @@ class ConsoleMonitor {
     const PluginDescriptor& plugin_;
     Worker& worker_;
     EventHub& events_;
+    const std::function<PlistValue()> ledger_;
 
     std::mutex mutex_;
     std::condition_variable wake_;

@@ -23,8 +23,12 @@
 #include "HostEnvironment.h"
 #include "HostLock.h"
 #include "HostLog.h"
+#include "JobMoves.h"
 #include "LaunchdJobs.h"
+#include "Metrics.h"
+#include "MetricsEndpoint.h"
 #include "PluginLoader.h"
+#include "RestartLedger.h"
 #include "RunAtLoad.h"
 #include "ServiceManagerNotice.h"
 #include "SocketActivation.h"
@@ -58,6 +62,7 @@ struct Options {
     std::optional<std::string> help;
     std::optional<WebListen> web = WebListen{};
     std::chrono::seconds webIdleTimeout = kDefaultIdleTimeout;
+    std::optional<WebListen> metrics = kDefaultMetricsListen;
 };
 
 void complain(const std::string& message) {
@@ -82,6 +87,8 @@ struct Typed {
     std::string webListen;
     std::string webIdleTimeout;
     bool noWeb = false;
+    std::string metricsListen;
+    bool noMetrics = false;
 };
 
 void addOptions(CLI::App& app, Options& options, Typed& typed) {
@@ -116,6 +123,11 @@ void addOptions(CLI::App& app, Options& options, Typed& typed) {
                                                 : std::string("needs seconds from 1 to a day");
             });
     app.add_flag("--no-web", typed.noWeb, "no web console")->excludes(listen)->excludes(idle);
+    CLI::Option* metrics =
+        app.add_option("--metrics-listen", typed.metricsListen,
+                       "serve GET /metrics for Prometheus there (default 127.0.0.1:8472)")
+            ->type_name("ADDR:PORT");
+    app.add_flag("--no-metrics", typed.noMetrics, "no metrics endpoint")->excludes(metrics);
 }
 
 support::Result<Options> parseOptions(int argc, char** argv) {
@@ -151,6 +163,15 @@ support::Result<Options> parseOptions(int argc, char** argv) {
         }
         options.web = *listen;
     }
+    if (typed.noMetrics) {
+        options.metrics.reset();
+    } else if (!typed.metricsListen.empty()) {
+        support::Result<WebListen> listen = parseWebListen(typed.metricsListen, "--metrics-listen");
+        if (!listen) {
+            return listen.failure();
+        }
+        options.metrics = *listen;
+    }
     return options;
 }
 
@@ -170,10 +191,11 @@ support::Status blockStopSignals() {
 
 // Every message of the plug-in and the host library goes to the daemon's log and, during a
 // call, to the client that made it.
-void relayLogMessages(Worker& worker) {
-    setLogSink([&worker](int priority, const std::string& message) {
+void relayLogMessages(Worker& worker, Metrics& metrics) {
+    setLogSink([&worker, &metrics](int priority, const std::string& message) {
         ::syslog(priority, "%s", message.c_str());
         worker.relay(priority, message);
+        metrics.logged(message);
     });
 }
 
@@ -181,15 +203,16 @@ void relayLogMessages(Worker& worker) {
 // A socket that systemd handed over is where it listens, whatever --web-listen says.
 std::unique_ptr<WebConsole> startWebConsole(const Options& options,
                                             const std::optional<ActivatedSocket>& activated,
-                                            const PluginDescriptor& plugin, Worker& worker) {
+                                            const PluginDescriptor& plugin, Worker& worker,
+                                            Metrics& metrics) {
     if (!options.web) {
         return nullptr;
     }
     support::Result<std::unique_ptr<WebConsole>> console =
-        activated
-            ? WebConsole::start(plugin, worker, activated->listen, activated->descriptor,
-                                options.webIdleTimeout)
-            : WebConsole::start(plugin, worker, *options.web, std::nullopt, options.webIdleTimeout);
+        activated ? WebConsole::start(plugin, worker, activated->listen, activated->descriptor,
+                                      options.webIdleTimeout, metrics)
+                  : WebConsole::start(plugin, worker, *options.web, std::nullopt,
+                                      options.webIdleTimeout, metrics);
     if (!console) {
         ::syslog(LOG_WARNING, "the web console is off: %s", console.message().c_str());
         if (activated) {
@@ -198,6 +221,33 @@ std::unique_ptr<WebConsole> startWebConsole(const Options& options,
         return nullptr;
     }
     return std::move(*console);
+}
+
+// The metrics endpoint is a convenience too: without its address the daemon serves on.
+std::unique_ptr<MetricsEndpoint> startMetricsEndpoint(const Options& options,
+                                                      const Metrics& metrics) {
+    if (!options.metrics) {
+        return nullptr;
+    }
+    support::Result<std::unique_ptr<MetricsEndpoint>> endpoint =
+        MetricsEndpoint::start(metrics, *options.metrics);
+    if (!endpoint) {
+        ::syslog(LOG_WARNING, "the metrics endpoint is off: %s", endpoint.message().c_str());
+        return nullptr;
+    }
+    return std::move(*endpoint);
+}
+
+// The ledger as the daemon before this one left it. One that cannot be read is told and
+// started again from nothing: counts that cannot be trusted are no counts.
+RestartLedger loadRestartLedger() {
+    support::Result<RestartLedger> ledger = readLedgerFile(kRestartLedgerPath);
+    if (!ledger) {
+        ::syslog(LOG_ERR, "%s; the restart ledger starts again from nothing",
+                 ledger.message().c_str());
+        return {};
+    }
+    return std::move(*ledger);
 }
 
 // What the daemon ran in its life, for its log and the benchmark that reads it.
@@ -210,7 +260,7 @@ void logCounts(const WorkerCounts& counts) {
 
 int serve(const Options& options, const std::optional<ActivatedSocket>& activated,
           const PluginModule& module, const HostLock& hostLock, const std::string& pluginPath,
-          ServiceManagerNotice& notice) {
+          ServiceManagerNotice& notice, Metrics& metrics) {
     if (support::Status blocked = blockStopSignals(); !blocked) {
         complain(blocked.message());
         return kExitUnavailable;
@@ -237,9 +287,11 @@ int serve(const Options& options, const std::optional<ActivatedSocket>& activate
         [&inbox, &server](std::optional<StopDeadline> deadline) {
             inbox.post(
                 [&server, deadline = std::move(deadline)] { server->setStopDeadline(deadline); });
-        });
-    relayLogMessages(worker);
-    std::unique_ptr<WebConsole> web = startWebConsole(options, activated, plugin, worker);
+        },
+        &metrics);
+    relayLogMessages(worker, metrics);
+    std::unique_ptr<MetricsEndpoint> endpoint = startMetricsEndpoint(options, metrics);
+    std::unique_ptr<WebConsole> web = startWebConsole(options, activated, plugin, worker, metrics);
     console = web.get();
     support::Result<std::unique_ptr<ControlServer>> created = ControlServer::create(
         plugin, pluginPath, worker, inbox, std::move(*listener),
@@ -254,6 +306,9 @@ int serve(const Options& options, const std::optional<ActivatedSocket>& activate
     unlink(kControlSocketPath);
     if (web) {
         web->stop();
+    }
+    if (endpoint) {
+        endpoint->stop();
     }
     worker.stop();
     if (server != nullptr) {
@@ -271,7 +326,7 @@ int serve(const Options& options, const std::optional<ActivatedSocket>& activate
 // The class hook, then the jobs that run at load, as launchd starts them at boot before the
 // first call is served; under the host lock, since both reach the plug-in or the job files.
 // The exit status when the daemon cannot serve.
-std::optional<int> startUp(const PluginModule& module, const HostLock& hostLock) {
+std::optional<int> startUp(const PluginModule& module, const HostLock& hostLock, Metrics& metrics) {
     LockWait wait;
     wait.announce = [&hostLock](const std::string& holder) {
         complain("waiting for the host lock \"" + hostLock.path() + "\" held by " + holder);
@@ -285,7 +340,9 @@ std::optional<int> startUp(const PluginModule& module, const HostLock& hostLock)
         complain("the plug-in's initialize failed: " + *failure);
         return kExitUnavailable;
     }
+    metrics.atLoadBegan();
     startJobsThatRunAtLoad(kRunAtLoadFolder);
+    metrics.atLoadEnded();
     return std::nullopt;
 }
 
@@ -333,12 +390,19 @@ int run(const Options& options) {
         complain(hostLock.message());
         return kExitNoLock;
     }
-    if (std::optional<int> status = startUp(**module, *hostLock)) {
-        return *status;
+    // Every start and stop of the service, whoever asks for it, goes to the ledger.
+    // The idle ticks sample the service's process and connections only for a scraper to see.
+    Metrics metrics(loadRestartLedger(), kRestartLedgerPath,
+                    options.metrics ? sampleService : std::function<ServiceSample()>());
+    watchJobMoves([&metrics](const JobMove& move) { metrics.jobMoved(move); });
+    std::optional<int> status = startUp(**module, *hostLock, metrics);
+    if (!status) {
+        ServiceManagerNotice notice;
+        status = serve(options, activated ? *activated : std::nullopt, **module, *hostLock,
+                       pluginPath, notice, metrics);
     }
-    ServiceManagerNotice notice;
-    return serve(options, activated ? *activated : std::nullopt, **module, *hostLock, pluginPath,
-                 notice);
+    watchJobMoves(nullptr);
+    return *status;
 }
 
 }  // namespace

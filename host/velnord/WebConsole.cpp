@@ -13,6 +13,7 @@
 #include "ConsoleCertificate.h"
 #include "ConsoleRights.h"
 #include "ExitStatus.h"
+#include "HttpListener.h"
 #include "Output.h"
 #include "PasswordCheck.h"
 #include "PeerAccount.h"
@@ -230,25 +231,14 @@ support::Status bindOrAdopt(httplib::Server& server, const WebListen& listen,
         ListenerAccess::adopt(server, *activated);
         return {};
     }
-    const std::string shown = listen.address + ":" + std::to_string(listen.port);
-    errno = 0;
-    if (!server.bind_to_port(listen.address, listen.port)) {
-        // The library closes the socket that it could not bind and leaves that bind's errno; a
-        // name that it could not resolve leaves none.
-        const int error = errno;
-        return error != 0 ? support::couldNot("listen on", shown, error)
-                          : support::couldNot("listen on", shown, "the address cannot be bound");
-    }
-    return {};
+    return bindServer(server, listen);
 }
 
 }  // namespace
 
-support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescriptor& plugin,
-                                                               Worker& worker,
-                                                               const WebListen& listen,
-                                                               std::optional<int> activated,
-                                                               std::chrono::seconds idleTimeout) {
+support::Result<std::unique_ptr<WebConsole>> WebConsole::start(
+    const PluginDescriptor& plugin, Worker& worker, const WebListen& listen,
+    std::optional<int> activated, std::chrono::seconds idleTimeout, Metrics& metrics) {
     support::Result<std::string> token = randomHex(32);
     if (!token) {
         return token.failure();
@@ -259,44 +249,31 @@ support::Result<std::unique_ptr<WebConsole>> WebConsole::start(const PluginDescr
         return server.failure();
     }
     std::unique_ptr<WebConsole> console(new WebConsole(plugin, worker, listen, *token, idleTimeout,
-                                                       std::move(*server), !fingerprint.empty()));
+                                                       std::move(*server), !fingerprint.empty(),
+                                                       metrics));
     if (support::Status bound = bindOrAdopt(*console->server_, listen, activated); !bound) {
         console->stop();
         return bound.failure();
     }
-    const std::string shown = listen.address + ":" + std::to_string(listen.port);
-    if (support::Status published = publishAccess(*token, shown, fingerprint); !published) {
+    if (support::Status published = publishAccess(*token, shownAddress(listen), fingerprint);
+        !published) {
         console->stop();
         return published.failure();
     }
-    console->thread_ = std::thread([server = console->server_.get()] {
-        // The library writes without MSG_NOSIGNAL: a page closed mid-answer must be an error
-        // for this thread, never a SIGPIPE for the daemon. Its serving threads inherit the mask.
-        sigset_t pipe;
-        sigemptyset(&pipe);
-        sigaddset(&pipe, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-        // The top of the console's thread: the console may end, never the daemon.
-        try {
-            server->listen_after_bind();
-        } catch (const std::exception& exception) {
-            ::syslog(LOG_ERR, "the web console stopped: %s", exception.what());
-        } catch (...) {
-            ::syslog(LOG_ERR, "the web console stopped on an exception of an unknown type");
-        }
-    });
+    console->thread_ = serveOnItsOwnThread(*console->server_, "web console");
     return console;
 }
 
 WebConsole::WebConsole(const PluginDescriptor& plugin, Worker& worker, WebListen listen,
                        std::string token, std::chrono::seconds idleTimeout,
-                       std::unique_ptr<httplib::Server> server, bool tls)
+                       std::unique_ptr<httplib::Server> server, bool tls, Metrics& metrics)
     : plugin_(plugin),
       worker_(worker),
+      metrics_(metrics),
       listen_(std::move(listen)),
       tls_(tls),
       access_(std::move(token), idleTimeout),
-      monitor_(plugin, worker, events_),
+      monitor_(plugin, worker, events_, [&metrics] { return metrics.ledgerFigures(); }),
       server_(std::move(server)) {
     route();
 }
@@ -438,6 +415,7 @@ void WebConsole::exchangeToken(const Request& request, Response& response) {
     WebAccess::Exchange exchange =
         access_.exchange(request.get_param_value("token"), senderOf(request));
     if (exchange.session) {
+        metrics_.consoleSessionOpened();
         response.set_header("Set-Cookie", sessionCookie(*exchange.session));
         response.set_redirect("/", 303);
     } else if (exchange.retryAfter) {
@@ -490,6 +468,7 @@ void WebConsole::logIn(const Request& request, Response& response) {
     }
     ::syslog(LOG_NOTICE, "%s logged in to the web console from %s", sender.login.c_str(),
              request.remote_addr.c_str());
+    metrics_.consoleSessionOpened();
     response.set_header("Set-Cookie", sessionCookie(*exchange.session));
     response.set_redirect("/", 303);
 }

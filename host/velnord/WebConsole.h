@@ -14,6 +14,7 @@
 #include "Caller.h"
 #include "ChangeRecord.h"
 #include "ConsoleMonitor.h"
+#include "Metrics.h"
 #include "PluginInterface.h"
 #include "Result.h"
 #include "WebAccess.h"
@@ -33,12 +34,11 @@ class WebConsole {
     // Binds the address (or serves on activated, the socket that systemd handed over, listening
     // there), over TLS unless the address is loopback, writes the access token and starts
     // serving; a session ends when left unused for idleTimeout. Fails when the address cannot be
-    // bound, the certificate cannot be had or the token cannot be written.
-    static support::Result<std::unique_ptr<WebConsole>> start(const PluginDescriptor& plugin,
-                                                              Worker& worker,
-                                                              const WebListen& listen,
-                                                              std::optional<int> activated,
-                                                              std::chrono::seconds idleTimeout);
+    // bound, the certificate cannot be had or the token cannot be written. Each session it opens
+    // is counted in metrics, whose ledger figures it shows.
+    static support::Result<std::unique_ptr<WebConsole>> start(
+        const PluginDescriptor& plugin, Worker& worker, const WebListen& listen,
+        std::optional<int> activated, std::chrono::seconds idleTimeout, Metrics& metrics);
     ~WebConsole();
     WebConsole(const WebConsole&) = delete;
     WebConsole& operator=(const WebConsole&) = delete;
@@ -49,7 +49,8 @@ class WebConsole {
 
   private:
     WebConsole(const PluginDescriptor& plugin, Worker& worker, WebListen listen, std::string token,
-               std::chrono::seconds idleTimeout, std::unique_ptr<httplib::Server> server, bool tls);
+               std::chrono::seconds idleTimeout, std::unique_ptr<httplib::Server> server, bool tls,
+               Metrics& metrics);
     void route();
     bool admitted(const httplib::Request& request, httplib::Response& response);
     // The session that the request's cookie names, its use counted; nullopt when there is none.
@@ -76,6 +77,7 @@ class WebConsole {
 
     const PluginDescriptor& plugin_;
     Worker& worker_;
+    Metrics& metrics_;
     const WebListen listen_;
     // Whether the console speaks TLS: its cookies are then sent over TLS only.
     const bool tls_;

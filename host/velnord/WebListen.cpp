@@ -20,10 +20,11 @@ bool isLoopback(const WebListen& listen) {
     return listen.address == "localhost";
 }
 
-support::Result<WebListen> parseWebListen(std::string_view text) {
+support::Result<WebListen> parseWebListen(std::string_view text, std::string_view option) {
+    const std::string named(option);
     std::size_t colon = text.rfind(':');
     if (colon == std::string_view::npos || colon == 0) {
-        return support::Failure{EINVAL, "--web-listen needs ADDR:PORT"};
+        return support::Failure{EINVAL, named + " needs ADDR:PORT"};
     }
     std::string_view address = text.substr(0, colon);
     // Brackets come as a pair around the whole address, or not at all: a stray one would only
@@ -33,14 +34,14 @@ support::Result<WebListen> parseWebListen(std::string_view text) {
         address = address.substr(1, address.size() - 2);
     }
     if (address.find_first_of("[]") != std::string_view::npos) {
-        return support::Failure{EINVAL, "--web-listen needs ADDR:PORT, or [ADDR]:PORT for IPv6"};
+        return support::Failure{EINVAL, named + " needs ADDR:PORT, or [ADDR]:PORT for IPv6"};
     }
     std::string_view portText = text.substr(colon + 1);
     int port = 0;
     auto [end, error] = std::from_chars(portText.data(), portText.data() + portText.size(), port);
     if (error != std::errc() || end != portText.data() + portText.size() || port < 1 ||
         port > 65535 || address.empty()) {
-        return support::Failure{EINVAL, "--web-listen needs ADDR:PORT with a port from 1 to 65535"};
+        return support::Failure{EINVAL, named + " needs ADDR:PORT with a port from 1 to 65535"};
     }
     return WebListen{std::string(address), port};
 }

@@ -18,7 +18,11 @@ struct WebListen {
 // there.
 bool isLoopback(const WebListen& listen);
 
-// "ADDR:PORT" ("[ADDR]:PORT" for IPv6); fails, saying why, on anything else.
-support::Result<WebListen> parseWebListen(std::string_view text);
+// Where the metrics endpoint listens unless --metrics-listen says otherwise.
+inline const WebListen kDefaultMetricsListen{"127.0.0.1", 8472};
+
+// "ADDR:PORT" ("[ADDR]:PORT" for IPv6); fails, saying why and naming option, on anything else.
+support::Result<WebListen> parseWebListen(std::string_view text,
+                                          std::string_view option = "--web-listen");
 
 }  // namespace velnor::host

@@ -68,13 +68,14 @@ class WaitingSink : public CallSink {
 
 Worker::Worker(const PluginDescriptor& plugin, const HostLock& hostLock,
                const HostOperation* idleOperation, WorkerReport report,
-               PendingStopsSource pendingStops, StopDeadlineReport stopDeadline)
+               PendingStopsSource pendingStops, StopDeadlineReport stopDeadline, Metrics* metrics)
     : plugin_(plugin),
       hostLock_(hostLock),
       idleOperation_(idleOperation),
       report_(std::move(report)),
       pendingStops_(std::move(pendingStops)),
-      stopDeadline_(std::move(stopDeadline)) {
+      stopDeadline_(std::move(stopDeadline)),
+      metrics_(metrics) {
     // A stop that a host before this one began is seen to its end too.
     queue_.push_back(Job{JobKind::LearnStops, nullptr, {}, nullptr, {}});
     thread_ = std::thread([this] { loop(); });
@@ -228,7 +229,13 @@ support::Result<HostLock::Held> Worker::holdHostLock() {
 
 // Every entry into the plug-in goes through here, with the host lock held.
 Outcome Worker::enterPlugin(const HostOperation& operation, const OperationArgument& argument) {
+    if (metrics_ != nullptr) {
+        metrics_->operationBegan(operation.name);
+    }
     Outcome outcome = callWithNewHandler(plugin_, operation, argument);
+    if (metrics_ != nullptr) {
+        metrics_->operationEnded(operation.name, operation.style == OperationStyle::Idle, outcome);
+    }
     std::lock_guard lock(mutex_);
     ++(operation.style == OperationStyle::Idle ? counts_.ticks : counts_.calls);
     return outcome;

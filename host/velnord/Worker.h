@@ -17,6 +17,7 @@
 #include "HostLock.h"
 #include "Invocation.h"
 #include "LaunchdJobs.h"
+#include "Metrics.h"
 #include "PluginInterface.h"
 #include "StopDeadline.h"
 
@@ -55,10 +56,11 @@ class Worker {
     // no-ops). pendingStops tells, after each call, which stopping jobs need a state query at
     // their deadline; empty for none; the earliest goes to stopDeadline. The worker holds
     // hostLock around each entry into the plug-in and the host library, and lets go between
-    // them, so that a velnor run with --direct takes its turn between two calls.
+    // them, so that a velnor run with --direct takes its turn between two calls. Each entry into
+    // the plug-in is told to metrics, when given.
     Worker(const PluginDescriptor& plugin, const HostLock& hostLock,
            const HostOperation* idleOperation, WorkerReport report, PendingStopsSource pendingStops,
-           StopDeadlineReport stopDeadline);
+           StopDeadlineReport stopDeadline, Metrics* metrics = nullptr);
     ~Worker();
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
@@ -89,6 +91,9 @@ class Worker {
     void relay(int priority, const std::string& message);
 
     WorkerCounts counts() const;
+
+    // The figures that each entry into the plug-in is told to; nullptr when none.
+    const Metrics* metrics() const { return metrics_; }
 
     // Lets the running call or tick finish, tells the calls still waiting that they were not
     // run, and ends the thread.
@@ -123,6 +128,7 @@ class Worker {
     WorkerReport report_;
     PendingStopsSource pendingStops_;
     StopDeadlineReport stopDeadline_;
+    Metrics* metrics_;
 
     mutable std::mutex mutex_;
     std::condition_variable wake_;

@@ -73,6 +73,7 @@ def make_parser():
         help=f"start $VELNORD (default {layout.PROJECT}/build/sbin/velnord) --foreground before\n"
         "COMMAND, with --idle-interval $VELNORD_IDLE_INTERVAL when set, its web\n"
         "console on $VELNORD_WEB_LISTEN (ADDR:PORT) when set and none otherwise,\n"
+        "its metrics on $VELNORD_METRICS_LISTEN likewise,\n"
         "its log to the sandbox's file $VELNORD_LOG when set and to standard error\n"
         "otherwise, and run COMMAND once its control socket answers; with --systemd,\n"
         "as velnord.service, the unit as built beside it with that command line")

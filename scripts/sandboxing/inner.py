@@ -59,6 +59,11 @@ def daemon_command():
         arguments += ["--web-listen", os.environ["VELNORD_WEB_LISTEN"]]
     else:
         arguments += ["--no-web"]
+    # The metrics endpoint likewise: only when asked for, on its own port.
+    if os.environ.get("VELNORD_METRICS_LISTEN"):
+        arguments += ["--metrics-listen", os.environ["VELNORD_METRICS_LISTEN"]]
+    else:
+        arguments += ["--no-metrics"]
     return arguments
 
 

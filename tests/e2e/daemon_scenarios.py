@@ -58,7 +58,7 @@ class Daemon(harness.ScenarioCase):
     def start_daemon(self, interval=10, log=None):
         velnord = harness.velnord_beside(self.host.velnor)
         daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", str(interval),
-                                   *(["--foreground"] if log else [])], stderr=log)
+                                   "--no-metrics", *(["--foreground"] if log else [])], stderr=log)
         self.addCleanup(lambda: daemon.poll() is None and daemon.kill())
         harness.wait_until(lambda: os.path.exists(SOCKET), "velnord serves")
         return daemon
@@ -238,7 +238,7 @@ print(b"serves root only" in data, client.recv(1) == b"")"""])
             self.assertEqual((client.wait(timeout=60), client.stdout.read()), (3, "state: stopped\n"))
         # One velnord serves at a time; a second one says which, and leaves the first its socket.
         second = subprocess.run([harness.velnord_beside(self.host.velnor), "--plugin", self.host.plugin,
-                                 "--foreground", "--no-web"], capture_output=True, text=True, timeout=60)
+                                 "--foreground", "--no-web", "--no-metrics"], capture_output=True, text=True, timeout=60)
         self.assertEqual((second.returncode, second.stderr),
                          (73, f'velnord: could not take the daemon lock "/run/velnor/velnord.lock": '
                               f"velnord (pid {daemon.pid}) holds it, and one velnord serves at a time\n"))

@@ -12,6 +12,7 @@ import os
 import plistlib
 import pwd
 import re
+import socket
 import stat
 import subprocess
 import sys
@@ -44,6 +45,9 @@ RESTARTING = LOG_PREFIX + "Stopping/starting postgres to pick up settings change
 CREATED_SOCKET_DIR = LOG_PREFIX + "Created socket folder " + SOCKET_DIR
 CREATED_LOG_DIR = LOG_PREFIX + "Created log folder " + LOG_DIR
 UPDATED_JOB_FILE = LOG_PREFIX + "Updated log directory in launchd plist file"
+
+# Why velnord's restart ledger says the service was started or stopped.
+CAUSES = ("operator", "settings change", "migration", "at load", "stop deadline")
 
 # The job file's settings as the sandbox writes them, for the data folder /var/pgsql.
 DEFAULT_SETTINGS = [
@@ -191,6 +195,13 @@ def wait_until(condition, what, seconds=WAIT_SECONDS):
         if time.monotonic() > deadline:
             raise AssertionError(f"waited {seconds:.0f} s in vain until {what}")
         time.sleep(POLL_SECONDS)
+
+
+def free_port():
+    """A loopback port that nothing listens on now: the sandbox shares the machine's network."""
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
 
 
 def process_alive(pid):

@@ -65,6 +65,9 @@ class Scenarios(harness.ScenarioCase):
                    "dataDirHasBeenInitialized": bool, "postgresIsResponding": bool,
                    "PGserverVersion": int}
         stopped = self.velnor("status", "--details", status=3).response
+        # The restart ledger's figures follow the plug-in's own: nothing started yet.
+        self.assertEqual(stopped.pop("ledger"), {"startsToday": dict.fromkeys(harness.CAUSES, 0)},
+                         "the ledger of a service never started")
         self.assert_kinds(stopped, details, "detailed report")
         self.assertEqual(stopped, {"state": "STOPPED", "PG_VERSION": "9.0.5", "setStateVersion": 1,
                                    "dataDir": DATA_DIR, "dataDirExists": True,
@@ -74,6 +77,8 @@ class Scenarios(harness.ScenarioCase):
 
         self.assert_started(self.velnor("start"))
         running = self.velnor("status", "--details").response
+        self.assertEqual(set(running.pop("ledger")["startsToday"]), set(harness.CAUSES),
+                         "today's starts, by cause")
         self.assert_kinds(running, details, "detailed report")
         self.assertEqual(running["state"], "RUNNING")
         self.assertIs(running["postgresIsResponding"], True)
@@ -85,6 +90,7 @@ class Scenarios(harness.ScenarioCase):
 
         os.rename(DATA_DIR, DATA_DIR + ".moved")
         missing = self.velnor("status", "--details", status=3).response
+        missing.pop("ledger")
         self.assertEqual((missing["dataDir"], missing["dataDirExists"], missing["dataDirIsDirectory"],
                           missing["dataDirHasBeenInitialized"]), (DATA_DIR, False, False, False),
                          "a missing data folder")

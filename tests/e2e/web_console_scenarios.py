@@ -118,13 +118,6 @@ def browser(window="1280,2000"):
     return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
 
 
-def free_port():
-    """A loopback port that nothing listens on now: the sandbox shares the machine's network."""
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
 def reuse_port_listener():
     """A socket that asks to share its port, as the web server library's own listener does."""
     listener = socket.socket()
@@ -140,7 +133,7 @@ class WebConsole(harness.ScenarioCase):
         self.port = port
         velnord = harness.velnord_beside(self.host.velnor)
         daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", "1",
-                                   "--web-listen", f"{address}:{port}", *extra,
+                                   "--web-listen", f"{address}:{port}", "--no-metrics", *extra,
                                    *(["--foreground"] if log else [])], stderr=log)
         self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
         return daemon
@@ -150,7 +143,7 @@ class WebConsole(harness.ScenarioCase):
         extra arguments; its token."""
         if os.path.exists(TOKEN_FILE):
             os.unlink(TOKEN_FILE)
-        daemon = self.start_daemon(port or free_port(), extra=extra)
+        daemon = self.start_daemon(port or harness.free_port(), extra=extra)
         harness.wait_until(lambda: os.path.exists(TOKEN_FILE), "velnord wrote its token")
         url = subprocess.run([self.host.velnor, "web-url"], capture_output=True, text=True, check=True)
         prefix = f"http://127.0.0.1:{self.port}/?token="
@@ -165,7 +158,7 @@ class WebConsole(harness.ScenarioCase):
             if os.path.exists(stale):
                 os.unlink(stale)
         velnord = harness.velnord_beside(self.host.velnor)
-        self.port = free_port()
+        self.port = harness.free_port()
         daemon = subprocess.Popen([velnord, "--plugin", self.host.plugin, "--idle-interval", "1",
                                    "--web-listen", f"{self.address}:{self.port}"])
         self.addCleanup(lambda: daemon.poll() is None and (daemon.terminate(), daemon.wait()))
@@ -371,7 +364,7 @@ class WebConsole(harness.ScenarioCase):
 
     @sandbox("--systemd")
     def test_console_socket_comes_from_systemd(self):
-        port = free_port()
+        port = harness.free_port()
         velnord = harness.velnord_beside(self.host.velnor)
         built = os.path.join(os.path.dirname(velnord), "..", "lib", "systemd", "system")
         units = "/etc/systemd/system"
@@ -448,7 +441,7 @@ class WebConsole(harness.ScenarioCase):
                 for stale in (TOKEN_FILE, ADDRESS_FILE):
                     if os.path.exists(stale):
                         os.unlink(stale)
-                daemon = self.start_daemon(free_port(), log, address)
+                daemon = self.start_daemon(harness.free_port(), log, address)
                 if refusal is None:
                     harness.wait_until(lambda: os.path.exists(ADDRESS_FILE), "velnord serves TLS")
                     printed = subprocess.run([self.host.velnor, "web-url"], capture_output=True,
@@ -551,6 +544,7 @@ class WebConsole(harness.ScenarioCase):
         see("messages", RESTARTING, None)
         see("settings-result", "done", "03-work-mem-saved")
         self.assertEqual(harness.psql("SHOW work_mem"), "12MB")
+        see("starts-today", "1 operator, 1 settings change", None)
 
         job = harness.job_file_bytes()
         checked = self.velnor("settings", "--check", "work_mem=16MB", "shared_buffers=lots", status=1)

@@ -195,10 +195,10 @@ TEST(AuditTrail, ChangeThatCannotBeRecordedIsRefusedToAnotherAccountAndNotToRoot
         return Outcome{true, PlistValue(), ""};
     };
     const Caller other{1000, "operator", 1, Channel::ControlSocket, {}};
-    EXPECT_EQ(conclude(command, PlistValue(), call, other, AuditTrail(folder.trail)), 69);
+    EXPECT_EQ(conclude(command, PlistValue(), call, other, {}, AuditTrail(folder.trail)), 69);
     EXPECT_EQ(calls, 0) << "nothing was done for the other account";
     const Caller root{0, "root", 1, Channel::ControlSocket, {}};
-    EXPECT_EQ(conclude(command, PlistValue(), call, root, AuditTrail(folder.trail)), 0);
+    EXPECT_EQ(conclude(command, PlistValue(), call, root, {}, AuditTrail(folder.trail)), 0);
     EXPECT_GT(calls, 0) << "root's start went ahead";
     EXPECT_FALSE(fs::exists(folder.file)) << "and nothing was written to the account's folder";
 }

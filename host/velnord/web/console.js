@@ -178,8 +178,18 @@ function drawChart(samples) {
   label(most + ' connections', 2, top + 8, 'start');
 }
 
+// The restart ledger: when the service last started, and today's starts by what caused them.
+function drawLedger(ledger) {
+  ledger = ledger || {};
+  byId('last-start').textContent = ledger.lastStart ? new Date(ledger.lastStart).toLocaleString() : '—';
+  const today = Object.entries(ledger.startsToday || {}).filter(([, count]) => count > 0);
+  byId('starts-today').textContent =
+    today.length ? today.map(([cause, count]) => count + ' ' + cause).join(', ') : 'none';
+}
+
 function drawPicture(picture) {
   drawState(picture.state, picture.folders, picture.lastTick);
+  drawLedger(picture.ledger);
   drawClients(picture.clients);
   drawSettings(picture.settings);
   drawLog(picture.logPath, picture.log);
