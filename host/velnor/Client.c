@@ -168,7 +168,7 @@ int main(int argc, char** argv) {
         runInThisProcess(argv);
     }
     // The request, and then the reply, in one buffer on the stack: a usual run asks the allocator
-    // for nothing, which on a busy machine costs as much as the rest of its start-up.
+    // for nothing: each page it would map costs more than a system call of the conversation.
     unsigned char buffer[4 + 4096];
     struct FrameBuffer frame = {buffer, 0, sizeof buffer, 0, 0};
     const int sent =
