@@ -202,6 +202,7 @@ int serve(const Options& options, const PluginModule& module, const HostLock& ho
     ControlServer* server = nullptr;
     Worker worker(
         plugin, hostLock, findOperation(plugin, "doIdleAtCount"),
+        std::chrono::duration_cast<std::chrono::microseconds>(options.idleInterval),
         [&notice, &console](const std::string& what) {
             notice.ran(what);
             if (WebConsole* web = console.load()) {
@@ -216,9 +217,8 @@ int serve(const Options& options, const PluginModule& module, const HostLock& ho
     relayLogMessages(worker);
     std::unique_ptr<WebConsole> web = startWebConsole(options, plugin, worker);
     console = web.get();
-    support::Result<std::unique_ptr<ControlServer>> created = ControlServer::create(
-        plugin, pluginPath, worker, inbox, std::move(*listener),
-        std::chrono::duration_cast<std::chrono::microseconds>(options.idleInterval));
+    support::Result<std::unique_ptr<ControlServer>> created =
+        ControlServer::create(plugin, pluginPath, worker, inbox, std::move(*listener));
     support::Status served = created.ok() ? support::Status() : support::Status(created.failure());
     if (created) {
         server = created->get();
