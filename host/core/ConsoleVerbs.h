@@ -4,22 +4,10 @@
 #pragma once
 
 #include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
 
 #include "CommandLine.h"
-#include "Result.h"
 
 namespace velnor::host {
-
-// Where velnord leaves the console's token (root's, 0600) and address (root's, 0644).
-inline constexpr const char* kWebTokenPath = "/run/velnor/web-token";
-inline constexpr const char* kWebAddressPath = "/run/velnor/web-address";
-
-// "http://ADDR:PORT/?token=TOKEN", from the files that velnord wrote. Fails when either is
-// missing (no console runs), or is not root's alone, or the token file can be read by others.
-support::Result<std::string> readWebUrl();
 
 // Runs `web-url` or `settings --check ...` when the command is one of them, and answers its
 // exit status; nothing for every other command. Neither loads the plug-in or asks velnord.

@@ -13,7 +13,7 @@
 #include <optional>
 #include <string>
 
-#include "ConsoleVerbs.h"
+#include "ConsoleFiles.h"
 #include "Result.h"
 #include "TokenBackoff.h"
 
