@@ -359,7 +359,10 @@ int ControlServer::onListener(sd_event_source*, int, std::uint32_t, void* self) 
 
 void ControlServer::acceptConnections() {
     for (int taken = 0; taken < kAcceptsPerTurn; ++taken) {
-        UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        // A connection's socket stays blocking: the loop never waits on it, since its every
+        // read and write says MSG_DONTWAIT, and a command line's thread, which takes the socket
+        // over and may wait to write its reply, needs no change of flags first.
+        UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!socket.valid()) {
             // EAGAIN: none left. Anything else (a client that gave up, no descriptor to spare)
             // ends only this attempt; the listener stays readable for the next turn.
@@ -569,9 +572,6 @@ void ControlServer::startCommandLine(Connection& connection, ReceivedFrame& requ
         const std::string* path = bytesOf(*plugin);
         client.pluginFromEnvironment = path ? std::optional<std::string>(*path) : std::nullopt;
     }
-    // The thread writes its one reply and may wait to: the socket blocks again.
-    const int flags = fcntl(connection.socket.get(), F_GETFL);
-    fcntl(connection.socket.get(), F_SETFL, flags & ~O_NONBLOCK);
     struct CommandLine {
         ClientCommand client;
         UniqueFd socket;
