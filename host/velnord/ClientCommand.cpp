@@ -10,6 +10,7 @@
 #include "CommandLine.h"
 #include "Conclusion.h"
 #include "ExitStatus.h"
+#include "Invocation.h"
 #include "PluginLoader.h"
 #include "Terminal.h"
 
@@ -34,7 +35,26 @@ bool asksForOwnPlugin(const Command& command, const ClientCommand& client,
            wanted.st_ino == own.st_ino;
 }
 
-int runOperation(const Command& command, const PluginDescriptor& plugin, Worker& worker) {
+// The command as velnor typed it: what follows the program's name.
+support::Result<Command> parsedCommand(const ClientCommand& client) {
+    std::vector<std::string_view> arguments(client.arguments.begin(), client.arguments.end());
+    return parseCommandLine(arguments);
+}
+
+// Whether the command's first call is its own operation with the argument that the command line
+// gave, and nothing comes before it: no help to print, no other plug-in to look for, no file to
+// read, no preceding operation (a restart's stop) and no log to mark (a start's).
+bool callsAtOnce(const Command& command, const ClientCommand& client) {
+    const bool namesPlugin =
+        command.pluginPath.has_value() ||
+        (client.pluginFromEnvironment && !client.pluginFromEnvironment->empty());
+    return !command.answer && !command.direct && !namesPlugin && command.verb != "web-url" &&
+           !command.settingsToCheck && !std::holds_alternative<RawArgument>(command.argument) &&
+           serviceVerbOperations(command.verb).size() <= 1 && command.verb != "start";
+}
+
+int runOperation(const Command& command, const PluginDescriptor& plugin, Worker& worker,
+                 std::optional<EarlyCall> early) {
     int status = kExitNormal;
     std::optional<PreparedCall> prepared = prepareCall(command, plugin, &status);
     if (!prepared) {
@@ -46,14 +66,21 @@ int runOperation(const Command& command, const PluginDescriptor& plugin, Worker&
             printLogMessage(client, message);
         }
     };
-    Call call = [&plugin, &worker, &relay](
+    Call call = [&plugin, &worker, &relay, early = std::move(early)](
                     const std::string& name,
-                    const OperationArgument& argument) -> support::Result<Outcome> {
-        support::Result<const HostOperation*> operation = operationTaking(plugin, name, argument);
-        if (!operation) {
-            return operation.failure();
+                    const OperationArgument& argument) mutable -> support::Result<Outcome> {
+        std::optional<Outcome> outcome;
+        if (early && early->operation == name) {
+            outcome = early->pending->outcome(relay);
+            early.reset();
+        } else {
+            support::Result<const HostOperation*> operation =
+                operationTaking(plugin, name, argument);
+            if (!operation) {
+                return operation.failure();
+            }
+            outcome = worker.call(**operation, argument, relay);
         }
-        std::optional<Outcome> outcome = worker.call(**operation, argument, relay);
         if (!outcome) {
             return support::Failure{ECANCELED, "velnord is stopping; the call was not run"};
         }
@@ -64,10 +91,26 @@ int runOperation(const Command& command, const PluginDescriptor& plugin, Worker&
 
 }  // namespace
 
+std::optional<EarlyCall> startCallAtOnce(const ClientCommand& client,
+                                         const PluginDescriptor& plugin, Worker& worker) {
+    support::Result<Command> command = parsedCommand(client);
+    if (!command || !callsAtOnce(*command, client)) {
+        return std::nullopt;
+    }
+    const HostOperation* operation = findOperation(plugin, command->operation);
+    if (operation == nullptr || !argumentFitsStyle(operation->style, command->argument)) {
+        return std::nullopt;
+    }
+    std::shared_ptr<PendingCall> pending = worker.start(*operation, command->argument);
+    if (!pending) {
+        return std::nullopt;
+    }
+    return EarlyCall{command->operation, std::move(pending)};
+}
+
 std::optional<int> runClientCommand(const ClientCommand& client, const PluginDescriptor& plugin,
                                     const std::string& pluginPath, Worker& worker) {
-    std::vector<std::string_view> arguments(client.arguments.begin(), client.arguments.end());
-    support::Result<Command> parsed = parseCommandLine(arguments);
+    support::Result<Command> parsed = parsedCommand(client);
     if (parsed && (parsed->direct || !asksForOwnPlugin(*parsed, client, pluginPath))) {
         return std::nullopt;
     }
@@ -84,7 +127,7 @@ std::optional<int> runClientCommand(const ClientCommand& client, const PluginDes
     if (std::optional<int> answered = answerWithoutPlugin(*parsed)) {
         return *answered;
     }
-    return runOperation(*parsed, plugin, worker);
+    return runOperation(*parsed, plugin, worker, client.earlyCall);
 }
 
 }  // namespace velnor::host
