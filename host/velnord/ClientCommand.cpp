@@ -41,16 +41,13 @@ support::Result<Command> parsedCommand(const ClientCommand& client) {
     return parseCommandLine(arguments);
 }
 
-// Whether the command's first call is its own operation with the argument that the command line
-// gave, and nothing comes before it: no help to print, no other plug-in to look for, no file to
-// read, no preceding operation (a restart's stop) and no log to mark (a start's).
+// Whether the daemon may queue the command's call before its thread takes it up: conclude will
+// ask for that call first, and the command is the daemon's to run, in the daemon's plug-in.
 bool callsAtOnce(const Command& command, const ClientCommand& client) {
     const bool namesPlugin =
         command.pluginPath.has_value() ||
         (client.pluginFromEnvironment && !client.pluginFromEnvironment->empty());
-    return !command.answer && !command.direct && !namesPlugin && command.verb != "web-url" &&
-           !command.settingsToCheck && !std::holds_alternative<RawArgument>(command.argument) &&
-           serviceVerbOperations(command.verb).size() <= 1 && command.verb != "start";
+    return !command.direct && !namesPlugin && callsItsOperationFirst(command);
 }
 
 int runOperation(const Command& command, const PluginDescriptor& plugin, Worker& worker,
