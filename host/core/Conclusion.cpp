@@ -265,12 +265,6 @@ std::optional<int> runPrecedingOperations(const Command& command, const Call& ca
 
 }  // namespace
 
-bool callsItsOperationFirst(const Command& command) {
-    return !command.answer && command.verb != "web-url" && !command.settingsToCheck &&
-           !std::holds_alternative<RawArgument>(command.argument) &&
-           serviceVerbOperations(command.verb).size() <= 1 && command.verb != "start";
-}
-
 // Runs the command's operation through call, with what the verb tells beyond its response.
 int conclude(const Command& command, const OperationArgument& argument, const Call& call) {
     if (std::optional<int> status = runPrecedingOperations(command, call)) {

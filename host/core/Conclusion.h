@@ -51,12 +51,6 @@ support::Result<const HostOperation*> operationTaking(const PluginDescriptor& pl
 using Call = std::function<support::Result<Outcome>(const std::string& operation,
                                                     const OperationArgument& argument)>;
 
-// True when the first call that conclude makes for the command is its own operation with the
-// argument the command line gave, and nothing comes before it: no answer to print, no console
-// verb, no file to read (`call`), no preceding operation (a restart's stop) and no log to mark
-// (a start's). Such a call may be made before conclude asks for it.
-bool callsItsOperationFirst(const Command& command);
-
 // Runs the command's operation through call, with what the verb tells beyond its response;
 // the run's exit status.
 int conclude(const Command& command, const OperationArgument& argument, const Call& call);

@@ -10,7 +10,6 @@
 #include "CommandLine.h"
 #include "Conclusion.h"
 #include "ExitStatus.h"
-#include "Invocation.h"
 #include "PluginLoader.h"
 #include "Terminal.h"
 
@@ -35,23 +34,7 @@ bool asksForOwnPlugin(const Command& command, const ClientCommand& client,
            wanted.st_ino == own.st_ino;
 }
 
-// The command as velnor typed it: what follows the program's name.
-support::Result<Command> parsedCommand(const ClientCommand& client) {
-    std::vector<std::string_view> arguments(client.arguments.begin(), client.arguments.end());
-    return parseCommandLine(arguments);
-}
-
-// Whether the daemon may queue the command's call before its thread takes it up: conclude will
-// ask for that call first, and the command is the daemon's to run, in the daemon's plug-in.
-bool callsAtOnce(const Command& command, const ClientCommand& client) {
-    const bool namesPlugin =
-        command.pluginPath.has_value() ||
-        (client.pluginFromEnvironment && !client.pluginFromEnvironment->empty());
-    return !command.direct && !namesPlugin && callsItsOperationFirst(command);
-}
-
-int runOperation(const Command& command, const PluginDescriptor& plugin, Worker& worker,
-                 std::optional<EarlyCall> early) {
+int runOperation(const Command& command, const PluginDescriptor& plugin, Worker& worker) {
     int status = kExitNormal;
     std::optional<PreparedCall> prepared = prepareCall(command, plugin, &status);
     if (!prepared) {
@@ -63,21 +46,14 @@ int runOperation(const Command& command, const PluginDescriptor& plugin, Worker&
             printLogMessage(client, message);
         }
     };
-    Call call = [&plugin, &worker, &relay, early = std::move(early)](
+    Call call = [&plugin, &worker, &relay](
                     const std::string& name,
-                    const OperationArgument& argument) mutable -> support::Result<Outcome> {
-        std::optional<Outcome> outcome;
-        if (early && early->operation == name) {
-            outcome = early->pending->outcome(relay);
-            early.reset();
-        } else {
-            support::Result<const HostOperation*> operation =
-                operationTaking(plugin, name, argument);
-            if (!operation) {
-                return operation.failure();
-            }
-            outcome = worker.call(**operation, argument, relay);
+                    const OperationArgument& argument) -> support::Result<Outcome> {
+        support::Result<const HostOperation*> operation = operationTaking(plugin, name, argument);
+        if (!operation) {
+            return operation.failure();
         }
+        std::optional<Outcome> outcome = worker.call(**operation, argument, relay);
         if (!outcome) {
             return support::Failure{ECANCELED, "velnord is stopping; the call was not run"};
         }
@@ -88,26 +64,10 @@ int runOperation(const Command& command, const PluginDescriptor& plugin, Worker&
 
 }  // namespace
 
-std::optional<EarlyCall> startCallAtOnce(const ClientCommand& client,
-                                         const PluginDescriptor& plugin, Worker& worker) {
-    support::Result<Command> command = parsedCommand(client);
-    if (!command || !callsAtOnce(*command, client)) {
-        return std::nullopt;
-    }
-    const HostOperation* operation = findOperation(plugin, command->operation);
-    if (operation == nullptr || !argumentFitsStyle(operation->style, command->argument)) {
-        return std::nullopt;
-    }
-    std::shared_ptr<PendingCall> pending = worker.start(*operation, command->argument);
-    if (!pending) {
-        return std::nullopt;
-    }
-    return EarlyCall{command->operation, std::move(pending)};
-}
-
 std::optional<int> runClientCommand(const ClientCommand& client, const PluginDescriptor& plugin,
                                     const std::string& pluginPath, Worker& worker) {
-    support::Result<Command> parsed = parsedCommand(client);
+    std::vector<std::string_view> arguments(client.arguments.begin(), client.arguments.end());
+    support::Result<Command> parsed = parseCommandLine(arguments);
     if (parsed && (parsed->direct || !asksForOwnPlugin(*parsed, client, pluginPath))) {
         return std::nullopt;
     }
@@ -124,7 +84,7 @@ std::optional<int> runClientCommand(const ClientCommand& client, const PluginDes
     if (std::optional<int> answered = answerWithoutPlugin(*parsed)) {
         return *answered;
     }
-    return runOperation(*parsed, plugin, worker, client.earlyCall);
+    return runOperation(*parsed, plugin, worker);
 }
 
 }  // namespace velnor::host

@@ -566,15 +566,12 @@ void ControlServer::startCommandLine(Connection& connection, ReceivedFrame& requ
                                  "folder"));
         return;
     }
-    ClientCommand client{std::move(*arguments),     std::nullopt,
-                         std::move(request.passed), connection.peer.pid,
-                         connection.socket.get(),   std::nullopt};
+    ClientCommand client{std::move(*arguments), std::nullopt, std::move(request.passed),
+                         connection.peer.pid, connection.socket.get()};
     if (const PlistValue* plugin = request.message.find("plugin")) {
         const std::string* path = bytesOf(*plugin);
         client.pluginFromEnvironment = path ? std::optional<std::string>(*path) : std::nullopt;
     }
-    // The worker need not wait for the command line's thread to wake before it runs the call.
-    client.earlyCall = startCallAtOnce(client, plugin_, worker_);
     struct CommandLine {
         ClientCommand client;
         UniqueFd socket;

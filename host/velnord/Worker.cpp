@@ -14,45 +14,57 @@ namespace {
 // console's) belongs to no call that the worker runs.
 thread_local bool onWorkerThread = false;
 
-}  // namespace
-
-void PendingCall::message(int priority, const std::string& text) {
-    {
-        std::lock_guard lock(mutex_);
-        messages_.emplace_back(priority, text);
+// The sink of a caller that waits: messages and the outcome are kept until the caller's thread
+// takes them, so that the worker never waits on it.
+class WaitingSink : public CallSink {
+  public:
+    void message(int priority, const std::string& text) override {
+        {
+            std::lock_guard lock(mutex_);
+            messages_.emplace_back(priority, text);
+        }
+        changed_.notify_one();
     }
-    changed_.notify_one();
-}
 
-void PendingCall::finished(std::optional<Outcome> outcome) {
-    {
-        std::lock_guard lock(mutex_);
-        outcome_ = std::move(outcome);
-        done_ = true;
+    void finished(std::optional<Outcome> outcome) override {
+        {
+            std::lock_guard lock(mutex_);
+            outcome_ = std::move(outcome);
+            done_ = true;
+        }
+        changed_.notify_one();
     }
-    changed_.notify_one();
-}
 
-std::optional<Outcome> PendingCall::outcome(
-    const std::function<void(int, const std::string&)>& relay) {
-    std::unique_lock lock(mutex_);
-    for (;;) {
-        changed_.wait(lock, [this] { return done_ || !messages_.empty(); });
-        std::deque<std::pair<int, std::string>> taken;
-        taken.swap(messages_);
-        const bool done = done_;
-        lock.unlock();
-        for (const auto& [priority, text] : taken) {
-            if (relay) {
-                relay(priority, text);
+    // Passes the messages to relay as they come, then answers the outcome.
+    std::optional<Outcome> deliver(const std::function<void(int, const std::string&)>& relay) {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            changed_.wait(lock, [this] { return done_ || !messages_.empty(); });
+            std::deque<std::pair<int, std::string>> taken;
+            taken.swap(messages_);
+            const bool done = done_;
+            lock.unlock();
+            for (const auto& [priority, text] : taken) {
+                if (relay) {
+                    relay(priority, text);
+                }
+            }
+            lock.lock();
+            if (done && messages_.empty()) {
+                return std::move(outcome_);
             }
         }
-        lock.lock();
-        if (done && messages_.empty()) {
-            return std::move(outcome_);
-        }
     }
-}
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<std::pair<int, std::string>> messages_;
+    std::optional<Outcome> outcome_;
+    bool done_ = false;
+};
+
+}  // namespace
 
 Worker::Worker(const PluginDescriptor& plugin, const HostLock& hostLock,
                const HostOperation* idleOperation, std::chrono::microseconds idleInterval,
@@ -91,16 +103,13 @@ bool Worker::submit(const HostOperation& operation, OperationArgument argument,
     return push(Job{JobKind::Call, &operation, std::move(argument), std::move(sink), {}});
 }
 
-std::shared_ptr<PendingCall> Worker::start(const HostOperation& operation,
-                                           OperationArgument argument) {
-    auto pending = std::make_shared<PendingCall>();
-    return submit(operation, std::move(argument), pending) ? pending : nullptr;
-}
-
 std::optional<Outcome> Worker::call(const HostOperation& operation, OperationArgument argument,
                                     std::function<void(int, const std::string&)> relay) {
-    std::shared_ptr<PendingCall> pending = start(operation, std::move(argument));
-    return pending ? pending->outcome(relay) : std::nullopt;
+    auto sink = std::make_shared<WaitingSink>();
+    if (!submit(operation, std::move(argument), sink)) {
+        return std::nullopt;
+    }
+    return sink->deliver(relay);
 }
 
 void Worker::queueStopQuery(std::string label) {

@@ -43,25 +43,6 @@ class CallSink {
     virtual void finished(std::optional<Outcome> outcome) = 0;
 };
 
-// A call handed to the worker whose caller takes its messages and outcome when it is ready to:
-// until then they are kept, so that the worker never waits on the caller.
-class PendingCall : public CallSink {
-  public:
-    void message(int priority, const std::string& text) override;
-    void finished(std::optional<Outcome> outcome) override;
-
-    // Passes the messages to relay as they come, on the caller's thread, then answers the
-    // outcome: nothing when the worker stopped before the call's turn. Once only.
-    std::optional<Outcome> outcome(const std::function<void(int, const std::string&)>& relay);
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<std::pair<int, std::string>> messages_;
-    std::optional<Outcome> outcome_;
-    bool done_ = false;
-};
-
 // What the worker has run so far: plug-in calls, idle ticks, and the state queries it made when a
 // stop's ExitTimeOut ended.
 struct WorkerCounts {
@@ -89,10 +70,6 @@ class Worker {
     // the worker is stopping.
     bool submit(const HostOperation& operation, OperationArgument argument,
                 std::shared_ptr<CallSink> sink);
-
-    // Queues the call and answers it pending, for its caller to take the outcome later; nullptr
-    // when the worker is stopping.
-    std::shared_ptr<PendingCall> start(const HostOperation& operation, OperationArgument argument);
 
     // Runs the call in its turn and waits for it; log messages that the plug-in emits meanwhile
     // go to relay as they come, on the caller's thread, so that the worker never waits on a

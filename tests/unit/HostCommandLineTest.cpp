@@ -5,7 +5,6 @@
 #include <tuple>
 
 #include "CommandLine.h"
-#include "Conclusion.h"
 #include "SettingsCheck.h"
 
 namespace velnor::host {
@@ -121,27 +120,6 @@ TEST(HostCommandLine, AParseKeepsNothingOfTheOneBefore) {
         std::thread([&] { fresh = described(after); }).join();
         (void)parseCommandLine(before);
         EXPECT_EQ(described(after), fresh) << ::testing::PrintToString(before);
-    }
-}
-
-// Only a command whose first call is its own, with nothing before it, may have that call made
-// ahead of the rest of its run.
-TEST(HostCommandLine, OnlyACommandWithNothingBeforeItsCallCallsItFirst) {
-    // clang-format off
-    const std::pair<Arguments, bool> cases[] = {
-        {{"status"}, true}, {{"status", "--details", "--json"}, true}, {{"stop"}, true},
-        {{"try-restart"}, true}, {{"settings"}, true}, {{"settings", "port=5433"}, true},
-        {{"setup", "--upgrade"}, true}, {{"log-path"}, true}, {{"idle"}, true},
-        {{"start"}, false},                   // the log is marked first
-        {{"restart"}, false},                 // a stop comes first
-        {{"call", "getStateWithRequest"}, false},  // its argument may be a file to read
-        {{"status", "--help"}, false}, {{"--version"}, false}, {{"web-url"}, false},
-        {{"settings", "--check", "port=1"}, false},
-    };
-    // clang-format on
-    for (const auto& [arguments, first] : cases) {
-        EXPECT_EQ(callsItsOperationFirst(parsed(arguments)), first)
-            << ::testing::PrintToString(arguments);
     }
 }
 
