@@ -212,7 +212,7 @@ def traced_tick(arguments, table):
     traced_lines = [re.match(r"^(?:\[pid\s+(\d+)\] )?(.*)$", line).groups()
                     for line in traced.communicate()[1].splitlines()]
     daemon.stop()
-    # The worker is the thread that tests the folders; the loop, the one that reads the timer.
+    # The worker is the thread that tests the folders.
     worker = next((thread for thread, call in traced_lines if call.startswith("openat2(")), None)
     folders = []
     for thread, call in traced_lines:

@@ -304,38 +304,61 @@ support::Status checkHostOptions(Command& command, const Typed& typed, const CLI
     return {};
 }
 
+// The usage built once and kept for every command line that a thread parses: building it costs
+// far more than a parse, and velnord parses a command line for nearly every run of velnor. Its
+// options write into command and typed, which each parse starts afresh.
+class Parser {
+  public:
+    Parser() : app_(std::string(kDescription), "velnor") {
+        app_.fallthrough();
+        app_.require_subcommand(1);
+        addHostOptions(app_, command_, typed_);
+        addVerbs(app_, typed_);
+        app_.footer(std::string(kFooter));
+    }
+    Parser(const Parser&) = delete;
+    Parser& operator=(const Parser&) = delete;
+
+    support::Result<Command> parse(std::span<const std::string_view> arguments) {
+        command_ = Command();
+        typed_ = Typed();
+        // A parse that threw leaves its counts behind; the next one starts from none.
+        app_.clear();
+        // CLI11 takes the arguments last first.
+        std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+        try {
+            app_.parse(reversed);
+        } catch (const CLI::CallForHelp&) {
+            // A verb's usage reads "velnor VERB".
+            command_.answer = app_.get_subcommands().empty()
+                                  ? app_.help()
+                                  : app_.get_subcommands()[0]->help(app_.get_name());
+            return std::move(command_);
+        } catch (const CLI::CallForVersion&) {
+            command_.answer = std::string(VELNOR_VERSION) + "\n";
+            return std::move(command_);
+        } catch (const CLI::ParseError& error) {
+            return failure(parseFailure(app_, error));
+        }
+        if (auto checked = checkHostOptions(command_, typed_, app_); !checked) {
+            return checked.failure();
+        }
+        command_.verb = app_.get_subcommands()[0]->get_name();
+        return verbCommand(std::move(command_), typed_);
+    }
+
+  private:
+    Command command_;
+    Typed typed_;
+    CLI::App app_;
+};
+
 }  // namespace
 
 support::Result<Command> parseCommandLine(std::span<const std::string_view> arguments) {
-    Command command;
-    Typed typed;
-    CLI::App app(std::string(kDescription), "velnor");
-    app.fallthrough();
-    app.require_subcommand(1);
-    addHostOptions(app, command, typed);
-    addVerbs(app, typed);
-    app.footer(std::string(kFooter));
-    // CLI11 takes the arguments last first.
-    std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
-    try {
-        app.parse(reversed);
-    } catch (const CLI::CallForHelp&) {
-        // A verb's usage reads "velnor VERB".
-        command.answer = app.get_subcommands().empty()
-                             ? app.help()
-                             : app.get_subcommands()[0]->help(app.get_name());
-        return command;
-    } catch (const CLI::CallForVersion&) {
-        command.answer = std::string(VELNOR_VERSION) + "\n";
-        return command;
-    } catch (const CLI::ParseError& error) {
-        return failure(parseFailure(app, error));
-    }
-    if (auto checked = checkHostOptions(command, typed, app); !checked) {
-        return checked.failure();
-    }
-    command.verb = app.get_subcommands()[0]->get_name();
-    return verbCommand(std::move(command), typed);
+    // One per thread: a parse writes into the parser's own fields.
+    thread_local Parser parser;
+    return parser.parse(arguments);
 }
 
 std::optional<std::int32_t> parseIdleCount(std::string_view text) {

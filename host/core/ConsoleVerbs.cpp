@@ -1,29 +1,17 @@
 #include "ConsoleVerbs.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 
-#include "DescriptorIo.h"
+#include "ConsoleFiles.h"
 #include "ExitStatus.h"
 #include "Output.h"
-#include "RootFolder.h"
 #include "SettingsCheck.h"
 #include "Terminal.h"
 
 namespace velnor::host {
 namespace {
-
-// The first line of a file that root alone may have written.
-support::Result<std::string> readRootsLine(const std::string& path, bool othersMayRead) {
-    support::Result<std::string> contents = support::readRootsFile(path, othersMayRead);
-    if (!contents) {
-        return contents.failure();
-    }
-    return contents->substr(0, contents->find('\n'));
-}
 
 int printWebUrl() {
     support::Result<WebUrl> url = readWebUrl();
@@ -92,23 +80,6 @@ int checkSettingsCommand(const std::vector<std::string>& settings, bool json) {
 }
 
 }  // namespace
-
-support::Result<WebUrl> readWebUrl() {
-    support::Result<std::string> token = readRootsLine(kWebTokenPath, false);
-    if (!token) {
-        return token.failure();
-    }
-    support::Result<std::string> address = readRootsLine(kWebAddressPath, true);
-    if (!address) {
-        return address.failure();
-    }
-    support::Result<std::string> fingerprint = readRootsLine(kWebFingerprintPath, true);
-    if (!fingerprint && fingerprint.error() != ENOENT) {
-        return fingerprint.failure();
-    }
-    const std::string scheme = fingerprint ? "https://" : "http://";
-    return WebUrl{scheme + *address + "/?token=" + *token, fingerprint ? *fingerprint : ""};
-}
 
 std::optional<int> runConsoleVerb(const Command& command) {
     if (command.verb != "web-url" && !command.settingsToCheck) {

@@ -322,6 +322,12 @@ Result<UniqueFd> openSafely(const std::string& path, std::string* untrusted) {
     return Walk("open", path, std::nullopt, untrusted).run();
 }
 
+bool isFolder(const std::string& path) {
+    Result<UniqueFd> opened = openSafely(path);
+    struct stat status;
+    return opened && fstat(opened->get(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 Result<Placement> placeSafely(const std::string& path) {
     std::string current = path;
     for (int links = 0;; ++links) {

@@ -40,6 +40,10 @@ Result<Attributes> resolveAttributes(mode_t permissions, const std::string& owne
 // `could not open "PATH": REASON`; error() is ENOENT when something on the way is missing.
 Result<UniqueFd> openSafely(const std::string& path, std::string* untrusted = nullptr);
 
+// Whether what path names, links followed where safe, is a folder: false when it is missing,
+// anything else, or reached through a link that is not safe to follow.
+bool isFolder(const std::string& path);
+
 // Where a file lies, for a rename over it: the folder that holds it, as an O_PATH descriptor, its
 // name there, and its path as messages show it.
 struct Placement {

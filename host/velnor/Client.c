@@ -134,13 +134,13 @@ static int sendRequest(int connection, const struct FrameBuffer* frame) {
 }
 
 // The daemon's answer, which comes once the command has run: one small frame, which usually
-// arrives in one read.
-static int receiveReply(int connection, struct CommandReply* reply) {
-    static unsigned char bytes[4 + 4096];
+// arrives in one read. bytes holds the frame, length first.
+static int receiveReply(int connection, unsigned char* bytes, size_t size,
+                        struct CommandReply* reply) {
     size_t have = 0;
     size_t needed = 4;
     while (have < needed) {
-        ssize_t count = read(connection, bytes + have, sizeof bytes - have);
+        ssize_t count = read(connection, bytes + have, size - have);
         if (count < 0 && errno == EINTR) {
             continue;
         }
@@ -151,7 +151,7 @@ static int receiveReply(int connection, struct CommandReply* reply) {
         if (have >= 4) {
             needed = 4 + (((size_t)bytes[0] << 24) | ((size_t)bytes[1] << 16) |
                           ((size_t)bytes[2] << 8) | bytes[3]);
-            if (needed > sizeof bytes) {
+            if (needed > size) {
                 return 0;
             }
         }
@@ -167,7 +167,10 @@ int main(int argc, char** argv) {
     if (connection < 0) {
         runInThisProcess(argv);
     }
-    struct FrameBuffer frame = {NULL, 0, 0, 0};
+    // The request, and then the reply, in one buffer on the stack: a usual run asks the allocator
+    // for nothing: each page it would map costs more than a system call of the conversation.
+    unsigned char buffer[4 + 4096];
+    struct FrameBuffer frame = {buffer, 0, sizeof buffer, 0, 0};
     const int sent =
         writeCommandRequest(argv + 1, (size_t)(argc - 1), getenv("VELNOR_PLUGIN"), &frame) &&
         sendRequest(connection, &frame);
@@ -178,7 +181,7 @@ int main(int argc, char** argv) {
         runInThisProcess(argv);
     }
     struct CommandReply reply;
-    if (!receiveReply(connection, &reply)) {
+    if (!receiveReply(connection, buffer, sizeof buffer, &reply)) {
         fprintf(stderr, "velnor: velnord ended the connection before it told the command's end\n");
         return kExitUnavailable;
     }

@@ -14,13 +14,19 @@ static void append(struct FrameBuffer* buffer, const void* bytes, size_t size) {
     }
     if (buffer->size + size > buffer->capacity) {
         size_t capacity = (buffer->size + size) * 2;
-        unsigned char* grown = (unsigned char*)realloc(buffer->bytes, capacity);
+        // Lent storage is never handed to realloc: the bytes so far move to the heap.
+        unsigned char* grown = buffer->onHeap ? (unsigned char*)realloc(buffer->bytes, capacity)
+                                              : (unsigned char*)malloc(capacity);
         if (grown == NULL) {
             buffer->failed = 1;
             return;
         }
+        if (!buffer->onHeap && buffer->size > 0) {
+            memcpy(grown, buffer->bytes, buffer->size);
+        }
         buffer->bytes = grown;
         buffer->capacity = capacity;
+        buffer->onHeap = 1;
     }
     memcpy(buffer->bytes + buffer->size, bytes, size);
     buffer->size += size;
@@ -47,23 +53,25 @@ static void appendMarker(struct FrameBuffer* buffer, unsigned char type, uint64_
     appendBigEndian(buffer, count, 8);
 }
 
-// Objects are numbered in the order they are written; references are 2 bytes and offsets 4.
+// Objects are numbered in the order they are written; references are 2 bytes and offsets 4,
+// counted from the property list's first byte, which lies at base in the frame.
 struct Writer {
-    struct FrameBuffer* body;
+    struct FrameBuffer* frame;
+    size_t base;
     uint32_t* offsets;
     uint64_t count;
 };
 
 static uint16_t beginObject(struct Writer* writer) {
-    writer->offsets[writer->count] = (uint32_t)writer->body->size;
+    writer->offsets[writer->count] = (uint32_t)(writer->frame->size - writer->base);
     return (uint16_t)writer->count++;
 }
 
 static uint16_t writeBytes(struct Writer* writer, unsigned char type, const char* bytes,
                            size_t size) {
     uint16_t reference = beginObject(writer);
-    appendMarker(writer->body, type, size);
-    append(writer->body, bytes, size);
+    appendMarker(writer->frame, type, size);
+    append(writer->frame, bytes, size);
     return reference;
 }
 
@@ -71,24 +79,25 @@ static uint16_t writeKey(struct Writer* writer, const char* key) {
     return writeBytes(writer, 0x50, key, strlen(key));
 }
 
-static void storeReference(struct FrameBuffer* body, size_t at, uint16_t reference) {
-    body->bytes[at] = (unsigned char)(reference >> 8);
-    body->bytes[at + 1] = (unsigned char)reference;
+static void storeBigEndian(struct FrameBuffer* frame, size_t at, uint64_t value, int width) {
+    for (int index = 0; index < width; ++index) {
+        frame->bytes[at + (size_t)index] = (unsigned char)(value >> (8 * (width - 1 - index)));
+    }
 }
 
-// The request's property list into body; body->failed tells whether it fit.
-static void writeRequestBody(struct FrameBuffer* body, uint32_t* offsets, char* const* arguments,
+// The request's property list, appended to frame; frame->failed tells whether it fit.
+static void writeRequestBody(struct FrameBuffer* frame, uint32_t* offsets, char* const* arguments,
                              size_t count, const char* plugin) {
-    append(body, "bplist00", 8);
-    struct Writer writer = {body, offsets, 0};
+    struct Writer writer = {frame, frame->size, offsets, 0};
+    append(frame, "bplist00", 8);
     const uint64_t entries = plugin != NULL ? 3 : 2;
     // The dictionary comes first, its references filled in once its members are numbered:
     // keys 1.., values after the keys, the array's members last.
     beginObject(&writer);
-    appendMarker(body, 0xD0, entries);
-    const size_t references = body->size;
+    appendMarker(frame, 0xD0, entries);
+    const size_t references = frame->size;
     for (uint64_t index = 0; index < 2 * entries; ++index) {
-        appendBigEndian(body, 0, 2);
+        appendBigEndian(frame, 0, 2);
     }
     uint16_t keys[3] = {writeKey(&writer, "version"), writeKey(&writer, "run"), 0};
     if (plugin != NULL) {
@@ -97,68 +106,77 @@ static void writeRequestBody(struct FrameBuffer* body, uint32_t* offsets, char* 
     uint16_t values[3] = {0, 0, 0};
     values[0] = beginObject(&writer);
     unsigned char version[2] = {0x10, kProtocolVersion};
-    append(body, version, 2);
+    append(frame, version, 2);
     values[1] = beginObject(&writer);
-    appendMarker(body, 0xA0, count);
-    const size_t members = body->size;
+    appendMarker(frame, 0xA0, count);
+    const size_t members = frame->size;
     for (size_t index = 0; index < count; ++index) {
-        appendBigEndian(body, 0, 2);
+        appendBigEndian(frame, 0, 2);
     }
     if (plugin != NULL) {
         values[2] = writeBytes(&writer, 0x40, plugin, strlen(plugin));
     }
     for (size_t index = 0; index < count; ++index) {
         uint16_t member = writeBytes(&writer, 0x40, arguments[index], strlen(arguments[index]));
-        if (!body->failed) {
-            storeReference(body, members + 2 * index, member);
+        if (!frame->failed) {
+            storeBigEndian(frame, members + 2 * index, member, 2);
         }
     }
-    for (uint64_t index = 0; index < entries && !body->failed; ++index) {
-        storeReference(body, references + 2 * index, keys[index]);
-        storeReference(body, references + 2 * (entries + index), values[index]);
+    for (uint64_t index = 0; index < entries && !frame->failed; ++index) {
+        storeBigEndian(frame, references + 2 * index, keys[index], 2);
+        storeBigEndian(frame, references + 2 * (entries + index), values[index], 2);
     }
-    const uint64_t offsetTable = body->size;
+    const uint64_t offsetTable = frame->size - writer.base;
     for (uint64_t index = 0; index < writer.count; ++index) {
-        appendBigEndian(body, offsets[index], 4);
+        appendBigEndian(frame, offsets[index], 4);
     }
     unsigned char trailer[8] = {0, 0, 0, 0, 0, 0, 4, 2};
-    append(body, trailer, sizeof trailer);
-    appendBigEndian(body, writer.count, 8);
-    appendBigEndian(body, 0, 8);
-    appendBigEndian(body, offsetTable, 8);
+    append(frame, trailer, sizeof trailer);
+    appendBigEndian(frame, writer.count, 8);
+    appendBigEndian(frame, 0, 8);
+    appendBigEndian(frame, offsetTable, 8);
 }
 
 int writeCommandRequest(char* const* arguments, size_t count, const char* plugin,
                         struct FrameBuffer* frame) {
     if (count > kMaxRequestArguments) {
+        releaseFrame(frame);
         return 0;
     }
-    // One offset for the dictionary, its three keys, its three values and each argument.
-    uint32_t* offsets = (uint32_t*)calloc(count + 7, sizeof *offsets);
+    // One offset for the dictionary, its three keys, its three values and each argument; a
+    // usual command line's fit on the stack, and velnor asks the allocator for nothing.
+    enum { kOffsetsOnStack = 64 };
+    uint32_t stackOffsets[kOffsetsOnStack];
+    uint32_t* offsets =
+        count + 7 <= kOffsetsOnStack ? stackOffsets : (uint32_t*)calloc(count + 7, sizeof *offsets);
     if (offsets == NULL) {
+        releaseFrame(frame);
         return 0;
     }
-    struct FrameBuffer body = {NULL, 0, 0, 0};
-    writeRequestBody(&body, offsets, arguments, count, plugin);
-    free(offsets);
-    if (!body.failed && body.size <= kMaxFrameBytes) {
-        appendBigEndian(frame, body.size, 4);
-        append(frame, body.bytes, body.size);
+    // The length is written once the property list after it is whole.
+    appendBigEndian(frame, 0, 4);
+    writeRequestBody(frame, offsets, arguments, count, plugin);
+    if (offsets != stackOffsets) {
+        free(offsets);
     }
-    int written = !body.failed && body.size <= kMaxFrameBytes && !frame->failed;
-    free(body.bytes);
+    int written = !frame->failed && frame->size - 4 <= kMaxFrameBytes;
     if (!written) {
         releaseFrame(frame);
+        return 0;
     }
+    storeBigEndian(frame, 0, frame->size - 4, 4);
     return written;
 }
 
 void releaseFrame(struct FrameBuffer* frame) {
-    free(frame->bytes);
+    if (frame->onHeap) {
+        free(frame->bytes);
+    }
     frame->bytes = NULL;
     frame->size = 0;
     frame->capacity = 0;
     frame->failed = 0;
+    frame->onHeap = 0;
 }
 
 // ---- The reply: {kind: "exit", status: INT}, {kind: "direct"} or {kind: "error", ...} -------

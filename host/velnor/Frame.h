@@ -20,22 +20,26 @@ enum {
     kMaxRequestArguments = 60000,
 };
 
+// Bytes written one after another. Its first bytes may be storage that the caller lends
+// ({storage, 0, sizeof storage, 0, 0}); a frame that outgrows it moves to the heap.
 struct FrameBuffer {
     unsigned char* bytes;
     size_t size;
     size_t capacity;
     int failed;
+    // Whether bytes came from malloc, and are the frame's to free.
+    int onHeap;
 };
 
-// Writes into frame, which must be empty ({NULL, 0, 0, 0}), the request
+// Writes into frame, which must hold nothing yet ({NULL, 0, 0, 0, 0}, or lent storage), the request
 // {version: 1, run: [DATA, ...], plugin: DATA} with one DATA per argument, in order, and the
 // plugin entry only when plugin is not NULL. Answers 1 with the whole frame, length first;
-// 0, with frame left empty, when there are more than kMaxRequestArguments arguments, when the
-// property list would pass kMaxFrameBytes, or when memory runs out.
+// 0, with frame left empty (bytes NULL), when there are more than kMaxRequestArguments arguments,
+// when the property list would pass kMaxFrameBytes, or when memory runs out.
 int writeCommandRequest(char* const* arguments, size_t count, const char* plugin,
                         struct FrameBuffer* frame);
 
-// Frees the frame's bytes and leaves it empty.
+// Frees the frame's bytes if they are its own, and leaves it empty.
 void releaseFrame(struct FrameBuffer* frame);
 
 // The daemon's reply: {kind: "exit", status: INT}, {kind: "direct"}, or

@@ -21,6 +21,7 @@
 #include "PathNames.h"
 #include "ProcessStat.h"
 #include "Result.h"
+#include "SafePath.h"
 #include "UniqueFd.h"
 
 namespace velnor {
@@ -495,8 +496,9 @@ support::Status startTransientUnit(sd_bus* bus, const std::string& unit, const s
 
 bool systemdRunsThisMachine() {
     // What sd_booted asks, asked here: the library need not be loaded to learn that it is unused.
-    struct stat status;
-    return lstat("/run/systemd/system/", &status) == 0 && S_ISDIR(status.st_mode);
+    // The machine's init does not change under a running process, so it is asked once.
+    static const bool booted = support::isFolder("/run/systemd/system");
+    return booted;
 }
 
 std::optional<std::string> unitNameOfLabel(const std::string& label) {

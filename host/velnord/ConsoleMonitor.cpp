@@ -87,11 +87,6 @@ std::vector<DatabaseClient> clientsOf(uid_t account) {
     return clients;
 }
 
-bool isFolder(const std::string& path) {
-    struct stat status;
-    return !path.empty() && lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
 // The socket and log folders that the housekeeping keeps in place, and whether they are there.
 PlistValue foldersValue(const PlistValue& settings, const std::string& logPath) {
     const PlistDictionary* configuration = settings.asDictionary();
@@ -101,9 +96,9 @@ PlistValue foldersValue(const PlistValue& settings, const std::string& logPath) 
         socket != nullptr && socket->asString() != nullptr ? *socket->asString() : "";
     const std::string logFolder = logPath.substr(0, logPath.rfind('/'));
     return PlistDictionary{{"socket", PlistValue(socketFolder)},
-                           {"socketPresent", PlistValue::boolean(isFolder(socketFolder))},
+                           {"socketPresent", PlistValue::boolean(support::isFolder(socketFolder))},
                            {"log", PlistValue(logFolder)},
-                           {"logPresent", PlistValue::boolean(isFolder(logFolder))}};
+                           {"logPresent", PlistValue::boolean(support::isFolder(logFolder))}};
 }
 
 PlistValue sampleValue(const ConsoleSample& sample) {

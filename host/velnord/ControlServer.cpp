@@ -232,12 +232,12 @@ class ControlServer::LoopCallSink : public CallSink {
     const std::uint64_t id_;
 };
 
-Result<std::unique_ptr<ControlServer>> ControlServer::create(
-    const PluginDescriptor& plugin, std::string pluginPath, Worker& worker, LoopInbox& inbox,
-    UniqueFd listener, std::chrono::microseconds idleInterval) {
+Result<std::unique_ptr<ControlServer>> ControlServer::create(const PluginDescriptor& plugin,
+                                                             std::string pluginPath, Worker& worker,
+                                                             LoopInbox& inbox, UniqueFd listener) {
     std::unique_ptr<ControlServer> server(
         new ControlServer(plugin, std::move(pluginPath), worker, inbox, std::move(listener)));
-    if (support::Status watching = server->watch(idleInterval); !watching) {
+    if (support::Status watching = server->watch(); !watching) {
         return watching.failure();
     }
     return server;
@@ -257,13 +257,12 @@ ControlServer::~ControlServer() {
     commandLines_.stop();
     sd_event_source_disable_unref(listenerSource_);
     sd_event_source_disable_unref(inboxSource_);
-    sd_event_source_disable_unref(tickTimer_);
     sd_event_source_disable_unref(stopTimer_);
     sd_event_unref(event_);
 }
 
 // Everything the loop waits on.
-support::Status ControlServer::watch(std::chrono::microseconds idleInterval) {
+support::Status ControlServer::watch() {
     int failed = sd_event_new(&event_);
     if (failed < 0) {
         return couldNot("create", "the daemon's event loop", -failed);
@@ -272,21 +271,13 @@ support::Status ControlServer::watch(std::chrono::microseconds idleInterval) {
     if (flags < 0 || fcntl(listener_.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
         return couldNot("watch", kControlSocketPath, errno);
     }
-    // The timer may fire up to a twentieth of the interval late, so that the kernel can gather
-    // wake-ups, and never more than a quarter of a second.
-    const auto interval = static_cast<std::uint64_t>(idleInterval.count());
-    idleInterval_ = interval;
-    const std::uint64_t slack =
-        std::max<std::uint64_t>(1, std::min<std::uint64_t>(interval / 20, 250000));
     if ((failed = sd_event_add_io(event_, &listenerSource_, listener_.get(), EPOLLIN, onListener,
                                   this)) < 0 ||
         (failed = sd_event_add_io(event_, &inboxSource_, inbox_.descriptor(), EPOLLIN, onInbox,
                                   this)) < 0 ||
-        (failed = sd_event_add_time_relative(event_, &tickTimer_, CLOCK_MONOTONIC, interval, slack,
-                                             onTick, this)) < 0 ||
         (failed = sd_event_add_signal(event_, nullptr, SIGTERM, onStopSignal, this)) < 0 ||
         (failed = sd_event_add_signal(event_, nullptr, SIGINT, onStopSignal, this)) < 0) {
-        return couldNot("watch", "the daemon's control socket, timers and signals", -failed);
+        return couldNot("watch", "the daemon's control socket, timer and signals", -failed);
     }
     return {};
 }
@@ -319,15 +310,6 @@ int ControlServer::onStopSignal(sd_event_source* source, const ::signalfd_siginf
 
 int ControlServer::onInbox(sd_event_source*, int, std::uint32_t, void* self) {
     static_cast<ControlServer*>(self)->inbox_.drain();
-    return 0;
-}
-
-int ControlServer::onTick(sd_event_source* source, std::uint64_t, void* self) {
-    ControlServer& server = *static_cast<ControlServer*>(self);
-    server.worker_.queueTick();
-    // The next tick is due an interval after this one was queued.
-    sd_event_source_set_time_relative(source, server.idleInterval_);
-    sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
     return 0;
 }
 
@@ -377,7 +359,10 @@ int ControlServer::onListener(sd_event_source*, int, std::uint32_t, void* self) 
 
 void ControlServer::acceptConnections() {
     for (int taken = 0; taken < kAcceptsPerTurn; ++taken) {
-        UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        // A connection's socket stays blocking: the loop never waits on it, since its every
+        // read and write says MSG_DONTWAIT, and a command line's thread, which takes the socket
+        // over and may wait to write its reply, needs no change of flags first.
+        UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!socket.valid()) {
             // EAGAIN: none left. Anything else (a client that gave up, no descriptor to spare)
             // ends only this attempt; the listener stays readable for the next turn.
@@ -588,9 +573,6 @@ void ControlServer::startCommandLine(Connection& connection, ReceivedFrame& requ
         const std::string* path = bytesOf(*plugin);
         client.pluginFromEnvironment = path ? std::optional<std::string>(*path) : std::nullopt;
     }
-    // The thread writes its one reply and may wait to: the socket blocks again.
-    const int flags = fcntl(connection.socket.get(), F_GETFL);
-    fcntl(connection.socket.get(), F_SETFL, flags & ~O_NONBLOCK);
     struct CommandLine {
         ClientCommand client;
         UniqueFd socket;

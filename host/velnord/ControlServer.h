@@ -1,8 +1,8 @@
 // The daemon's event loop, on its main thread: the control socket and each connection's reads
-// and writes (all non-blocking), the idle tick's timer, the stop deadline's timer and SIGTERM and
-// SIGINT. It never enters the plug-in and never waits: calls go to the worker's queue, and what
-// the worker answers comes back through the loop's inbox. A command line, which writes to the
-// client's own descriptors and may block on them, runs on a thread of its own.
+// and writes (all non-blocking), the stop deadline's timer and SIGTERM and SIGINT. It never enters
+// the plug-in and never waits: calls go to the worker's queue, and what the worker answers comes
+// back through the loop's inbox. A command line, which writes to the client's own descriptors and
+// may block on them, runs on a thread of its own.
 #pragma once
 
 #include <sys/socket.h>
@@ -62,11 +62,11 @@ inline constexpr std::chrono::seconds kFrameDeadline{5};
 class ControlServer {
   public:
     // pluginPath is the file that plugin was loaded from: a command line that asks for another
-    // is left to the client to run in its own process. An idle tick is queued on the worker
-    // every idleInterval.
-    static support::Result<std::unique_ptr<ControlServer>> create(
-        const PluginDescriptor& plugin, std::string pluginPath, Worker& worker, LoopInbox& inbox,
-        support::UniqueFd listener, std::chrono::microseconds idleInterval);
+    // is left to the client to run in its own process.
+    static support::Result<std::unique_ptr<ControlServer>> create(const PluginDescriptor& plugin,
+                                                                  std::string pluginPath,
+                                                                  Worker& worker, LoopInbox& inbox,
+                                                                  support::UniqueFd listener);
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
@@ -88,13 +88,12 @@ class ControlServer {
 
     ControlServer(const PluginDescriptor& plugin, std::string pluginPath, Worker& worker,
                   LoopInbox& inbox, support::UniqueFd listener);
-    support::Status watch(std::chrono::microseconds idleInterval);
+    support::Status watch();
 
     static int onListener(sd_event_source*, int, std::uint32_t, void* self);
     static int onConnection(sd_event_source*, int, std::uint32_t revents, void* connection);
     static int onFrameDeadline(sd_event_source*, std::uint64_t, void* connection);
     static int onInbox(sd_event_source*, int, std::uint32_t, void* self);
-    static int onTick(sd_event_source* source, std::uint64_t, void* self);
     static int onStopDeadline(sd_event_source*, std::uint64_t, void* self);
     static int onStopSignal(sd_event_source*, const ::signalfd_siginfo*, void* self);
 
@@ -121,9 +120,7 @@ class ControlServer {
     sd_event* event_ = nullptr;
     sd_event_source* listenerSource_ = nullptr;
     sd_event_source* inboxSource_ = nullptr;
-    sd_event_source* tickTimer_ = nullptr;
     sd_event_source* stopTimer_ = nullptr;
-    std::uint64_t idleInterval_ = 0;  // microseconds
     std::optional<StopDeadline> stopDeadline_;
     std::uint64_t lastId_ = 0;
     std::map<std::uint64_t, std::unique_ptr<Connection>> connections_;

@@ -277,6 +277,7 @@ int serve(const Options& options, const std::optional<ActivatedSocket>& activate
     ControlServer* server = nullptr;
     Worker worker(
         plugin, hostLock, findOperation(plugin, "doIdleAtCount"),
+        std::chrono::duration_cast<std::chrono::microseconds>(options.idleInterval),
         [&notice, &console](const std::string& what) {
             notice.ran(what);
             if (WebConsole* web = console.load()) {
@@ -293,9 +294,8 @@ int serve(const Options& options, const std::optional<ActivatedSocket>& activate
     std::unique_ptr<MetricsEndpoint> endpoint = startMetricsEndpoint(options, metrics);
     std::unique_ptr<WebConsole> web = startWebConsole(options, activated, plugin, worker, metrics);
     console = web.get();
-    support::Result<std::unique_ptr<ControlServer>> created = ControlServer::create(
-        plugin, pluginPath, worker, inbox, std::move(*listener),
-        std::chrono::duration_cast<std::chrono::microseconds>(options.idleInterval));
+    support::Result<std::unique_ptr<ControlServer>> created =
+        ControlServer::create(plugin, pluginPath, worker, inbox, std::move(*listener));
     support::Status served = created.ok() ? support::Status() : support::Status(created.failure());
     if (created) {
         server = created->get();

@@ -16,7 +16,7 @@
 #include <set>
 #include <string>
 
-#include "ConsoleVerbs.h"
+#include "ConsoleFiles.h"
 #include "Result.h"
 #include "TokenBackoff.h"
 

@@ -67,11 +67,13 @@ class WaitingSink : public CallSink {
 }  // namespace
 
 Worker::Worker(const PluginDescriptor& plugin, const HostLock& hostLock,
-               const HostOperation* idleOperation, WorkerReport report,
-               PendingStopsSource pendingStops, StopDeadlineReport stopDeadline, Metrics* metrics)
+               const HostOperation* idleOperation, std::chrono::microseconds idleInterval,
+               WorkerReport report, PendingStopsSource pendingStops,
+               StopDeadlineReport stopDeadline, Metrics* metrics)
     : plugin_(plugin),
       hostLock_(hostLock),
       idleOperation_(idleOperation),
+      idleInterval_(idleInterval),
       report_(std::move(report)),
       pendingStops_(std::move(pendingStops)),
       stopDeadline_(std::move(stopDeadline)),
@@ -117,18 +119,6 @@ std::optional<Outcome> Worker::call(const HostOperation& operation, OperationArg
     return sink->deliver(relay);
 }
 
-void Worker::queueTick() {
-    {
-        std::lock_guard lock(mutex_);
-        if (stopping_ || tickQueued_) {
-            return;
-        }
-        tickQueued_ = true;
-        queue_.push_back(Job{JobKind::Tick, nullptr, {}, nullptr, {}});
-    }
-    wake_.notify_one();
-}
-
 void Worker::queueStopQuery(std::string label) {
     push(Job{JobKind::StopQuery, nullptr, {}, nullptr, std::move(label)});
 }
@@ -160,10 +150,17 @@ void Worker::loop() {
     pthread_setname_np(pthread_self(), "velnord worker");
     onWorkerThread = true;
     std::unique_lock lock(mutex_);
+    std::chrono::steady_clock::time_point tickDue =
+        std::chrono::steady_clock::now() + idleInterval_;
     for (;;) {
-        wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+        // The wait ends with the next job or when a tick is due, whichever comes first.
+        wake_.wait_until(lock, tickDue, [this] { return stopping_ || !queue_.empty(); });
         if (stopping_) {
             break;
+        }
+        queueTickWhenDue(tickDue);
+        if (queue_.empty()) {
+            continue;
         }
         Job job = std::move(queue_.front());
         queue_.pop_front();
@@ -181,6 +178,20 @@ void Worker::loop() {
             job.sink->finished(std::nullopt);
         }
     }
+}
+
+// A tick that is due takes its place behind the calls that came before it, unless one still
+// waits there, and the next one is due an interval later. Called with the mutex held.
+void Worker::queueTickWhenDue(std::chrono::steady_clock::time_point& due) {
+    const std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now();
+    if (now < due) {
+        return;
+    }
+    if (!tickQueued_) {
+        tickQueued_ = true;
+        queue_.push_back(Job{JobKind::Tick, nullptr, {}, nullptr, {}});
+    }
+    due = now + idleInterval_;
 }
 
 // The top of every job: whatever escapes it is logged, and a caller is answered with it, so

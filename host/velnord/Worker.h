@@ -1,6 +1,8 @@
 // The daemon's one worker: the only thread that ever enters the plug-in. It runs a queue, in the
-// order things were handed to it: clients' calls, the idle ticks and the state queries at stop
-// deadlines that the event loop's timers hand it.
+// order things were handed to it: clients' calls, the state queries at stop deadlines that the
+// event loop's timer hands it, and the idle ticks, which it keeps the time of itself: its wait
+// for the next job ends when a tick is due, so that a tick in the settled state costs one
+// wake-up.
 #pragma once
 
 #include <chrono>
@@ -53,14 +55,16 @@ struct WorkerCounts {
 class Worker {
   public:
     // idleOperation is the plug-in's doIdleAtCount, or nullptr when it has none (ticks are then
-    // no-ops). pendingStops tells, after each call, which stopping jobs need a state query at
+    // no-ops); a tick is due every idleInterval, an interval after the last one took its place in
+    // the queue. pendingStops tells, after each call, which stopping jobs need a state query at
     // their deadline; empty for none; the earliest goes to stopDeadline. The worker holds
     // hostLock around each entry into the plug-in and the host library, and lets go between
     // them, so that a velnor run with --direct takes its turn between two calls. Each entry into
     // the plug-in is told to metrics, when given.
     Worker(const PluginDescriptor& plugin, const HostLock& hostLock,
-           const HostOperation* idleOperation, WorkerReport report, PendingStopsSource pendingStops,
-           StopDeadlineReport stopDeadline, Metrics* metrics = nullptr);
+           const HostOperation* idleOperation, std::chrono::microseconds idleInterval,
+           WorkerReport report, PendingStopsSource pendingStops, StopDeadlineReport stopDeadline,
+           Metrics* metrics = nullptr);
     ~Worker();
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
@@ -80,9 +84,6 @@ class Worker {
                                 std::function<void(int, const std::string&)> relay,
                                 std::function<support::Status()> guard = {},
                                 std::optional<support::Failure>* refused = nullptr);
-
-    // Queues an idle tick, unless one still waits for its turn.
-    void queueTick();
 
     // Queues the state query that ends the stop of label, past its ExitTimeOut.
     void queueStopQuery(std::string label);
@@ -114,6 +115,7 @@ class Worker {
 
     bool push(Job job);
     void loop();
+    void queueTickWhenDue(std::chrono::steady_clock::time_point& due);
     void run(Job& job);
     void runCall(Job& job);
     void tick();
@@ -125,6 +127,7 @@ class Worker {
     const PluginDescriptor& plugin_;
     const HostLock& hostLock_;
     const HostOperation* idleOperation_;
+    const std::chrono::microseconds idleInterval_;
     WorkerReport report_;
     PendingStopsSource pendingStops_;
     StopDeadlineReport stopDeadline_;

@@ -245,6 +245,35 @@ TEST(JobFiles, LinksAreFollowedOnlyWhereRootAlonePutThem) {
     EXPECT_TRUE(std::filesystem::is_symlink(planted));
 }
 
+// A folder is told present only when it is reached without a link that another account could
+// have put there: the console and the choice of job backend never report what a planted link
+// points at.
+TEST(Folders, AreSeenOnlyWhereNoUnsafeLinkLeadsToThem) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can give a folder to another account";
+    }
+    TemporaryFolder folder;  // root's alone
+    const std::string theirs = folder / "theirs";
+    ASSERT_EQ(::mkdir(theirs.c_str(), 0755), 0);
+    ASSERT_EQ(::chown(theirs.c_str(), 65534, 65534), 0);
+    writeText(folder / "file", "");
+    ASSERT_EQ(::symlink(folder.path.c_str(), (folder / "link").c_str()), 0);
+    ASSERT_EQ(::symlink(folder.path.c_str(), (theirs + "/planted").c_str()), 0);
+    const std::pair<std::string, bool> cases[] = {
+        {folder.path, true},
+        {theirs, true},
+        {folder / "link", true},
+        {theirs + "/planted", false},
+        {folder / "file", false},
+        {folder / "missing", false},
+        {folder / "file/below", false},
+        {"", false},
+    };
+    for (const auto& [path, seen] : cases) {
+        EXPECT_EQ(support::isFolder(path), seen) << path;
+    }
+}
+
 // Both whole-file writers put their new file in place as one ReplacementFile: only the new file
 // is left, what an interrupted write left beside it is removed, and a file hard-linked to the
 // old one keeps its contents.

@@ -20,13 +20,16 @@ namespace {
 
 // ---- The request --------------------------------------------------------------------------
 
-// The frame velnor writes for these arguments, or "" when it refuses to write one.
-std::string writtenFrame(const std::vector<std::string>& arguments, const char* plugin) {
+// The frame velnor writes for these arguments into storage of lent bytes (none: the heap from
+// the start), or "" when it refuses to write one.
+std::string frameWrittenInto(const std::vector<std::string>& arguments, const char* plugin,
+                             std::size_t lent) {
     std::vector<char*> pointers;
     for (const std::string& argument : arguments) {
         pointers.push_back(const_cast<char*>(argument.c_str()));
     }
-    FrameBuffer frame = {nullptr, 0, 0, 0};
+    std::vector<unsigned char> storage(lent);
+    FrameBuffer frame = {lent > 0 ? storage.data() : nullptr, 0, lent, 0, 0};
     if (!writeCommandRequest(pointers.data(), pointers.size(), plugin, &frame)) {
         EXPECT_EQ(frame.bytes, nullptr);
         EXPECT_EQ(frame.size, 0u);
@@ -34,6 +37,14 @@ std::string writtenFrame(const std::vector<std::string>& arguments, const char* 
     }
     std::string bytes(reinterpret_cast<const char*>(frame.bytes), frame.size);
     releaseFrame(&frame);
+    return bytes;
+}
+
+// The frame velnor writes, which is the same whether it starts on the heap or in storage that
+// it may outgrow.
+std::string writtenFrame(const std::vector<std::string>& arguments, const char* plugin) {
+    const std::string bytes = frameWrittenInto(arguments, plugin, 0);
+    EXPECT_EQ(frameWrittenInto(arguments, plugin, 256), bytes) << "written into lent storage";
     return bytes;
 }
 

@@ -1,6 +1,9 @@
 // How the host's command line turns into an operation and its argument.
 #include <gtest/gtest.h>
 
+#include <thread>
+#include <tuple>
+
 #include "CommandLine.h"
 #include "SettingsCheck.h"
 
@@ -80,6 +83,43 @@ TEST(HostCommandLine, RefusesWhatTheUsageDoesNotAllow) {
     for (const Arguments& arguments : refused) {
         support::Result<Command> result = parseCommandLine(arguments);
         EXPECT_TRUE(!result && !result.message().empty()) << ::testing::PrintToString(arguments);
+    }
+}
+
+// A thread keeps its parser from one command line to the next: what one set, or left half done
+// when it failed, must not reach the next.
+TEST(HostCommandLine, AParseKeepsNothingOfTheOneBefore) {
+    auto described = [](const Arguments& arguments) {
+        support::Result<Command> result = parseCommandLine(arguments);
+        if (!result) {
+            return "refused: " + result.message();
+        }
+        const Command& command = *result;
+        const auto* raw = std::get_if<RawArgument>(&command.argument);
+        return ::testing::PrintToString(
+            std::tuple(command.answer.has_value(), command.pluginPath, command.json, command.direct,
+                       command.quiet, command.lockWait.has_value(), command.verb, command.operation,
+                       raw != nullptr ? raw->text : std::nullopt, command.settingsToCheck,
+                       command.argument.index()));
+    };
+    // clang-format off
+    const std::pair<Arguments, Arguments> cases[] = {
+        {{"--json", "-q", "--direct", "--wait", "3", "--plugin", "/p.so", "status", "--details"},
+         {"status"}},
+        {{"call", "op", "-"}, {"call", "op"}},
+        {{"settings", "--check", "port=1"}, {"settings"}},
+        {{"setup", "--upgrade"}, {"setup", "--data-location", "/srv/db"}},
+        {{"status", "--help"}, {"status"}},
+        {{"--wait", "x", "status"}, {"status"}},
+        {{"status", "--details", "--details"}, {"status", "--details"}},
+        {{"frobnicate", "now"}, {"log-path"}},
+    };
+    // clang-format on
+    for (const auto& [before, after] : cases) {
+        std::string fresh;
+        std::thread([&] { fresh = described(after); }).join();
+        (void)parseCommandLine(before);
+        EXPECT_EQ(described(after), fresh) << ::testing::PrintToString(before);
     }
 }
 
