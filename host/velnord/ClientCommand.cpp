@@ -34,7 +34,8 @@ bool asksForOwnPlugin(const Command& command, const ClientCommand& client,
            wanted.st_ino == own.st_ino;
 }
 
-int runOperation(const Command& command, const PluginDescriptor& plugin, Worker& worker) {
+int runOperation(const Command& command, const PluginDescriptor& plugin, Worker& worker,
+                 WorkerLane lane) {
     int status = kExitNormal;
     std::optional<PreparedCall> prepared = prepareCall(command, plugin, &status);
     if (!prepared) {
@@ -46,20 +47,30 @@ int runOperation(const Command& command, const PluginDescriptor& plugin, Worker&
             printLogMessage(client, message);
         }
     };
-    Call call = [&plugin, &worker, &relay](
+    Call call = [&plugin, &worker, &relay, lane](
                     const std::string& name,
                     const OperationArgument& argument) -> support::Result<Outcome> {
         support::Result<const HostOperation*> operation = operationTaking(plugin, name, argument);
         if (!operation) {
             return operation.failure();
         }
-        std::optional<Outcome> outcome = worker.call(**operation, argument, relay);
+        std::optional<Outcome> outcome = worker.call(**operation, argument, relay, lane);
         if (!outcome) {
             return support::Failure{ECANCELED, "velnord is stopping; the call was not run"};
         }
         return std::move(*outcome);
     };
     return conclude(command, prepared->argument, call);
+}
+
+// The client's descriptors as the terminal of its command.
+Terminal terminalOf(const ClientCommand& client) {
+    return Terminal{client.descriptors[1].get(),
+                    client.descriptors[2].get(),
+                    client.descriptors[0].get(),
+                    client.descriptors[3].get(),
+                    client.pid,
+                    client.connection};
 }
 
 }  // namespace
@@ -71,12 +82,7 @@ std::optional<int> runClientCommand(const ClientCommand& client, const PluginDes
     if (parsed && (parsed->direct || !asksForOwnPlugin(*parsed, client, pluginPath))) {
         return std::nullopt;
     }
-    const Terminal own{client.descriptors[1].get(),
-                       client.descriptors[2].get(),
-                       client.descriptors[0].get(),
-                       client.descriptors[3].get(),
-                       client.pid,
-                       client.connection};
+    const Terminal own = terminalOf(client);
     TerminalScope scope(own);
     if (!parsed) {
         return usageError(parsed.message());
@@ -84,7 +90,14 @@ std::optional<int> runClientCommand(const ClientCommand& client, const PluginDes
     if (std::optional<int> answered = answerWithoutPlugin(*parsed)) {
         return *answered;
     }
-    return runOperation(*parsed, plugin, worker);
+    return runOperation(*parsed, plugin, worker, client.lane);
+}
+
+int refuseClientCommand(const ClientCommand& client, const std::string& refusal) {
+    const Terminal own = terminalOf(client);
+    TerminalScope scope(own);
+    complain(refusal);
+    return kExitNotRoot;
 }
 
 }  // namespace velnor::host

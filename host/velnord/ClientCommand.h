@@ -26,6 +26,8 @@ struct ClientCommand {
     pid_t pid = 0;
     // The connection it came on.
     int connection = -1;
+    // Root's command lines are served before those of other accounts.
+    WorkerLane lane = WorkerLane::Root;
 };
 
 inline constexpr std::size_t kClientDescriptors = 4;
@@ -35,5 +37,9 @@ inline constexpr std::size_t kClientDescriptors = 4;
 // --direct, or when it names a plug-in other than the daemon's (pluginPath).
 std::optional<int> runClientCommand(const ClientCommand& client, const PluginDescriptor& plugin,
                                     const std::string& pluginPath, Worker& worker);
+
+// Tells the client on its standard error why its command was refused ("velnor: REFUSAL"), and
+// runs nothing; the exit status, kExitNotRoot.
+int refuseClientCommand(const ClientCommand& client, const std::string& refusal);
 
 }  // namespace velnor::host

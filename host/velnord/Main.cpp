@@ -34,10 +34,11 @@ namespace velnor::host {
 namespace {
 
 constexpr const char* kDescription =
-    "velnord loads a service plug-in once and serves root's calls of its operations on the\n"
-    "control socket /run/velnor/velnord.sock, one at a time, running the plug-in's idle\n"
-    "housekeeping (doIdleAtCount) every interval in between. velnor hands its command lines\n"
-    "to it whenever velnord answers.";
+    "velnord loads a service plug-in once and serves calls of its operations on the control\n"
+    "socket /run/velnor/velnord.sock, one at a time, running the plug-in's idle housekeeping\n"
+    "(doIdleAtCount) every interval in between. velnor hands its command lines to it whenever\n"
+    "velnord answers. Root may do anything; every other account is asked about through polkit\n"
+    "(org.velnor.postgres.read, .operate, .configure), and only root is served without it.";
 
 constexpr const char* kFooter =
     "velnord holds the host lock (/var/run/velnor/host.lock, or $VELNOR_LOCK_FILE) around each\n"
@@ -176,6 +177,15 @@ std::unique_ptr<WebConsole> startWebConsole(const Options& options, const Plugin
     return std::move(*console);
 }
 
+// A request refused before it ran, in the daemon's log.
+void logRefusal(const Caller& caller, std::string_view verb, std::string_view action,
+                std::string_view reason) {
+    const std::string needed = action.empty() ? std::string() : " (" + std::string(action) + ")";
+    ::syslog(LOG_NOTICE, "refused %s%s to %s (uid %u, pid %d): %s", std::string(verb).c_str(),
+             needed.c_str(), caller.account.c_str(), static_cast<unsigned>(caller.uid),
+             static_cast<int>(caller.pid), std::string(reason).c_str());
+}
+
 // What the daemon ran in its life, for its log and the benchmark that reads it.
 void logCounts(const WorkerCounts& counts) {
     ::syslog(LOG_INFO, "ran %llu calls, %llu idle ticks and %llu state queries at stop deadlines",
@@ -218,7 +228,7 @@ int serve(const Options& options, const PluginModule& module, const HostLock& ho
     console = web.get();
     support::Result<std::unique_ptr<ControlServer>> created = ControlServer::create(
         plugin, pluginPath, worker, inbox, std::move(*listener),
-        std::chrono::duration_cast<std::chrono::microseconds>(options.idleInterval));
+        std::chrono::duration_cast<std::chrono::microseconds>(options.idleInterval), logRefusal);
     support::Status served = created.ok() ? support::Status() : support::Status(created.failure());
     if (created) {
         server = created->get();

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <exception>
 
 #include "LaunchDaemon.h"
@@ -90,21 +91,30 @@ bool Worker::push(Job job) {
         if (stopping_) {
             return false;
         }
-        queue_.push_back(std::move(job));
+        // Root's job goes ahead of the calls of other accounts that still wait, behind root's own
+        // and the daemon's housekeeping.
+        auto place = queue_.end();
+        if (job.lane == WorkerLane::Root) {
+            place = std::find_if(queue_.begin(), queue_.end(), [](const Job& queued) {
+                return queued.lane == WorkerLane::Others;
+            });
+        }
+        queue_.insert(place, std::move(job));
     }
     wake_.notify_one();
     return true;
 }
 
 bool Worker::submit(const HostOperation& operation, OperationArgument argument,
-                    std::shared_ptr<CallSink> sink) {
-    return push(Job{JobKind::Call, &operation, std::move(argument), std::move(sink), {}});
+                    std::shared_ptr<CallSink> sink, WorkerLane lane) {
+    return push(Job{JobKind::Call, &operation, std::move(argument), std::move(sink), {}, lane});
 }
 
 std::optional<Outcome> Worker::call(const HostOperation& operation, OperationArgument argument,
-                                    std::function<void(int, const std::string&)> relay) {
+                                    std::function<void(int, const std::string&)> relay,
+                                    WorkerLane lane) {
     auto sink = std::make_shared<WaitingSink>();
-    if (!submit(operation, std::move(argument), sink)) {
+    if (!submit(operation, std::move(argument), sink, lane)) {
         return std::nullopt;
     }
     return sink->deliver(relay);

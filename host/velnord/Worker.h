@@ -41,6 +41,10 @@ class CallSink {
     virtual void finished(std::optional<Outcome> outcome) = 0;
 };
 
+// Whose call it is: root's calls go before every call of another account still waiting, so that
+// no account's load holds root up.
+enum class WorkerLane { Root, Others };
+
 // What the worker has run so far: plug-in calls, idle ticks, and the state queries it made when a
 // stop's ExitTimeOut ended.
 struct WorkerCounts {
@@ -63,16 +67,17 @@ class Worker {
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
-    // Queues the call; its messages and outcome go to sink. False, with sink told nothing, when
-    // the worker is stopping.
+    // Queues the call in its lane; its messages and outcome go to sink. False, with sink told
+    // nothing, when the worker is stopping.
     bool submit(const HostOperation& operation, OperationArgument argument,
-                std::shared_ptr<CallSink> sink);
+                std::shared_ptr<CallSink> sink, WorkerLane lane = WorkerLane::Root);
 
     // Runs the call in its turn and waits for it; log messages that the plug-in emits meanwhile
     // go to relay as they come, on the caller's thread, so that the worker never waits on a
     // client. Nothing when the worker stopped before its turn. For threads that may block.
     std::optional<Outcome> call(const HostOperation& operation, OperationArgument argument,
-                                std::function<void(int, const std::string&)> relay);
+                                std::function<void(int, const std::string&)> relay,
+                                WorkerLane lane = WorkerLane::Root);
 
     // Queues an idle tick, unless one still waits for its turn.
     void queueTick();
@@ -97,6 +102,7 @@ class Worker {
         OperationArgument argument;
         std::shared_ptr<CallSink> sink;
         std::string label;
+        WorkerLane lane = WorkerLane::Root;
     };
 
     bool push(Job job);
