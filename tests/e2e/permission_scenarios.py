@@ -8,6 +8,7 @@ another account's."""
 import json
 import os
 import shutil
+import signal
 import statistics
 import subprocess
 import sys
@@ -110,6 +111,23 @@ sys.stdin.readline()
 body = plistlib.dumps({"version": 1, "run": [b"start"]}, fmt=plistlib.FMT_BINARY)
 folder = os.open(".", os.O_PATH | os.O_DIRECTORY)
 socket.send_fds(connection, [struct.pack(">I", len(body)) + body], [0, 1, 2, folder])
+data = b""
+while chunk := connection.recv(4096):
+    data += chunk
+print(json.dumps(plistlib.loads(data[4:])), flush=True)
+"""
+
+
+# Played by an account without privileges: sends a command line with its own standard streams,
+# says so, and prints the reply once it comes.
+SEND_COMMAND_LINE = r"""
+import json, os, plistlib, socket, struct, sys
+connection = socket.socket(socket.AF_UNIX)
+connection.connect(sys.argv[1])
+body = plistlib.dumps({"version": 1, "run": [a.encode() for a in sys.argv[2:]]}, fmt=plistlib.FMT_BINARY)
+folder = os.open(".", os.O_PATH | os.O_DIRECTORY)
+socket.send_fds(connection, [struct.pack(">I", len(body)) + body], [0, 1, 2, folder])
+print("sent", flush=True)
 data = b""
 while chunk := connection.recv(4096):
     data += chunk
@@ -244,6 +262,27 @@ class Permissions(harness.ScenarioCase):
         self.assertEqual(err, f"velnor: not allowed to start the service: the process that connected "
                               f"(pid {connected}) has ended\n")
         self.assertIsNone(harness.postmaster(), "no server runs after the borrowed start")
+
+    @sandbox("--systemd", "--initdb", "--socket-dir", "--log-dir")
+    def test_a_hung_polkitd_holds_up_only_the_request_it_was_asked_about(self):
+        self.install_policy_and_accounts()
+        self.start_daemon()
+        polkitd = int(subprocess.run(["systemctl", "show", "--property=MainPID", "--value", "polkit.service"],
+                                     capture_output=True, text=True, check=True).stdout)
+        os.kill(polkitd, signal.SIGSTOP)
+        self.addCleanup(lambda: os.kill(polkitd, signal.SIGCONT))
+        asking = python_as(STRANGER, SEND_COMMAND_LINE, SOCKET, "status", stdout=subprocess.PIPE)
+        self.addCleanup(lambda: asking.poll() is None and asking.kill())
+        self.assertEqual(asking.stdout.readline().strip(), "sent")
+        # The stranger's request came first; root's is answered while polkit has not answered it.
+        answer = self.velnor("status", status=3)
+        self.assertEqual(answer.response, {"state": "STOPPED"})
+        self.assertLess(answer.took, 2.0, "root's status took no longer than a status takes")
+        self.assertIsNone(asking.poll(), "the stranger's request still waits for polkit")
+        os.kill(polkitd, signal.SIGCONT)
+        out = asking.communicate(timeout=60)[0].splitlines()
+        self.assertEqual((out[-2:]), ["state: stopped", json.dumps({"kind": "exit", "status": 3})],
+                         "the stranger's status, once polkit has answered")
 
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_without_polkit_only_root_is_served_and_root_only_requests_are_refused(self):
