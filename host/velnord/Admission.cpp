@@ -31,8 +31,11 @@ AdmissionDecision admitCommandLine(const PlistDictionary& request) {
         return {};
     }
     const std::string verb(permissionVerbOf(*command));
-    // The plug-in a client names is a file that root would open and load on its behalf.
-    if (request.contains("plugin") && !command->answer) {
+    // The plug-in a client names is a file that root would open and load on its behalf; an
+    // empty one, as an empty VELNOR_PLUGIN sends, names none.
+    const PlistValue* plugin = request.find("plugin");
+    const std::string* pluginPath = plugin != nullptr ? bytesOf(*plugin) : nullptr;
+    if (plugin != nullptr && (pluginPath == nullptr || !pluginPath->empty()) && !command->answer) {
         return refused(verb, "choose the plug-in");
     }
     const Permission permission = permissionForCommand(*command);

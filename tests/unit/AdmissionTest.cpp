@@ -19,14 +19,14 @@ namespace {
 const Caller kAlice{1000, "alice", 4242, Channel::ControlSocket, {}};
 const Caller kRoot{0, "root", 4243, Channel::ControlSocket, {}};
 
-PlistDictionary commandLine(std::vector<std::string> arguments, bool plugin = false) {
+PlistDictionary commandLine(std::vector<std::string> arguments, const char* plugin = nullptr) {
     PlistArray run;
     for (std::string& argument : arguments) {
         run.push_back(PlistValue::data(std::move(argument)));
     }
     PlistDictionary request{{"version", PlistValue::integer(1)}, {"run", PlistValue(run)}};
-    if (plugin) {
-        request.set("plugin", PlistValue::data("/tmp/own.so"));
+    if (plugin != nullptr) {
+        request.set("plugin", PlistValue::data(plugin));
     }
     return request;
 }
@@ -58,7 +58,7 @@ TEST(Admission, AnotherAccountMayOnlyNameAVerbAndPolkitDecidesOnItsAction) {
          "ask org.velnor.postgres.configure settings-write"},
         {"a settings check", commandLine({"settings", "--check", "work_mem=12MB"}),
          "ask org.velnor.postgres.configure settings-check"},
-        {"help, even naming a plug-in", commandLine({"--help"}, true), "serve"},
+        {"help, even naming a plug-in", commandLine({"--help"}, "/tmp/own.so"), "serve"},
         {"a usage error", commandLine({"vacuum"}), "serve"},
         {"--direct, which the client runs itself", commandLine({"--direct", "start"}), "serve"},
         {"a request file", commandLine({"call", "getStateWithRequest", "/etc/shadow"}),
@@ -69,8 +69,10 @@ TEST(Admission, AnotherAccountMayOnlyNameAVerbAndPolkitDecidesOnItsAction) {
          "refuse web-url: not allowed to print the console's address: only root may"},
         {"--plugin", commandLine({"--plugin", "/tmp/own.so", "status"}),
          "refuse status: not allowed to choose the plug-in: only root may"},
-        {"the plugin field", commandLine({"status"}, true),
+        {"the plugin field", commandLine({"status"}, "/tmp/own.so"),
          "refuse status: not allowed to choose the plug-in: only root may"},
+        {"an empty plugin field, which names none", commandLine({"status"}, ""),
+         "ask org.velnor.postgres.read status"},
         {"a per-operation call",
          PlistDictionary{{"version", PlistValue::integer(1)},
                          {"operation", PlistValue("startServiceWithVariant")}},
