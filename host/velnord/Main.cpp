@@ -1,6 +1,6 @@
 // velnord: the host as a long-running daemon. It loads the service plug-in once, runs its class
-// hook once, and then serves root's calls from the control socket one at a time, with the idle
-// housekeeping every interval in between.
+// hook once, and then serves calls from the control socket one at a time (root's, and other
+// accounts' as polkit allows), with the idle housekeeping every interval in between.
 #include <signal.h>
 #include <syslog.h>
 #include <unistd.h>
