@@ -103,6 +103,7 @@ if child == 0:
     connection.connect(sys.argv[1])
     socket.send_fds(theirs, [b"x"], [connection.fileno()])
     os._exit(0)
+theirs.close()  # a child that could not connect ends the wait below
 _, fds, _, _ = socket.recv_fds(ours, 1, 1)
 os.waitpid(child, 0)
 connection = socket.socket(fileno=fds[0])
@@ -246,7 +247,10 @@ class Permissions(harness.ScenarioCase):
         hostile = python_as(STRANGER, PID_REUSED, SOCKET, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE)
         self.addCleanup(lambda: hostile.poll() is None and hostile.kill())
-        connected = int(hostile.stdout.readline())
+        line = hostile.stdout.readline()
+        if not line.strip().isdigit():
+            self.fail(f"the stranger could not connect: {hostile.communicate(timeout=60)[1]}")
+        connected = int(line)
         borrower = None
         for _ in range(20):  # another process of the sandbox may take the pid first: again
             with open(f"{own_proc}/sys/kernel/ns_last_pid", "w") as last:
