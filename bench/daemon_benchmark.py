@@ -19,6 +19,7 @@ printed beside their targets.
   and after;
 - a scrape of the metrics endpoint: velnord's processor time per scrape (median and p90),
   beside the same listener answering a path it does not serve.
+- root's velnor status alone, and while another account holds 200 idle connections open.
 """
 
 import argparse
@@ -198,6 +199,54 @@ def client_share(arguments, table):
     medians = [float(line.split()[1]) for line in measured.splitlines()]
     table.add("  velnor status / bare client, both against the bare server",
               f"{medians[0] / medians[1]:.2f} (medians {medians[0]:.3f} and {medians[1]:.3f} ms)")
+
+
+# Run as another account: opens COUNT connections to the socket and sends nothing; a connection
+# that the daemon ends at its frame deadline is opened again, so that COUNT stay asked for
+# throughout. Prints "open" once all have been asked for.
+IDLE_CONNECTIONS = r"""
+import select, socket, sys
+def opened():
+    connection = socket.socket(socket.AF_UNIX)
+    connection.connect(sys.argv[1])
+    return connection
+connections = [opened() for _ in range(int(sys.argv[2]))]
+print("open", flush=True)
+while connections:
+    ready, _, _ = select.select(connections, [], [])
+    for connection in ready:
+        data = connection.recv(4096)
+        connections.remove(connection)
+        connection.close()
+        if b"try again later" not in data:
+            connections.append(opened())
+"""
+
+
+def root_beside_idle_connections(arguments, table):
+    """root's velnor status, whole processes, alone and with 200 idle connections of another
+    account open: root's own allowance of connections is no one else's."""
+    daemon = Daemon(arguments.velnord, arguments.plugin, 10)
+    status = [arguments.velnor, "--plugin", arguments.plugin, "status"]
+
+    def timed(label):
+        measured = subprocess.run([arguments.timer, str(arguments.runs), "status", "-", *status],
+                                  capture_output=True, text=True, check=True).stdout
+        median, p90, _ = measured.split()[1:]
+        table.add(f"root's status, {arguments.runs} runs, {label}", f"median {median} ms, p90 {p90} ms")
+        return float(median)
+
+    alone = timed("no other account connected")
+    hog = subprocess.Popen(["setpriv", f"--reuid={ACCOUNT_ID}", f"--regid={ACCOUNT_ID}", "--clear-groups",
+                            sys.executable, "-c", IDLE_CONNECTIONS, SOCKET, "200"],
+                           stdout=subprocess.PIPE, text=True)
+    hog.stdout.readline()
+    beside = timed("200 idle connections of another account open")
+    hog.kill()
+    hog.wait()
+    daemon.stop()
+    table.add("  root's status delayed by the idle connections (medians)", f"{beside - alone:+.2f} ms",
+              "a few ms at most")
 
 
 def traced_tick(arguments, table):
@@ -402,6 +451,7 @@ def main():
     table = Table()
     status_runs(arguments, table)
     if not arguments.status_only:
+        root_beside_idle_connections(arguments, table)
         idle_tick(arguments, table)
         concurrent_clients(arguments, table)
         mixed_operations(arguments, table)

@@ -22,6 +22,13 @@ add_custom_target(manpages ALL DEPENDS ${VELNOR_MAN_OUTPUTS})
 install(FILES packaging/velnor.bash-completion DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
         RENAME velnor)
 
+# The polkit actions that velnord asks about for every account but root, and an example rule,
+# not enabled, that grants one of them to a group.
+install(FILES packaging/polkit/org.velnor.postgres.policy
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/polkit-1/actions)
+install(FILES packaging/polkit/50-velnor-postgres-operators.rules
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velnor-postgres/examples)
+
 # Debian wants its own copyright file and a compressed changelog in the package's doc folder;
 # a package built from its own tree (no Debian revision) calls it changelog.gz.
 configure_file(packaging/changelog ${CMAKE_CURRENT_BINARY_DIR}/changelog @ONLY)
@@ -50,7 +57,8 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "postgresql-15")
+# polkitd decides what accounts other than root may ask of velnord; without it only root is served.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "postgresql-15, polkitd")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 # The library's folder changes, so the linker's cache is refreshed once the package is in;

@@ -33,7 +33,7 @@ constexpr std::string_view kFooter =
     "  73  the host lock cannot be created or taken\n"
     "  74  the response cannot be written to standard output\n"
     "  75  another velnor held the host lock for all of --wait\n"
-    "  77  velnor was not run as root\n"
+    "  77  not allowed: the account lacks the verb's polkit action, or only root may\n"
     "\n"
     "Environment:\n"
     "  VELNOR_PLUGIN     the plug-in module when --plugin is not given\n"

@@ -198,4 +198,25 @@ const std::string* textAt(const PlistDictionary& message, std::string_view key) 
     return value != nullptr ? value->asString() : nullptr;
 }
 
+const std::string* bytesOf(const PlistValue& value) {
+    return value.asData() != nullptr ? value.asData() : value.asString();
+}
+
+std::optional<std::vector<std::string>> runArgumentsOf(const PlistDictionary& request) {
+    const PlistValue* run = request.find("run");
+    const PlistArray* array = run != nullptr ? run->asArray() : nullptr;
+    if (array == nullptr) {
+        return std::nullopt;
+    }
+    std::vector<std::string> arguments;
+    for (const PlistValue& argument : *array) {
+        const std::string* text = bytesOf(argument);
+        if (text == nullptr) {
+            return std::nullopt;
+        }
+        arguments.push_back(*text);
+    }
+    return arguments;
+}
+
 }  // namespace velnor::host

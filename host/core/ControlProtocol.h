@@ -57,4 +57,11 @@ PlistDictionary errorReply(const std::string& text, std::optional<int> status = 
 // The text value under key, or nullptr.
 const std::string* textAt(const PlistDictionary& message, std::string_view key);
 
+// The bytes of a string or data value; nullptr for any other kind.
+const std::string* bytesOf(const PlistValue& value);
+
+// The arguments of a command-line request's "run": each a string or, as velnor sends them, the
+// bytes it was given. Nothing when the request has no "run", or it is not such an array.
+std::optional<std::vector<std::string>> runArgumentsOf(const PlistDictionary& request);
+
 }  // namespace velnor::host

@@ -16,7 +16,7 @@ enum ExitStatus : int {
     kExitUnavailable = EX_UNAVAILABLE,  // the plug-in cannot be loaded or used
     kExitNoLock = EX_CANTCREAT,         // the host lock cannot be created or taken
     kExitLockBusy = EX_TEMPFAIL,        // another host held the lock for all of --wait
-    kExitNotRoot = EX_NOPERM,           // run by an account other than root
+    kExitNotRoot = EX_NOPERM,           // not allowed: only root, or an account polkit lets, may
     kExitOutputFailed = EX_IOERR,       // the response could not be written out
 };
 

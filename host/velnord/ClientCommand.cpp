@@ -37,7 +37,7 @@ bool asksForOwnPlugin(const Command& command, const ClientCommand& client,
 }
 
 int runOperation(const Command& command, const Caller& caller, const PluginDescriptor& plugin,
-                 Worker& worker) {
+                 Worker& worker, WorkerLane lane) {
     int status = kExitNormal;
     std::optional<PreparedCall> prepared = prepareCall(command, plugin, &status);
     if (!prepared) {
@@ -49,15 +49,16 @@ int runOperation(const Command& command, const Caller& caller, const PluginDescr
             printLogMessage(client, message);
         }
     };
-    Call call = [&plugin, &worker, &relay](const std::string& name,
-                                           const OperationArgument& argument,
-                                           const CallGuard& guard) -> support::Result<Outcome> {
+    Call call = [&plugin, &worker, &relay, lane](
+                    const std::string& name, const OperationArgument& argument,
+                    const CallGuard& guard) -> support::Result<Outcome> {
         support::Result<const HostOperation*> operation = operationTaking(plugin, name, argument);
         if (!operation) {
             return operation.failure();
         }
         std::optional<support::Failure> refused;
-        std::optional<Outcome> outcome = worker.call(**operation, argument, relay, guard, &refused);
+        std::optional<Outcome> outcome =
+            worker.call(**operation, argument, relay, guard, &refused, lane);
         if (refused) {
             return std::move(*refused);
         }
@@ -74,6 +75,16 @@ int runOperation(const Command& command, const Caller& caller, const PluginDescr
     return conclude(command, prepared->argument, call, caller, ledger);
 }
 
+// The client's descriptors as the terminal of its command.
+Terminal terminalOf(const ClientCommand& client) {
+    return Terminal{client.descriptors[1].get(),
+                    client.descriptors[2].get(),
+                    client.descriptors[0].get(),
+                    client.descriptors[3].get(),
+                    client.pid,
+                    client.connection};
+}
+
 }  // namespace
 
 std::optional<int> runClientCommand(const ClientCommand& client, const PluginDescriptor& plugin,
@@ -83,12 +94,7 @@ std::optional<int> runClientCommand(const ClientCommand& client, const PluginDes
     if (parsed && (parsed->direct || !asksForOwnPlugin(*parsed, client, pluginPath))) {
         return std::nullopt;
     }
-    const Terminal own{client.descriptors[1].get(),
-                       client.descriptors[2].get(),
-                       client.descriptors[0].get(),
-                       client.descriptors[3].get(),
-                       client.pid,
-                       client.connection};
+    const Terminal own = terminalOf(client);
     TerminalScope scope(own);
     if (!parsed) {
         return usageError(parsed.message());
@@ -97,9 +103,14 @@ std::optional<int> runClientCommand(const ClientCommand& client, const PluginDes
         return *answered;
     }
     // The kernel vouches for the peer: its credentials when it connected.
-    const Caller caller{
-        client.uid, support::accountNameOf(client.uid), client.pid, Channel::ControlSocket, {}};
-    return runOperation(*parsed, caller, plugin, worker);
+    return runOperation(*parsed, client.caller, plugin, worker, client.lane);
+}
+
+int refuseClientCommand(const ClientCommand& client, const std::string& refusal) {
+    const Terminal own = terminalOf(client);
+    TerminalScope scope(own);
+    complain(refusal);
+    return kExitNotRoot;
 }
 
 }  // namespace velnor::host

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Caller.h"
 #include "PluginInterface.h"
 #include "UniqueFd.h"
 #include "Worker.h"
@@ -26,8 +27,10 @@ struct ClientCommand {
     pid_t pid = 0;
     // The connection it came on.
     int connection = -1;
-    // The client's account, from the connection's peer credentials.
-    uid_t uid = 0;
+    // Who the client is, from the connection's peer credentials.
+    Caller caller;
+    // Root's command lines are served before those of other accounts.
+    WorkerLane lane = WorkerLane::Root;
 };
 
 inline constexpr std::size_t kClientDescriptors = 4;
@@ -37,5 +40,9 @@ inline constexpr std::size_t kClientDescriptors = 4;
 // --direct, or when it names a plug-in other than the daemon's (pluginPath).
 std::optional<int> runClientCommand(const ClientCommand& client, const PluginDescriptor& plugin,
                                     const std::string& pluginPath, Worker& worker);
+
+// Tells the client on its standard error why its command was refused ("velnor: REFUSAL"), and
+// runs nothing; the exit status, kExitNotRoot.
+int refuseClientCommand(const ClientCommand& client, const std::string& refusal);
 
 }  // namespace velnor::host

@@ -27,11 +27,9 @@ using support::couldNot;
 using support::Result;
 using support::UniqueFd;
 
-constexpr mode_t kSocketMode = 0600;
+// Every account may connect: what each may ask is decided per request.
+constexpr mode_t kSocketMode = 0666;
 constexpr int kListenBacklog = 64;
-// Clients served at the same time, command lines included; one more is told to come back later.
-// Each costs a descriptor, and a command line a thread.
-constexpr std::size_t kMostConnections = 128;
 // Threads kept waiting for the next command line.
 constexpr std::size_t kSpareCommandThreads = 2;
 // Connections taken from the backlog in one turn of the loop, so that a flood of them cannot
@@ -79,7 +77,7 @@ Result<UniqueFd> bindSocket(int folder, const std::string& path) {
     }
     std::memcpy(address.sun_path, temporaryPath.c_str(), temporaryPath.size() + 1);
     unlinkat(folder, temporaryName.c_str(), 0);
-    // Created 0600 from the start: no moment in which another account could connect.
+    // Created with its mode from the start, never wider for a moment.
     mode_t previous = umask(0777 & ~kSocketMode);
     int bound = bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
     int error = errno;
@@ -95,39 +93,6 @@ Result<UniqueFd> bindSocket(int folder, const std::string& path) {
         return couldNot("listen on", path, error);
     }
     return listener;
-}
-
-// The credentials of the peer's process when it connected.
-std::optional<ucred> peerCredentials(int socket) {
-    ucred credentials{};
-    socklen_t size = sizeof(credentials);
-    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
-        return std::nullopt;
-    }
-    return credentials;
-}
-
-// The bytes of a string or data value; nullptr for any other kind.
-const std::string* bytesOf(const PlistValue& value) {
-    return value.asData() != nullptr ? value.asData() : value.asString();
-}
-
-// The arguments of a command-line request: each a string or, as velnor sends them, the bytes
-// it was given. Nothing when the request's "run" is not such an array.
-std::optional<std::vector<std::string>> argumentsOf(const PlistValue& run) {
-    const PlistArray* array = run.asArray();
-    if (array == nullptr) {
-        return std::nullopt;
-    }
-    std::vector<std::string> arguments;
-    for (const PlistValue& argument : *array) {
-        const std::string* text = bytesOf(argument);
-        if (text == nullptr) {
-            return std::nullopt;
-        }
-        arguments.push_back(*text);
-    }
-    return arguments;
 }
 
 // Tells a client that the daemon will not serve it, without waiting: a client that reads
@@ -191,7 +156,7 @@ struct ControlServer::Connection {
     ControlServer& server;
     std::uint64_t id;
     UniqueFd socket;
-    ucred peer;
+    PeerProcess peer;
     FrameReader reader;
     sd_event_source* io = nullptr;
     sd_event_source* deadline = nullptr;
@@ -202,10 +167,19 @@ struct ControlServer::Connection {
     bool closing = false;
     // It has gone or is to be dropped at once.
     bool dead = false;
+    // Its place among its account's connections is still its own, not its command line's.
+    bool counted = true;
+    // The request that waits for polkit's answer, what admission made of it, and the question.
+    std::optional<ReceivedFrame> pending;
+    AdmissionDecision decision;
+    PolkitQuestion question;
 
     ~Connection() {
         sd_event_source_disable_unref(io);
         sd_event_source_disable_unref(deadline);
+        if (counted) {
+            server.caps_.give(peer.caller.uid);
+        }
     }
 };
 
@@ -234,9 +208,10 @@ class ControlServer::LoopCallSink : public CallSink {
 
 Result<std::unique_ptr<ControlServer>> ControlServer::create(const PluginDescriptor& plugin,
                                                              std::string pluginPath, Worker& worker,
-                                                             LoopInbox& inbox, UniqueFd listener) {
-    std::unique_ptr<ControlServer> server(
-        new ControlServer(plugin, std::move(pluginPath), worker, inbox, std::move(listener)));
+                                                             LoopInbox& inbox, UniqueFd listener,
+                                                             RefusalReport report) {
+    std::unique_ptr<ControlServer> server(new ControlServer(
+        plugin, std::move(pluginPath), worker, inbox, std::move(listener), std::move(report)));
     if (support::Status watching = server->watch(); !watching) {
         return watching.failure();
     }
@@ -244,12 +219,13 @@ Result<std::unique_ptr<ControlServer>> ControlServer::create(const PluginDescrip
 }
 
 ControlServer::ControlServer(const PluginDescriptor& plugin, std::string pluginPath, Worker& worker,
-                             LoopInbox& inbox, UniqueFd listener)
+                             LoopInbox& inbox, UniqueFd listener, RefusalReport report)
     : plugin_(plugin),
       pluginPath_(std::move(pluginPath)),
       worker_(worker),
       inbox_(inbox),
       listener_(std::move(listener)),
+      report_(std::move(report)),
       commandLines_(kSpareCommandThreads) {}
 
 ControlServer::~ControlServer() {
@@ -279,6 +255,7 @@ support::Status ControlServer::watch() {
         (failed = sd_event_add_signal(event_, nullptr, SIGINT, onStopSignal, this)) < 0) {
         return couldNot("watch", "the daemon's control socket, timer and signals", -failed);
     }
+    polkit_ = std::make_unique<PolkitAuthority>(event_);
     return {};
 }
 
@@ -372,21 +349,28 @@ void ControlServer::acceptConnections() {
     }
 }
 
-// Root's clients are served, up to kMostConnections at once; every other is told why not.
+// Every account's clients are taken, up to its caps; one over them is told why not. Who the peer
+// is, and a hold on its process, are taken now, as it connected: what it asks is decided per
+// request.
 void ControlServer::admit(UniqueFd socket) {
-    std::optional<ucred> peer = peerCredentials(socket.get());
-    if (!peer || peer->uid != 0) {
-        refuse(socket.get(), "velnord serves root only, not uid " +
-                                 (peer ? std::to_string(peer->uid) : std::string("unknown")));
+    Result<PeerProcess> peer = peerProcessOf(socket.get());
+    if (!peer) {
+        refuse(socket.get(), "velnord could not tell who connected: " + peer.message());
         return;
     }
-    if (connections_.size() + commandLines_.busy() >= kMostConnections) {
-        refuse(socket.get(), "velnord serves " + std::to_string(kMostConnections) +
-                                 " clients already; try again later");
+    const uid_t uid = peer->caller.uid;
+    if (!caps_.take(uid)) {
+        const ConnectionLimits& limits = caps_.limits();
+        refuse(socket.get(),
+               uid == 0 ? "velnord serves " + std::to_string(limits.root) +
+                              " clients of root already; try again later"
+                        : "velnord serves " + std::to_string(limits.perAccount) + " clients of " +
+                              peer->caller.account + ", or " + std::to_string(limits.others) +
+                              " of accounts other than root, already; try again later");
         return;
     }
     const std::uint64_t id = ++lastId_;
-    auto connection = std::make_unique<Connection>(*this, id, std::move(socket), *peer);
+    auto connection = std::make_unique<Connection>(*this, id, std::move(socket), std::move(*peer));
     int failed = sd_event_add_io(event_, &connection->io, connection->socket.get(), EPOLLIN,
                                  onConnection, connection.get());
     if (failed >= 0) {
@@ -467,11 +451,85 @@ void ControlServer::answer(Connection& connection, ReceivedFrame& request) {
                                              std::to_string(kProtocolVersion) + " only"));
         return;
     }
+    AdmissionDecision decision = admissionOf(connection.peer.caller, request.message);
+    switch (decision.kind) {
+        case AdmissionDecision::Kind::Serve:
+            serveRequest(connection, request);
+            return;
+        case AdmissionDecision::Kind::Refuse:
+            refuseRequest(connection, request, decision, decision.refusal);
+            return;
+        case AdmissionDecision::Kind::Ask:
+            askPolkit(connection, request, std::move(decision));
+            return;
+    }
+}
+
+void ControlServer::serveRequest(Connection& connection, ReceivedFrame& request) {
     if (request.message.contains("run")) {
         startCommandLine(connection, request);
         return;
     }
     answerCall(connection, request.message);
+}
+
+// The question goes out and the loop serves on; the answer comes back through the inbox, like a
+// call's outcome, to a connection that may have gone meanwhile.
+void ControlServer::askPolkit(Connection& connection, ReceivedFrame& request,
+                              AdmissionDecision decision) {
+    if (!peerStillRuns(connection.peer)) {
+        refuseRequest(connection, request, decision,
+                      endedProcessRefusal(decision, connection.peer.caller));
+        return;
+    }
+    // No request is read, and no deadline runs, while polkit decides.
+    connection.busy = true;
+    sd_event_source_set_enabled(connection.deadline, SD_EVENT_OFF);
+    connection.pending = std::move(request);
+    connection.decision = std::move(decision);
+    connection.question = polkit_->check(
+        connection.peer, actionId(connection.decision.action),
+        [this, id = connection.id](PolkitVerdict verdict) {
+            inbox_.post([this, id, verdict = std::move(verdict)] { decide(id, verdict); });
+        });
+}
+
+void ControlServer::decide(std::uint64_t id, const PolkitVerdict& verdict) {
+    auto found = connections_.find(id);
+    if (found == connections_.end()) {
+        return;
+    }
+    Connection& connection = *found->second;
+    connection.busy = false;
+    connection.question = PolkitQuestion();
+    std::optional<ReceivedFrame> request = std::move(connection.pending);
+    connection.pending.reset();
+    if (!connection.dead && request) {
+        if (std::optional<std::string> refusal =
+                refusalFor(verdict, connection.decision, connection.peer)) {
+            refuseRequest(connection, *request, connection.decision, *refusal);
+        } else {
+            serveRequest(connection, *request);
+        }
+    }
+    settle(connection);
+}
+
+// The refusal is reported, and told: on the client's own standard error for a command line, as
+// any failure of its command would be, else as the protocol's error. Nothing runs.
+void ControlServer::refuseRequest(Connection& connection, ReceivedFrame& request,
+                                  const AdmissionDecision& decision, const std::string& refusal) {
+    if (report_) {
+        const std::string_view action = decision.kind == AdmissionDecision::Kind::Ask
+                                            ? actionId(decision.action)
+                                            : std::string_view();
+        report_(connection.peer.caller, decision.verb, action, refusal);
+    }
+    if (request.message.contains("run") && request.passed.size() == kClientDescriptors) {
+        startCommandLine(connection, request, refusal);
+        return;
+    }
+    sendThenClose(connection, errorReply(refusal, kExitNotRoot));
 }
 
 void ControlServer::answerCall(Connection& connection, const PlistDictionary& request) {
@@ -556,8 +614,9 @@ void ControlServer::awaitRequest(Connection& connection) {
 // A command line runs on a thread of its own: it writes to the client's standard output and
 // error, which may block for as long as the client reads nothing, and neither the loop nor the
 // worker may wait on that. The connection is the thread's from here on.
-void ControlServer::startCommandLine(Connection& connection, ReceivedFrame& request) {
-    std::optional<std::vector<std::string>> arguments = argumentsOf(*request.message.find("run"));
+void ControlServer::startCommandLine(Connection& connection, ReceivedFrame& request,
+                                     std::optional<std::string> refusal) {
+    std::optional<std::vector<std::string>> arguments = runArgumentsOf(request.message);
     if (!arguments || request.passed.size() != kClientDescriptors) {
         sendThenClose(connection,
                       errorReply("a command line's request carries its arguments and " +
@@ -566,12 +625,21 @@ void ControlServer::startCommandLine(Connection& connection, ReceivedFrame& requ
                                  "folder"));
         return;
     }
-    ClientCommand client{std::move(*arguments), std::nullopt, std::move(request.passed),
-                         connection.peer.pid, connection.socket.get()};
-    client.uid = connection.peer.uid;
+    const Caller& caller = connection.peer.caller;
+    ClientCommand client{
+        std::move(*arguments),     std::nullopt,
+        std::move(request.passed), caller.pid,
+        connection.socket.get(),   caller.isRoot() ? WorkerLane::Root : WorkerLane::Others};
+    client.caller = caller;
     if (const PlistValue* plugin = request.message.find("plugin")) {
         const std::string* path = bytesOf(*plugin);
         client.pluginFromEnvironment = path ? std::optional<std::string>(*path) : std::nullopt;
+    }
+    if (!caller.isRoot()) {
+        // Its verbs write to its standard output and error only: no file is read on its behalf,
+        // from its working folder or its standard input.
+        client.descriptors[0].reset();
+        client.descriptors[3].reset();
     }
     struct CommandLine {
         ClientCommand client;
@@ -580,15 +648,22 @@ void ControlServer::startCommandLine(Connection& connection, ReceivedFrame& requ
     auto commandLine =
         std::make_shared<CommandLine>(std::move(client), std::move(connection.socket));
     connection.dead = true;
-    commandLines_.run(
-        [this, commandLine] { runCommandLine(commandLine->client, commandLine->socket.get()); });
+    // The command line keeps the connection's place among its account's until it ends.
+    connection.counted = false;
+    commandLines_.run([this, commandLine, uid = caller.uid, refusal = std::move(refusal)] {
+        runCommandLine(commandLine->client, commandLine->socket.get(), refusal);
+        inbox_.post([this, uid] { caps_.give(uid); });
+    });
 }
 
 // The top of a command line's work: what escapes the command is logged, and the client is told.
-void ControlServer::runCommandLine(const ClientCommand& client, int socket) {
+void ControlServer::runCommandLine(const ClientCommand& client, int socket,
+                                   const std::optional<std::string>& refusal) {
     PlistDictionary reply;
     try {
-        std::optional<int> status = runClientCommand(client, plugin_, pluginPath_, worker_);
+        std::optional<int> status = refusal
+                                        ? refuseClientCommand(client, *refusal)
+                                        : runClientCommand(client, plugin_, pluginPath_, worker_);
         // A command line is the connection's last request: the client ends once told.
         reply = status ? PlistDictionary{{"kind", PlistValue("exit")},
                                          {"status", PlistValue::integer(*status)}}
@@ -609,7 +684,7 @@ void ControlServer::send(Connection& connection, const PlistDictionary& message)
     flush(connection);
     if (connection.unsent.size() > kMostUnsent) {
         ::syslog(LOG_WARNING, "dropped a client (pid %d) that read none of %zu bytes of replies",
-                 static_cast<int>(connection.peer.pid), connection.unsent.size());
+                 static_cast<int>(connection.peer.caller.pid), connection.unsent.size());
         connection.dead = true;
     }
 }

@@ -17,12 +17,16 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "Admission.h"
+#include "Caller.h"
 #include "ClientCommand.h"
 #include "CommandRunners.h"
 #include "FrameReader.h"
 #include "PluginInterface.h"
+#include "PolkitAuthority.h"
 #include "Result.h"
 #include "UniqueFd.h"
 #include "Worker.h"
@@ -34,7 +38,8 @@ struct signalfd_siginfo;
 namespace velnor::host {
 
 // Binds and listens on the socket at path, in a folder that is root's and that no one else may
-// write to (created 0755 when missing), the socket itself root's and 0600. A socket that a
+// write to (created 0755 when missing), the socket itself root's and 0666: every account may
+// connect, and each request is admitted on its own. A socket that a
 // daemon before left behind is replaced when it is root's; anything else in its place (a link,
 // a file, another account's socket) is refused.
 support::Result<support::UniqueFd> listenOnControlSocket(const std::string& path);
@@ -59,14 +64,21 @@ class LoopInbox {
 // sends nothing, or dribbles, is closed then and holds nothing.
 inline constexpr std::chrono::seconds kFrameDeadline{5};
 
+// Told of every request refused before it ran: who asked, the verb ("start", "call ..."), the
+// polkit action it needed (empty when none would have let it through) and the words the client
+// was told. On the loop's thread: it returns at once.
+using RefusalReport = std::function<void(const Caller& caller, std::string_view verb,
+                                         std::string_view action, std::string_view reason)>;
+
 class ControlServer {
   public:
     // pluginPath is the file that plugin was loaded from: a command line that asks for another
-    // is left to the client to run in its own process.
+    // is left to the client to run in its own process. Each refusal is told to report.
     static support::Result<std::unique_ptr<ControlServer>> create(const PluginDescriptor& plugin,
                                                                   std::string pluginPath,
                                                                   Worker& worker, LoopInbox& inbox,
-                                                                  support::UniqueFd listener);
+                                                                  support::UniqueFd listener,
+                                                                  RefusalReport report);
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
@@ -87,7 +99,7 @@ class ControlServer {
     class LoopCallSink;
 
     ControlServer(const PluginDescriptor& plugin, std::string pluginPath, Worker& worker,
-                  LoopInbox& inbox, support::UniqueFd listener);
+                  LoopInbox& inbox, support::UniqueFd listener, RefusalReport report);
     support::Status watch();
 
     static int onListener(sd_event_source*, int, std::uint32_t, void* self);
@@ -101,9 +113,16 @@ class ControlServer {
     void admit(support::UniqueFd socket);
     void readRequests(Connection& connection);
     void answer(Connection& connection, ReceivedFrame& request);
+    void serveRequest(Connection& connection, ReceivedFrame& request);
+    void askPolkit(Connection& connection, ReceivedFrame& request, AdmissionDecision decision);
+    void decide(std::uint64_t id, const PolkitVerdict& verdict);
+    void refuseRequest(Connection& connection, ReceivedFrame& request,
+                       const AdmissionDecision& decision, const std::string& refusal);
     void answerCall(Connection& connection, const PlistDictionary& request);
-    void startCommandLine(Connection& connection, ReceivedFrame& request);
-    void runCommandLine(const ClientCommand& client, int socket);
+    void startCommandLine(Connection& connection, ReceivedFrame& request,
+                          std::optional<std::string> refusal = std::nullopt);
+    void runCommandLine(const ClientCommand& client, int socket,
+                        const std::optional<std::string>& refusal);
     void send(Connection& connection, const PlistDictionary& message);
     void sendThenClose(Connection& connection, const PlistDictionary& message);
     void flush(Connection& connection);
@@ -123,6 +142,9 @@ class ControlServer {
     sd_event_source* stopTimer_ = nullptr;
     std::optional<StopDeadline> stopDeadline_;
     std::uint64_t lastId_ = 0;
+    RefusalReport report_;
+    ConnectionCaps caps_;
+    std::unique_ptr<PolkitAuthority> polkit_;
     std::map<std::uint64_t, std::unique_ptr<Connection>> connections_;
     CommandRunners commandLines_;
 };

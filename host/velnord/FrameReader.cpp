@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -14,6 +15,9 @@ namespace {
 using support::Result;
 
 constexpr std::size_t kLengthBytes = 4;
+// How much more room a body gets for each read: it grows as its bytes come, so that a client
+// that sends a large length and nothing after it holds next to no memory.
+constexpr std::size_t kGrowthBytes = std::size_t{64} << 10;
 
 support::Failure protocolFailure(const std::string& reason) {
     return {EPROTO, reason};
@@ -49,8 +53,11 @@ Result<std::optional<ReceivedFrame>> FrameReader::readAvailable(int socket) {
             into = reinterpret_cast<char*>(prefix_.data()) + have_;
             wanted = kLengthBytes - have_;
         } else {
+            wanted = std::min(*length_ - have_, kGrowthBytes);
+            if (body_.size() < have_ + wanted) {
+                body_.resize(have_ + wanted);
+            }
             into = body_.data() + have_;
-            wanted = *length_ - have_;
         }
         if (wanted == 0) {
             return finish();
@@ -82,7 +89,7 @@ Result<std::optional<ReceivedFrame>> FrameReader::readAvailable(int socket) {
                                        "-byte limit");
             }
             length_ = length;
-            body_.assign(length, '\0');
+            body_.clear();
             have_ = 0;
         }
     }

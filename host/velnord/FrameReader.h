@@ -30,7 +30,7 @@ class FrameReader {
     support::Result<std::optional<ReceivedFrame>> readAvailable(int socket);
 
     // Some of a frame has come but not all of it.
-    bool begun() const { return have_ > 0 || !body_.empty(); }
+    bool begun() const { return have_ > 0 || length_.has_value(); }
 
   private:
     support::Result<std::optional<ReceivedFrame>> finish();

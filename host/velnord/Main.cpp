@@ -1,6 +1,6 @@
 // velnord: the host as a long-running daemon. It loads the service plug-in once, runs its class
-// hook once, and then serves root's calls from the control socket one at a time, with the idle
-// housekeeping every interval in between.
+// hook once, and then serves calls from the control socket one at a time (root's, and other
+// accounts' as polkit allows), with the idle housekeeping every interval in between.
 #include <signal.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -28,6 +28,7 @@
 #include "Metrics.h"
 #include "MetricsEndpoint.h"
 #include "PluginLoader.h"
+#include "RefusalRecorder.h"
 #include "RestartLedger.h"
 #include "RunAtLoad.h"
 #include "ServiceManagerNotice.h"
@@ -39,10 +40,11 @@ namespace velnor::host {
 namespace {
 
 constexpr const char* kDescription =
-    "velnord loads a service plug-in once and serves root's calls of its operations on the\n"
-    "control socket /run/velnor/velnord.sock, one at a time, running the plug-in's idle\n"
-    "housekeeping (doIdleAtCount) every interval in between. velnor hands its command lines\n"
-    "to it whenever velnord answers.";
+    "velnord loads a service plug-in once and serves calls of its operations on the control\n"
+    "socket /run/velnor/velnord.sock, one at a time, running the plug-in's idle housekeeping\n"
+    "(doIdleAtCount) every interval in between. velnor hands its command lines to it whenever\n"
+    "velnord answers. Root may do anything; every other account is asked about through polkit\n"
+    "(org.velnor.postgres.read, .operate, .configure), and only root is served without it.";
 
 constexpr const char* kFooter =
     "velnord holds the host lock (/var/run/velnor/host.lock, or $VELNOR_LOCK_FILE) around each\n"
@@ -294,8 +296,15 @@ int serve(const Options& options, const std::optional<ActivatedSocket>& activate
     std::unique_ptr<MetricsEndpoint> endpoint = startMetricsEndpoint(options, metrics);
     std::unique_ptr<WebConsole> web = startWebConsole(options, activated, plugin, worker, metrics);
     console = web.get();
+    RefusalRecorder refusals;
+    // Each refusal is counted, and recorded in the trail (which tells the system log too).
+    auto refused = [&refusals, &metrics](const Caller& caller, std::string_view verb,
+                                         std::string_view action, std::string_view reason) {
+        metrics.requestRefused(RefusalReason::NotAllowed);
+        refusals.record(caller, verb, action, reason);
+    };
     support::Result<std::unique_ptr<ControlServer>> created =
-        ControlServer::create(plugin, pluginPath, worker, inbox, std::move(*listener));
+        ControlServer::create(plugin, pluginPath, worker, inbox, std::move(*listener), refused);
     support::Status served = created.ok() ? support::Status() : support::Status(created.failure());
     if (created) {
         server = created->get();

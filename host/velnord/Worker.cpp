@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <exception>
 
 #include "LaunchDaemon.h"
@@ -93,23 +94,31 @@ bool Worker::push(Job job) {
         if (stopping_) {
             return false;
         }
-        queue_.push_back(std::move(job));
+        // Root's job goes ahead of the calls of other accounts that still wait, behind root's own
+        // and the daemon's housekeeping.
+        auto place = queue_.end();
+        if (job.lane == WorkerLane::Root) {
+            place = std::find_if(queue_.begin(), queue_.end(), [](const Job& queued) {
+                return queued.lane == WorkerLane::Others;
+            });
+        }
+        queue_.insert(place, std::move(job));
     }
     wake_.notify_one();
     return true;
 }
 
 bool Worker::submit(const HostOperation& operation, OperationArgument argument,
-                    std::shared_ptr<CallSink> sink) {
-    return push(Job{JobKind::Call, &operation, std::move(argument), std::move(sink), {}});
+                    std::shared_ptr<CallSink> sink, WorkerLane lane) {
+    return push(Job{JobKind::Call, &operation, std::move(argument), std::move(sink), {}, lane});
 }
 
 std::optional<Outcome> Worker::call(const HostOperation& operation, OperationArgument argument,
                                     std::function<void(int, const std::string&)> relay,
                                     std::function<support::Status()> guard,
-                                    std::optional<support::Failure>* refused) {
+                                    std::optional<support::Failure>* refused, WorkerLane lane) {
     auto sink = std::make_shared<WaitingSink>();
-    Job job{JobKind::Call, &operation, std::move(argument), sink, {}};
+    Job job{JobKind::Call, &operation, std::move(argument), sink, {}, lane};
     job.guard = std::move(guard);
     // The caller waits below until the job is done, so refused outlives the job's use of it.
     job.refused = refused;

@@ -44,6 +44,10 @@ class CallSink {
     virtual void finished(std::optional<Outcome> outcome) = 0;
 };
 
+// Whose call it is: root's calls go before every call of another account still waiting, so that
+// no account's load holds root up.
+enum class WorkerLane { Root, Others };
+
 // What the worker has run so far: plug-in calls, idle ticks, and the state queries it made when a
 // stop's ExitTimeOut ended.
 struct WorkerCounts {
@@ -69,10 +73,10 @@ class Worker {
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
-    // Queues the call; its messages and outcome go to sink. False, with sink told nothing, when
-    // the worker is stopping.
+    // Queues the call in its lane; its messages and outcome go to sink. False, with sink told
+    // nothing, when the worker is stopping.
     bool submit(const HostOperation& operation, OperationArgument argument,
-                std::shared_ptr<CallSink> sink);
+                std::shared_ptr<CallSink> sink, WorkerLane lane = WorkerLane::Root);
 
     // Runs the call in its turn and waits for it; log messages that the plug-in emits meanwhile
     // go to relay as they come, on the caller's thread, so that the worker never waits on a
@@ -83,7 +87,8 @@ class Worker {
     std::optional<Outcome> call(const HostOperation& operation, OperationArgument argument,
                                 std::function<void(int, const std::string&)> relay,
                                 std::function<support::Status()> guard = {},
-                                std::optional<support::Failure>* refused = nullptr);
+                                std::optional<support::Failure>* refused = nullptr,
+                                WorkerLane lane = WorkerLane::Root);
 
     // Queues the state query that ends the stop of label, past its ExitTimeOut.
     void queueStopQuery(std::string label);
@@ -108,6 +113,7 @@ class Worker {
         OperationArgument argument;
         std::shared_ptr<CallSink> sink;
         std::string label;
+        WorkerLane lane = WorkerLane::Root;
         // Set only by call(): see there.
         std::function<support::Status()> guard = {};
         std::optional<support::Failure>* refused = nullptr;

@@ -22,6 +22,8 @@ LOG_DIR = "/Library/Logs/PostgreSQL"
 LEGACY_LOG_DIR = "/Library/Logs"
 
 SYSTEMD_BINARY = "/lib/systemd/systemd"
+DBUS_DAEMON = "/usr/bin/dbus-daemon"
+POLKITD = "/usr/lib/polkit-1/polkitd"
 # velnord renames its control socket into place once it listens.
 DAEMON_SOCKET = "/run/velnor/velnord.sock"
 

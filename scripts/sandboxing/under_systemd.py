@@ -70,6 +70,11 @@ def prepare(sandbox):
         fail(f"systemd is missing ({layout.SYSTEMD_BINARY}); run scripts/setup")
     if shutil.which("nsenter") is None:
         fail("nsenter is missing; run scripts/setup")
+    # The system bus and polkitd, which it starts when first asked, decide what accounts other
+    # than root may ask of velnord.
+    for program in (layout.DBUS_DAEMON, layout.POLKITD):
+        if not os.access(program, os.X_OK):
+            fail(f"{program} is missing; run scripts/setup")
     sandbox.watcher = Watcher()
     sandbox.cgroup = sandbox.watcher.cgroup
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <optional>
 
 #include "ControlProtocol.h"
 #include "FrameReader.h"
@@ -65,6 +66,27 @@ std::string framed(const std::string& body) {
         length[index] = static_cast<char>((body.size() >> (8 * (3 - index))) & 0xFF);
     }
     return length + body;
+}
+
+TEST(FrameReader, AssemblesABodyThatComesInManyReads) {
+    // Longer than the room the body is given at each read, and than the socket holds at once.
+    PlistDictionary large = kStatus;
+    large.set("padding", PlistValue::data(std::string(std::size_t{900} << 10, 'x')));
+    const std::string frame = encodedFrame(large);
+    Ends ends = connectedEnds();
+    FrameReader reader;
+    std::size_t sent = 0;
+    std::optional<ReceivedFrame> whole;
+    while (!whole) {
+        const ssize_t count = ::send(ends.client.get(), frame.data() + sent, frame.size() - sent,
+                                     MSG_NOSIGNAL | MSG_DONTWAIT);
+        sent += count > 0 ? static_cast<std::size_t>(count) : 0;
+        auto read = reader.readAvailable(ends.daemon.get());
+        ASSERT_TRUE(read.ok()) << read.message();
+        whole = std::move(*read);
+        ASSERT_TRUE(whole || sent < frame.size()) << "all sent, and still not whole";
+    }
+    EXPECT_EQ(PlistValue(whole->message), PlistValue(large));
 }
 
 TEST(FrameReader, RefusesWhatIsNoWholeDictionaryFrame) {
