@@ -128,8 +128,6 @@ class Audit(harness.ScenarioCase):
         lines = history.stdout.splitlines()
         self.assertEqual(len(lines), 5, history.stdout)
         self.assertIn(f" root (uid 0, control socket, pid {pids[0]}) start: done in ", lines[0])
-        self.assertIn(f" root (uid 0, in-process host, pid {pids[4]}) settings jit (unset) -> off, "
-                      "work_mem 8MB -> 16MB: done in ", lines[3])
         self.assertEqual(self.velnor("history", "--since", "1h").response, trail_records(),
                          "the records as JSON, through velnord")
         self.assertEqual(self.velnor("history", "--since", "2099-01-01").response, [])

@@ -108,13 +108,6 @@ class SettingsPlan(harness.ScenarioCase):
         self.assertEqual((late.response["changed"], late.response["version"]), (False, version_now()))
         self.assertEqual(job_file_bytes(), theirs, "the other administrator's change stands")
 
-        replanned = self.velnor("settings", "--plan", "work_mem=8MB")
-        self.assertEqual(by_name(replanned)["work_mem"]["stored"], "16MB")
-        self.velnor("settings", "--apply", "work_mem=8MB", "--expect-version",
-                    replanned.response["version"])
-        self.assertIn("-c", harness.read_job_file()["ProgramArguments"])
-        self.assertIn("work_mem=8MB", harness.read_job_file()["ProgramArguments"])
-
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_a_hand_edit_while_the_apply_waits_is_never_overwritten(self):
         """An administrator edits the job file by hand while holding the host lock, as an apply

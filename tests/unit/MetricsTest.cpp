@@ -105,17 +105,6 @@ TEST(Metrics, AStartInProgressShowsAsStarting) {
     EXPECT_TRUE(fixture.shows("velnor_service_state{state=\"running\"} 1"));
 }
 
-TEST(Metrics, EscapesWhatTheLabelValuesHold) {
-    Fixture fixture;
-    // An error code is the plug-in's text: quotes, backslashes and line feeds are escaped.
-    fixture.run("startServiceWithVariant", {},
-                answered(PlistDictionary{{"error", PlistValue("A\"B\\C\nD")}}));
-    EXPECT_TRUE(fixture.shows("velnor_service_start_failures_total{code=\"A\\\"B\\\\C\\nD\"} 1"))
-        << fixture.metrics.exposition();
-    EXPECT_TRUE(fixture.shows(
-        "velnor_operations_total{operation=\"startServiceWithVariant\",outcome=\"error\"} 1"));
-}
-
 TEST(Metrics, StartsFromTheLedgerItWasGiven) {
     RestartLedger ledger;
     ledger.starts[static_cast<std::size_t>(MoveCause::Migration)] = 7;

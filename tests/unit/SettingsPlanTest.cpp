@@ -97,18 +97,6 @@ TEST(SettingsApply, WritesOnlyWhatDiffersAndNothingWhenOneIsRefused) {
               (PlistDictionary{{"b", "new"}, {"c", "new"}}));
 }
 
-TEST(SettingsPlan, VersionIsTheSha256OfTheBytesInHex) {
-    EXPECT_EQ(sha256Hex(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
-    EXPECT_EQ(sha256Hex("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-    EXPECT_NE(sha256Hex("<plist>a</plist>"), sha256Hex("<plist>a</plist>\n"))
-        << "a byte more is another version";
-    EXPECT_TRUE(isJobFileVersion(sha256Hex("abc")));
-    for (const std::string& bad : {std::string(), std::string(63, 'a'), std::string(65, 'a'),
-                                   std::string(64, 'A'), std::string(63, 'a') + "g"}) {
-        EXPECT_FALSE(isJobFileVersion(bad)) << bad;
-    }
-}
-
 TEST(SettingsPlan, CommandLineAsksForAPlanOrAnApply) {
     support::Result<Command> plan = parseCommandLine(std::vector<std::string_view>{
         "settings", "--plan", "work_mem=1GB", "search_path=a=b", "work_mem=2GB"});
@@ -130,6 +118,9 @@ TEST(SettingsPlan, CommandLineAsksForAPlanOrAnApply) {
     EXPECT_FALSE(parseCommandLine(std::vector<std::string_view>{"settings", "--apply", "a=1"})
                      ->settingsChange->expectedVersion);
 
+    // A version is 64 lowercase hex digits, as the job file's SHA-256 is written.
+    const std::string shorter = kVersion.substr(1), longer = kVersion + "a";
+    const std::string upper(64, 'A'), notHex = shorter + "g";
     const std::vector<std::string_view> refused[] = {
         {"settings", "--plan"},
         {"settings", "--apply"},
@@ -139,6 +130,10 @@ TEST(SettingsPlan, CommandLineAsksForAPlanOrAnApply) {
         {"settings", "--plan", "a=1", "--expect-version", kVersion},
         {"settings", "--apply", "a=1", "--expect-version", ""},
         {"settings", "--apply", "a=1", "--expect-version", "latest"},
+        {"settings", "--apply", "a=1", "--expect-version", shorter},
+        {"settings", "--apply", "a=1", "--expect-version", longer},
+        {"settings", "--apply", "a=1", "--expect-version", upper},
+        {"settings", "--apply", "a=1", "--expect-version", notHex},
         {"settings", "a=1", "--expect-version", kVersion},
     };
     for (const auto& arguments : refused) {
