@@ -13,6 +13,7 @@
 #include "Output.h"
 #include "PathNames.h"
 #include "RootFolder.h"
+#include "SystemLog.h"
 #include "UniqueFd.h"
 
 namespace velnor::host {
@@ -23,7 +24,6 @@ using support::Result;
 using support::Status;
 using support::UniqueFd;
 
-constexpr mode_t kFolderMode = 0700;
 constexpr mode_t kFileMode = 0600;
 
 std::string_view outcomeName(AuditOutcome outcome) {
@@ -163,7 +163,7 @@ Result<UniqueFd> openTrailFile(int folder, const std::string& path, struct stat*
 // The trail's folder, opened as root's alone and locked with operation (LOCK_EX to append,
 // LOCK_SH to read).
 Result<UniqueFd> lockedFolder(const std::string& path, int operation) {
-    Result<UniqueFd> folder = support::openRootOnlyFolder(path, "audit folder", kFolderMode);
+    Result<UniqueFd> folder = openStateFolder(path);
     while (folder && flock(folder->get(), operation) != 0) {
         if (errno != EINTR) {
             return couldNot("lock", path, errno);
@@ -260,7 +260,7 @@ void tellSystemLog(const AuditRecord& record, const std::string& line, const std
                   "VELNOR_AUDIT_OUTCOME=%s", std::string(outcomeName(record.outcome)).c_str(),
                   "VELNOR_AUDIT_RECORD=%s", line.c_str(), nullptr);
     if (sent < 0) {
-        ::syslog(LOG_NOTICE, "audit: %s", words.c_str());
+        support::logOnly(LOG_NOTICE, "audit: " + words);
     }
 }
 
@@ -327,7 +327,7 @@ std::string AuditTrail::path() const {
 }
 
 Status AuditTrail::checkWritable() const {
-    Result<UniqueFd> folder = support::openRootOnlyFolder(folder_, "audit folder", kFolderMode);
+    Result<UniqueFd> folder = openStateFolder(folder_);
     if (!folder) {
         return folder.failure();
     }

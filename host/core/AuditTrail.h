@@ -20,10 +20,11 @@
 #include "Caller.h"
 #include "PlistValue.h"
 #include "Result.h"
+#include "StateFolder.h"
 
 namespace velnor::host {
 
-inline constexpr const char* kAuditFolder = "/var/lib/velnor";
+inline constexpr const char* kAuditFolder = kStateFolder;
 inline constexpr const char* kAuditFileName = "audit.jsonl";
 // A record that would take the file past this size first rotates it: audit.jsonl becomes
 // audit.jsonl.1, .1 becomes .2, and so on; the oldest kept, .5, is dropped. So the trail holds

@@ -1,5 +1,6 @@
 #include "Conclusion.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <thread>
@@ -262,12 +263,28 @@ std::optional<ChangeRecord> recordFor(const Command& command, const OperationArg
                                        recordedArgument(argument), trail);
 }
 
+// True when request carries a configuration that is a dictionary of text values.
+bool isSettingsWrite(const PlistDictionary& request) {
+    const PlistValue* configuration = request.find("configuration");
+    const PlistDictionary* settings = configuration ? configuration->asDictionary() : nullptr;
+    if (settings == nullptr || settings->empty()) {
+        return false;
+    }
+    return std::all_of(settings->begin(), settings->end(),
+                       [](const auto& setting) { return setting.second.asString() != nullptr; });
+}
+
 // A settings write records each setting it changes with the value stored before, read through
 // the plug-in's own settings read just ahead of the write.
+//
+// The read runs the plug-in's housekeeping, which a request the plug-in would refuse must never
+// set off: only a write whose configuration is a dictionary of text, as the plug-in takes it, is
+// read for; any other is refused whole by the write, and its record shows that refusal.
 void noteSettingChanges(ChangeRecord& record, const Command& command,
                         const OperationArgument& argument, const Call& call) {
     const PlistDictionary* request = std::get_if<PlistDictionary>(&argument);
-    if (command.operation != "writeSettingsWithRequest" || request == nullptr) {
+    if (command.operation != "writeSettingsWithRequest" || request == nullptr ||
+        !isSettingsWrite(*request)) {
         return;
     }
     support::Result<Outcome> stored = call("readSettingsWithRequest", PlistDictionary(), {});

@@ -8,6 +8,7 @@
 #include "PropertyListFile.h"
 #include "RootFolder.h"
 #include "SafePath.h"
+#include "StateFolder.h"
 
 namespace velnor::host {
 namespace {
@@ -223,8 +224,7 @@ support::Result<RestartLedger> readLedgerFile(const std::string& path) {
 }
 
 support::Status writeLedgerFile(const std::string& path, const RestartLedger& ledger) {
-    support::Result<support::UniqueFd> folder =
-        support::openRootOnlyFolder(support::folderOf(path), "velnord state folder");
+    support::Result<support::UniqueFd> folder = openStateFolder(support::folderOf(path));
     if (!folder) {
         return folder.failure();
     }

@@ -22,6 +22,7 @@
 #include "Invocation.h"
 #include "PluginLoader.h"
 #include "RestartLedger.h"
+#include "SystemLog.h"
 #include "Terminal.h"
 
 namespace velnor::host {
@@ -68,7 +69,7 @@ int runInProcess(const Command& command) {
     setDefaultPostgresEnvironment();
     // Before the module is even loaded, so that everything the plug-in logs also reaches
     // whoever runs the host.
-    openlog("velnor", (command.quiet ? 0 : LOG_PERROR) | LOG_PID, LOG_DAEMON);
+    support::openSystemLog("velnor", (command.quiet ? 0 : LOG_PERROR) | LOG_PID, LOG_DAEMON);
 
     support::Result<std::unique_ptr<PluginModule>> module =
         PluginModule::open(pluginPathFor(command));

@@ -14,6 +14,7 @@
 #include "PathNames.h"
 #include "RootFolder.h"
 #include "SafePath.h"
+#include "StateFolder.h"
 
 namespace velnor::host {
 namespace {
@@ -151,9 +152,7 @@ support::Result<std::string> pemOf(Write write) {
 // Keeps what was made for the next start: the key first, so that a certificate is never left
 // without it.
 support::Status keep(const ConsoleCertificate& made) {
-    if (auto folder = support::openRootOnlyFolder(support::folderOf(kMadeCertificateFolder),
-                                                  "velnord's state folder");
-        !folder) {
+    if (auto folder = openStateFolder(support::folderOf(kMadeCertificateFolder)); !folder) {
         return folder.failure();
     }
     if (auto folder = support::openRootOnlyFolder(kMadeCertificateFolder, "certificate folder");

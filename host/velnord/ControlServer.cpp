@@ -626,11 +626,13 @@ void ControlServer::startCommandLine(Connection& connection, ReceivedFrame& requ
         return;
     }
     const Caller& caller = connection.peer.caller;
-    ClientCommand client{
-        std::move(*arguments),     std::nullopt,
-        std::move(request.passed), caller.pid,
-        connection.socket.get(),   caller.isRoot() ? WorkerLane::Root : WorkerLane::Others};
-    client.caller = caller;
+    ClientCommand client{std::move(*arguments),
+                         std::nullopt,
+                         std::move(request.passed),
+                         caller.pid,
+                         connection.socket.get(),
+                         caller,
+                         caller.isRoot() ? WorkerLane::Root : WorkerLane::Others};
     if (const PlistValue* plugin = request.message.find("plugin")) {
         const std::string* path = bytesOf(*plugin);
         client.pluginFromEnvironment = path ? std::optional<std::string>(*path) : std::nullopt;

@@ -33,6 +33,7 @@
 #include "RunAtLoad.h"
 #include "ServiceManagerNotice.h"
 #include "SocketActivation.h"
+#include "SystemLog.h"
 #include "WebConsole.h"
 #include "Worker.h"
 
@@ -365,7 +366,7 @@ int run(const Options& options) {
     // is an error for the one command, not a signal that ends the daemon. Jobs it starts get
     // default signal handling back.
     signal(SIGPIPE, SIG_IGN);
-    openlog("velnord", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
+    support::openSystemLog("velnord", LOG_PID | (options.foreground ? LOG_PERROR : 0), LOG_DAEMON);
     // Taken before any thread starts, and before the jobs at load, which must not inherit it.
     support::Result<std::optional<ActivatedSocket>> activated = consoleSocketFromSystemd();
     if (!activated) {
