@@ -199,35 +199,6 @@ class InputAttacks(harness.ScenarioCase):
                               'the string under "Comment" holds U+0007, which an XML property list '
                               'cannot carry exactly'), answer.stderr)
 
-    @sandbox("--legacy-log-dir", "--binary-job-file", "--initdb", "--socket-dir")
-    def test_job_file_holding_a_large_unsigned_integer_is_migrated(self):
-        """Integers above the largest signed 64-bit one, which binary job files carry, survive the
-        migration exactly; a job file that cannot be read whole is logged with the reason, and
-        then no marker is made."""
-        job = harness.read_job_file()
-        job["Limits"] = {"Largest": 2**64 - 1, "Above signed": 2**63, "Smallest": -2**63}
-        write_binary_job_file(job)
-
-        answer = self.velnor("idle")
-        self.assertIn(UPDATED_JOB_FILE, answer.log, "the migration ran")
-        self.assertEqual(harness.read_job_file(), migrated(job), "only the log directory changed")
-        self.assertEqual(harness.job_file_format(), "binary", "binary stays binary")
-        self.assertEqual(harness.job_file_as_libplist_reads_it(), migrated(job),
-                         "libplist reads the same")
-        self.assertTrue(os.path.exists(MARKER), "the marker follows the rewrite")
-
-        shutil.rmtree(LOG_DIR)
-        os.remove(MARKER)
-        job["Comment"] = "zero\0byte"  # libplist would cut the string there
-        write_binary_job_file(job)
-        before = harness.job_file_bytes()
-        answer = self.velnor("idle")
-        self.assertIn(f'could not read "{JOB_FILE}": not a valid binary property list: a string in '
-                      f'it holds a zero byte', answer.stderr, "the reason is logged")
-        self.assertNotIn(UPDATED_JOB_FILE, answer.log)
-        self.assertFalse(os.path.exists(MARKER), "no marker without a rewrite")
-        self.assertEqual(harness.job_file_bytes(), before)
-
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_arguments_holding_a_non_string_are_kept(self):
         """A job file whose argument vector holds an integer has no vector the plug-in can read;

@@ -216,27 +216,6 @@ class Metrics(harness.ScenarioCase):
         direct = self.velnor("--direct", "status", "--details", status=3).response["ledger"]
         self.assertEqual(direct, ledger, "velnor --direct reads the same ledger from its file")
 
-    @sandbox("--initdb", "--socket-dir", "--log-dir")
-    def test_a_ledger_file_that_is_not_one_is_refused_whole(self):
-        os.makedirs(os.path.dirname(LEDGER), mode=0o755, exist_ok=True)
-        with open(LEDGER, "w") as ledger:
-            ledger.write("<plist><dict><key>ledgerVersion</key><integer>1</integer>"
-                         "<key>starts</key><string>many</string></dict></plist>")
-        log_path = tempfile.mktemp(prefix="velnord.", suffix=".log")
-        with open(log_path, "wb") as log:
-            self.start_daemon(log)
-        self.assertEqual(self.scrape()['velnor_service_starts_total{cause="operator"}'], 0)
-        with open(log_path) as log:
-            self.assertIn(f'could not read "{LEDGER}": not a restart ledger: "starts" is not a '
-                          "dictionary; the restart ledger starts again from nothing", log.read())
-        direct = self.host("--direct", "status", "--details")
-        self.assertEqual(direct.response["ledger"], {"startsToday": dict.fromkeys(harness.CAUSES, 0)})
-        self.assertIn("not a restart ledger", direct.stderr, "velnor --direct says why")
-        self.velnor("start")
-        self.assertEqual(self.scrape()['velnor_service_starts_total{cause="operator"}'], 1)
-        self.assertEqual(harness.attributes(LEDGER), harness.regular_file(0o600, "root"),
-                         "the next start writes a whole ledger in its place")
-
     @sandbox("--initdb")
     def test_an_account_holding_the_port_keeps_no_daemon_from_serving(self):
         """nobody listens on the metrics port first: velnord serves without its endpoint."""

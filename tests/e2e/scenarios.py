@@ -16,7 +16,7 @@ import time
 sys.dont_write_bytecode = True
 import harness  # noqa: E402
 from harness import (ACCOUNT, ACCOUNT_ID, CREATED_LOG_DIR, CREATED_SOCKET_DIR, DATA_DIR, JOB_FILE,
-                     LOG_DIR, LOG_FILE, MARKER, RESTARTING, SOCKET_DIR, START_TIMED_OUT,
+                     LOG_DIR, LOG_FILE, MARKER, RESTARTING, SOCKET_DIR,
                      STOP_TIMED_OUT, UPDATED_JOB_FILE, WAITING_TO_RESPOND, WAITING_TO_STOP, Waits,
                      folder, job_file_bytes, job_file_format, read_job_file, regular_file, sandbox,
                      write_job_file)
@@ -217,16 +217,6 @@ class Scenarios(harness.ScenarioCase):
             self.assertTrue(harness.process_alive(idle),
                             "an idle session of a server not run from /usr/bin/postgres is not ended")
         self.assertTrue(harness.answers(), "the server started by hand still answers")
-
-    @sandbox("--socket-dir", "--log-dir")
-    def test_start_without_data_folder_times_out(self):
-        """launchd runs the job, the server finds no data folder and exits, the probe never answers."""
-        answer = self.velnor("start", status=1)
-        self.assertEqual(answer.response, {"error": "CANNOT_START_SERVICE_TIMEOUT_ERR"})
-        self.assertEqual(answer.log, [WAITING_TO_RESPOND] * 4 + [START_TIMED_OUT], "log of the start")
-        self.assertFalse(os.path.exists(DATA_DIR), "no data folder appears")
-        harness.wait_until(lambda: self.host("status").response == {"state": "STOPPED"},
-                           "the job has ended")
 
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_settings_change_restarts_server(self):

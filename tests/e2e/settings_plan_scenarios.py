@@ -11,7 +11,7 @@ import sys
 
 sys.dont_write_bytecode = True
 import harness  # noqa: E402
-from harness import RESTARTING, Waits, WAITING_TO_RESPOND, WAITING_TO_STOP, job_file_bytes, sandbox  # noqa: E402
+from harness import job_file_bytes, sandbox  # noqa: E402
 
 VERSION_CHANGED = 4
 LOCK_FILE = "/var/run/velnor/host.lock"
@@ -26,73 +26,6 @@ def by_name(answer):
 
 
 class SettingsPlan(harness.ScenarioCase):
-    @sandbox("--initdb", "--socket-dir", "--log-dir")
-    def test_apply_changes_only_what_differs_as_the_server_reads_it(self):
-        """Plan, apply, apply again: the second apply writes nothing and restarts nothing, in this
-        process as through velnord."""
-        self.assert_started(self.velnor("start"))
-        with harness.Client("fleet-idle") as client:
-            client.wait_for_state("idle")
-            plan = self.velnor("settings", "--plan", "work_mem=1GB", "log_statement=ddl")
-            self.assertEqual(plan.response["version"], version_now(), "the job file's SHA-256")
-            self.assertEqual(by_name(plan)["work_mem"],
-                             {"name": "work_mem", "value": "1GB", "accepted": True,
-                              "serverSays": "1048576", "differs": True},
-                             "a setting the job file lacks is added")
-            self.assertEqual(by_name(plan)["log_statement"],
-                             {"name": "log_statement", "stored": "ddl", "value": "ddl",
-                              "storedReads": "ddl", "accepted": True, "serverSays": "ddl",
-                              "differs": False}, "a stored setting typed again")
-            self.assertTrue(plan.response["restart"], "the running service restarts")
-            self.assertIn({"pid": client.backend, "user": harness.ACCOUNT, "database": "postgres",
-                           "state": "idle", "ended": True}, plan.response["clients"],
-                          "the idle client that the restart ends")
-        self.assertEqual(plan.log, [], "a plan writes and restarts nothing")
-
-        first = self.running_server()
-        applied = self.velnor("settings", "--apply", "work_mem=1GB", "--expect-version",
-                              plan.response["version"])
-        self.assertTrue(applied.response["changed"], "the first apply changes the job file")
-        self.assertEqual(applied.response["version"], version_now(), "the version written")
-        self.assert_log(applied, [RESTARTING, Waits(WAITING_TO_STOP), Waits(WAITING_TO_RESPOND)],
-                        "the apply")
-        self.assertEqual(harness.psql("SHOW work_mem"), "1GB")
-        second = self.running_server()
-        self.assertNotEqual(second, first, "the server restarted")
-
-        written = job_file_bytes()
-        for how in ((), ("--direct",)):
-            again = self.velnor(*how, "settings", "--apply", "work_mem=1048576kB",
-                                "log_statement=ddl")
-            self.assertFalse(again.response["changed"], f"1048576kB is 1GB to the server {how}")
-            self.assertFalse(by_name(again)["work_mem"]["differs"], f"{how}")
-            self.assertEqual(again.log, [], f"no restart {how}")
-            self.assertEqual(job_file_bytes(), written, f"nothing written {how}")
-            self.assertEqual(self.running_server(), second, f"the same server runs {how}")
-        self.assertEqual(self.velnor("--direct", "settings", "--plan", "work_mem=1GB")
-                         .response["version"], applied.response["version"],
-                         "the same version in this process as through velnord")
-
-    @sandbox("--initdb", "--socket-dir", "--log-dir")
-    def test_a_refused_value_writes_nothing(self):
-        """One value the server refuses: the apply writes none of the others, restarts nothing, and
-        tells the server's own words."""
-        self.assert_started(self.velnor("start"))
-        server, before = self.running_server(), job_file_bytes()
-        refused = self.host("settings", "--apply", "work_mem=2MB", "shared_buffers=lots")
-        self.assertEqual(refused.status, 1, refused.stderr)
-        self.assertFalse(refused.response["changed"])
-        self.assertEqual(by_name(refused)["shared_buffers"]["serverSays"],
-                         'FATAL:  invalid value for parameter "shared_buffers": "lots"',
-                         "the server's message, without its log line prefix")
-        self.assertIn('velnor: could not apply "shared_buffers=lots": the server refuses it: FATAL:  '
-                      'invalid value for parameter "shared_buffers"', refused.stderr)
-        self.assertEqual((job_file_bytes(), self.running_server(), refused.log), (before, server, []),
-                         "nothing written, nothing restarted")
-        deep = by_name(self.host("settings", "--plan", "max_stack_depth=100GB"))["max_stack_depth"]
-        self.assertEqual([line.split(":")[0] for line in deep["serverSays"].splitlines()],
-                         ["FATAL", "DETAIL", "HINT"], "each line of the message from its severity")
-
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_job_file_changed_since_the_plan_refuses_the_apply(self):
         """Two administrators: the second one's apply, planned before the first one wrote, is

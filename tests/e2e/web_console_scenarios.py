@@ -15,7 +15,6 @@ import socket
 import ssl
 import subprocess
 import sys
-import tempfile
 import urllib.parse
 
 sys.dont_write_bytecode = True
@@ -230,28 +229,6 @@ class WebConsole(harness.ScenarioCase):
                 self.assertIsNone(answer.getheader("Access-Control-Allow-Origin"), what)
         self.assertIsNone(harness.postmaster(), "no refused action started the server")
 
-    @sandbox()
-    def test_a_strangers_wrong_tokens_never_keep_root_out(self):
-        token, _ = self.start_console()
-        nobody = pwd.getpwnam("nobody").pw_uid
-        stranger = subprocess.Popen(
-            harness.as_user(nobody, [harness.PYTHON, "-c", STRANGER, str(self.port), "4",
-                                     str(harness.WAIT_SECONDS), str(harness.POLL_SECONDS)]),
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-        self.addCleanup(lambda: stranger.poll() is None and (stranger.kill(), stranger.wait()))
-        said = stranger.stdout.readline().split()
-        self.assertEqual(said[0], "refused", f"nobody sent wrong tokens until refused: {said}")
-        answer = self.request("GET", f"/?token={token}")
-        self.assertEqual(answer.status, 303, "root's right token gets in while nobody is refused")
-        self.assertEqual(self.request("GET", f"/?token={WRONG_TOKEN}").status, 403,
-                         "root's own wrong token is weighed against root's count, not nobody's")
-        page = self.request("GET", "/", {"Cookie": answer.getheader("Set-Cookie").split(";")[0]})
-        self.assertEqual(page.status, 200, "root's session opens the page")
-        stranger.stdin.write("\n")
-        stranger.stdin.flush()
-        self.assertEqual(stranger.stdout.readline().strip(), "429",
-                         "nobody's next wrong token, on a new connection, is still refused")
-
     # With its folders in place, no idle tick starts the server.
     @sandbox("--initdb", "--socket-dir", "--log-dir")
     def test_an_account_logs_in_with_its_password_and_out(self):
@@ -398,57 +375,6 @@ class WebConsole(harness.ScenarioCase):
         token = url.strip().split("token=")[1]
         self.assertEqual(self.request("GET", f"/?token={token}").status, 303, "and its token works")
 
-    @sandbox("--initdb", "--socket-dir", "--log-dir")
-    def test_a_session_left_unused_ends(self):
-        token, _ = self.start_console(extra=("--web-idle-timeout", "2"))
-        session = {"Cookie": self.request("GET", f"/?token={token}").getheader("Set-Cookie")
-                   .split(";")[0]}
-        # The open feed is no use of the session: it ends when the session does, at the first
-        # event (each idle tick's) after it.
-        feed = http.client.HTTPConnection("127.0.0.1", self.port, timeout=harness.WAIT_SECONDS)
-        feed.request("GET", "/api/events", headers=session)
-        answer = feed.getresponse()
-        self.assertEqual(answer.status, 200, "the feed opens")
-        while answer.read1(65536):
-            pass
-        feed.close()
-        self.assertEqual(self.request("GET", "/api/snapshot", session).status, 401,
-                         "the session ended, unused for the idle timeout")
-
-    @sandbox()
-    def test_the_administrators_certificate_is_used_only_when_roots_alone(self):
-        address = network_address()
-        os.makedirs(os.path.dirname(ADMIN_KEY))
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                        "ec_paramgen_curve:P-256", "-nodes", "-days", "30", "-subj",
-                        f"/CN={address}", "-keyout", ADMIN_KEY, "-out", ADMIN_CERTIFICATE],
-                       check=True, capture_output=True)
-        digest = subprocess.run(["openssl", "x509", "-noout", "-fingerprint", "-sha256", "-in",
-                                 ADMIN_CERTIFICATE], capture_output=True, text=True,
-                                check=True).stdout.strip().split("=")[1]
-        nobody = pwd.getpwnam("nobody").pw_uid
-        rows = [  # what, owner of the key, its mode, what velnord says
-            ("root's alone", 0, 0o600, None),
-            ("readable by others", 0, 0o644, "it is not a file of root's alone"),
-            ("nobody's", nobody, 0o600, f'"{ADMIN_KEY}" is owned by an account other than root'),
-        ]
-        for what, owner, mode, refusal in rows:
-            with self.subTest(what), tempfile.TemporaryFile("w+") as log:
-                os.chown(ADMIN_KEY, owner, 0)
-                os.chmod(ADMIN_KEY, mode)
-                forget_console()
-                daemon = self.start_daemon(harness.free_port(), log, address)
-                if refusal is None:
-                    harness.wait_until(lambda: os.path.exists(ADDRESS_FILE), "velnord serves TLS")
-                    printed = subprocess.run([self.host.velnor, "web-url"], capture_output=True,
-                                             text=True, check=True).stdout
-                    self.assertIn(f"certificate SHA-256 fingerprint: {digest}\n", printed, what)
-                else:
-                    wait_for_log(log, f'the web console is off: could not trust "{ADMIN_KEY}": {refusal}')
-                    self.assertFalse(os.path.exists(MADE_KEY), "and made no certificate instead")
-                daemon.terminate()
-                self.assertEqual(daemon.wait(timeout=30), 0, "velnord stops")
-
     @sandbox()
     def test_no_other_listener_shares_the_console_port(self):
         _, daemon = self.start_console()
@@ -463,22 +389,6 @@ class WebConsole(harness.ScenarioCase):
         token, _ = self.start_console(self.port)
         self.assertEqual(self.request("GET", f"/?token={token}").status, 303,
                          "a restarted velnord has the console's port again at once")
-
-    @sandbox()
-    def test_a_taken_console_port_turns_the_console_off(self):
-        with reuse_port_listener() as holder, tempfile.TemporaryFile("w+") as log:
-            holder.settimeout(harness.WAIT_SECONDS)
-            holder.bind(("127.0.0.1", 0))
-            holder.listen()
-            port = holder.getsockname()[1]
-            self.start_daemon(port, log)
-            wait_for_log(log, f'the web console is off: could not listen on "127.0.0.1:{port}": '
-                              "Address already in use")
-            harness.wait_until(lambda: os.path.exists(CONTROL_SOCKET), "velnord serves")
-            self.velnor("status", status=3)
-            with socket.create_connection(("127.0.0.1", port), timeout=30):
-                accepted, _ = holder.accept()
-                accepted.close()
 
     # With its folders in place, the first idle tick has nothing to create, so nothing to restart.
     @sandbox("--initdb", "--socket-dir", "--log-dir")

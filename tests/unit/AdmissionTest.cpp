@@ -91,38 +91,6 @@ TEST(Admission, AnotherAccountMayOnlyNameAVerbAndPolkitDecidesOnItsAction) {
     }
 }
 
-TEST(Admission, EachVerdictIsToldInTheClientsWords) {
-    const AdmissionDecision start = admissionOf(kAlice, commandLine({"start"}));
-    PeerProcess running{kAlice, support::UniqueFd(pidfd_open(getpid(), 0)), 1};
-    ASSERT_TRUE(running.pidfd.valid());
-    PeerProcess ended{kAlice, {}, 1};
-    using Verdict = PolkitVerdict::Kind;
-    struct Case {
-        PolkitVerdict verdict;
-        const PeerProcess* peer;
-        const char* expected;
-    };
-    const Case cases[] = {
-        {{Verdict::Allowed, {}}, &running, "<allowed>"},
-        {{Verdict::Allowed, {}},
-         &ended,
-         "not allowed to start the service: the process that connected (pid 4242) has ended"},
-        {{Verdict::Refused, {}},
-         &running,
-         "not allowed to start the service: alice lacks org.velnor.postgres.operate"},
-        {{Verdict::NoPolkit, "no system bus: No such file or directory"},
-         &running,
-         "not allowed to start the service: velnord serves only root where polkit does not run, "
-         "and alice is not root (no system bus: No such file or directory)"},
-        {{Verdict::Failed, "Connection timed out"},
-         &running,
-         "not allowed to start the service: could not ask polkit: Connection timed out"},
-    };
-    for (const Case& row : cases) {
-        EXPECT_EQ(refusalFor(row.verdict, start, *row.peer).value_or("<allowed>"), row.expected);
-    }
-}
-
 TEST(Admission, OneAccountsConnectionsCannotCrowdOutRootOrTheOthers) {
     ConnectionCaps caps(ConnectionLimits{3, 4, 2});
     const uid_t alice = 1000;

@@ -97,50 +97,5 @@ TEST(SettingsApply, WritesOnlyWhatDiffersAndNothingWhenOneIsRefused) {
               (PlistDictionary{{"b", "new"}, {"c", "new"}}));
 }
 
-TEST(SettingsPlan, CommandLineAsksForAPlanOrAnApply) {
-    support::Result<Command> plan = parseCommandLine(std::vector<std::string_view>{
-        "settings", "--plan", "work_mem=1GB", "search_path=a=b", "work_mem=2GB"});
-    ASSERT_TRUE(plan) << plan.message();
-    ASSERT_TRUE(plan->settingsChange);
-    EXPECT_FALSE(plan->settingsChange->apply);
-    EXPECT_EQ(plan->operation, "readSettingsWithRequest") << "a plan only reads";
-    using Settings = std::vector<std::pair<std::string, std::string>>;
-    EXPECT_EQ(plan->settingsChange->settings,
-              (Settings{{"work_mem", "2GB"}, {"search_path", "a=b"}}))
-        << "a setting typed twice takes its last value, in its first place";
-
-    support::Result<Command> apply = parseCommandLine(std::vector<std::string_view>{
-        "--json", "settings", "--apply", "port=5433", "--expect-version", kVersion});
-    ASSERT_TRUE(apply) << apply.message();
-    EXPECT_TRUE(apply->settingsChange->apply);
-    EXPECT_EQ(apply->operation, "writeSettingsWithRequest");
-    EXPECT_EQ(apply->settingsChange->expectedVersion, kVersion);
-    EXPECT_FALSE(parseCommandLine(std::vector<std::string_view>{"settings", "--apply", "a=1"})
-                     ->settingsChange->expectedVersion);
-
-    // A version is 64 lowercase hex digits, as the job file's SHA-256 is written.
-    const std::string shorter = kVersion.substr(1), longer = kVersion + "a";
-    const std::string upper(64, 'A'), notHex = shorter + "g";
-    const std::vector<std::string_view> refused[] = {
-        {"settings", "--plan"},
-        {"settings", "--apply"},
-        {"settings", "--plan", "--apply", "a=1"},
-        {"settings", "--check", "--plan", "a=1"},
-        {"settings", "--plan", "a"},
-        {"settings", "--plan", "a=1", "--expect-version", kVersion},
-        {"settings", "--apply", "a=1", "--expect-version", ""},
-        {"settings", "--apply", "a=1", "--expect-version", "latest"},
-        {"settings", "--apply", "a=1", "--expect-version", shorter},
-        {"settings", "--apply", "a=1", "--expect-version", longer},
-        {"settings", "--apply", "a=1", "--expect-version", upper},
-        {"settings", "--apply", "a=1", "--expect-version", notHex},
-        {"settings", "a=1", "--expect-version", kVersion},
-    };
-    for (const auto& arguments : refused) {
-        support::Result<Command> result = parseCommandLine(arguments);
-        EXPECT_TRUE(!result && !result.message().empty()) << ::testing::PrintToString(arguments);
-    }
-}
-
 }  // namespace
 }  // namespace velnor::host
