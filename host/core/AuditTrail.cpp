@@ -163,7 +163,7 @@ Result<UniqueFd> openTrailFile(int folder, const std::string& path, struct stat*
 // The trail's folder, opened as root's alone and locked with operation (LOCK_EX to append,
 // LOCK_SH to read).
 Result<UniqueFd> lockedFolder(const std::string& path, int operation) {
-    Result<UniqueFd> folder = openStateFolder(path);
+    Result<UniqueFd> folder = openStateFolder(path, "audit folder");
     while (folder && flock(folder->get(), operation) != 0) {
         if (errno != EINTR) {
             return couldNot("lock", path, errno);
@@ -327,7 +327,7 @@ std::string AuditTrail::path() const {
 }
 
 Status AuditTrail::checkWritable() const {
-    Result<UniqueFd> folder = openStateFolder(folder_);
+    Result<UniqueFd> folder = openStateFolder(folder_, "audit folder");
     if (!folder) {
         return folder.failure();
     }

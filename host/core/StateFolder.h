@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <string_view>
 
 #include "Result.h"
 #include "RootFolder.h"
@@ -17,9 +18,10 @@ inline constexpr const char* kStateFolder = "/var/lib/velnor";
 inline constexpr mode_t kStateFolderMode = 0700;
 
 // The state folder at path (the real one unless a test says otherwise), created root's and 0700
-// when missing; fails as openRootOnlyFolder does.
-inline support::Result<support::UniqueFd> openStateFolder(const std::string& path = kStateFolder) {
-    return support::openRootOnlyFolder(path, "velnor state folder", kStateFolderMode);
+// when missing; fails as openRootOnlyFolder does, naming the folder as what it is used for.
+inline support::Result<support::UniqueFd> openStateFolder(
+    const std::string& path = kStateFolder, std::string_view name = "velnor state folder") {
+    return support::openRootOnlyFolder(path, name, kStateFolderMode);
 }
 
 }  // namespace velnor::host
