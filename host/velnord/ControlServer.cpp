@@ -425,12 +425,19 @@ int ControlServer::onFrameDeadline(sd_event_source*, std::uint64_t, void* which)
 
 // Reads the requests that have come whole and answers each, until one must wait for the worker
 // or the rest has not come yet.
+void ControlServer::tellMalformed() const {
+    if (malformed_) {
+        malformed_();
+    }
+}
+
 void ControlServer::readRequests(Connection& connection) {
     while (!connection.dead && !connection.busy && !connection.closing) {
         Result<std::optional<ReceivedFrame>> request =
             connection.reader.readAvailable(connection.socket.get());
         if (!request) {
             if (request.error() == EPROTO) {
+                tellMalformed();
                 sendThenClose(connection, errorReply(request.message()));
             } else {
                 connection.dead = true;
@@ -447,6 +454,7 @@ void ControlServer::readRequests(Connection& connection) {
 void ControlServer::answer(Connection& connection, ReceivedFrame& request) {
     const PlistValue* version = request.message.find("version");
     if (version == nullptr || version->asInteger() != kProtocolVersion) {
+        tellMalformed();
         sendThenClose(connection, errorReply("velnord speaks protocol version " +
                                              std::to_string(kProtocolVersion) + " only"));
         return;

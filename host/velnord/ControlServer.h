@@ -94,6 +94,10 @@ class ControlServer {
     // Rearms the stop deadline's timer; on the loop's thread.
     void setStopDeadline(std::optional<StopDeadline> deadline);
 
+    // Told, on the loop's thread, of every frame refused as malformed (not a whole request of
+    // this protocol); such frames are counted, not recorded, so a flood of them costs no flush.
+    void reportMalformedTo(std::function<void()> report) { malformed_ = std::move(report); }
+
   private:
     struct Connection;
     class LoopCallSink;
@@ -112,6 +116,7 @@ class ControlServer {
     void acceptConnections();
     void admit(support::UniqueFd socket);
     void readRequests(Connection& connection);
+    void tellMalformed() const;
     void answer(Connection& connection, ReceivedFrame& request);
     void serveRequest(Connection& connection, ReceivedFrame& request);
     void askPolkit(Connection& connection, ReceivedFrame& request, AdmissionDecision decision);
@@ -143,6 +148,7 @@ class ControlServer {
     std::optional<StopDeadline> stopDeadline_;
     std::uint64_t lastId_ = 0;
     RefusalReport report_;
+    std::function<void()> malformed_;
     ConnectionCaps caps_;
     std::unique_ptr<PolkitAuthority> polkit_;
     std::map<std::uint64_t, std::unique_ptr<Connection>> connections_;

@@ -309,6 +309,7 @@ int serve(const Options& options, const std::optional<ActivatedSocket>& activate
     support::Status served = created.ok() ? support::Status() : support::Status(created.failure());
     if (created) {
         server = created->get();
+        server->reportMalformedTo([&metrics] { metrics.requestRefused(RefusalReason::Malformed); });
         notice.ready();
         served = server->serve();
     }

@@ -159,14 +159,16 @@ class Metrics(harness.ScenarioCase):
         with open(os.path.join(LOAD_FOLDER, "org.postgresql.postgres.plist"), "wb") as out:
             plistlib.dump({**job, "RunAtLoad": True}, out)
         self.start_daemon(interval=600)
-        self.assertEqual(self.scrape()['velnor_service_starts_total{cause="at load"}'], 1)
+        self.wait_for_sample('velnor_service_starts_total{cause="at load"}', 1)
         harness.wait_until(harness.answers, "the server started at load answers")
         began = time.monotonic()
         self.assertEqual(self.velnor("stop", status=1).response,
                          {"error": "CANNOT_STOP_SERVICE_TIMEOUT_ERR"}, "the server still answers")
         self.wait_for_sample('velnor_service_stops_total{cause="stop deadline"}', 1)
         took = time.monotonic() - began
-        self.assertTrue(EXIT_TIME_OUT <= took < EXIT_TIME_OUT + 1.5, f"killed after {took:.1f} s")
+        # The next idle tick is ten minutes away: a kill within seconds of the deadline is the
+        # deadline's own, however loaded the machine.
+        self.assertTrue(EXIT_TIME_OUT <= took < EXIT_TIME_OUT + 10, f"killed after {took:.1f} s")
         samples = self.scrape()
         for name, value in [('velnor_service_stops_total{cause="operator"}', 1),
                             ('velnor_service_stop_failures_total{code="CANNOT_STOP_SERVICE_TIMEOUT_ERR"}', 1),

@@ -354,8 +354,9 @@ class Permissions(harness.ScenarioCase):
         print(f"root's velnor status, median of {runs}: {alone * 1000:.1f} ms alone, "
               f"{beside * 1000:.1f} ms with 200 idle connections of another account open")
         self.assertEqual((refused, kept), (192, 8), "an account keeps 8 connections; the rest are told")
-        # A few milliseconds, and room for a loaded machine.
-        self.assertLess(beside - alone, 0.025, "root's status waits for no one")
+        # Waiting on another account's connections would cost their frame deadline, seconds; the
+        # bound leaves room for a loaded machine under the sanitizers, and the figure is printed.
+        self.assertLess(beside - alone, 0.25, "root's status waits for no one")
 
 
 if __name__ == "__main__":
