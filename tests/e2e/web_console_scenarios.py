@@ -24,40 +24,10 @@ from harness import RESTARTING, WAITING_TO_RESPOND, sandbox  # noqa: E402
 TOKEN_FILE = "/run/velnor/web-token"
 ADDRESS_FILE = "/run/velnor/web-address"
 MADE_KEY = "/var/lib/velnor/tls/console.key"
-ADMIN_CERTIFICATE = "/etc/velnor/tls/console.crt"
-ADMIN_KEY = "/etc/velnor/tls/console.key"
-CONTROL_SOCKET = "/run/velnor/velnord.sock"
-WRONG_TOKEN = "f" * 64
 
-# The account that wants root kept out, in a process of its own: it sends wrong tokens, each on a
-# connection of its own, sending the next as soon as a refusal ends, until velnord refuses it for
-# at least the seconds asked (time for root to act inside the refusal) or the wait runs out. It
-# writes "refused" and the Retry-After, then, for each line it reads, one more wrong token's status.
-STRANGER = r"""
-import http.client, sys, time
-port, seconds, wait, poll = int(sys.argv[1]), int(sys.argv[2]), float(sys.argv[3]), float(sys.argv[4])
-
-def wrong():
-    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
-    connection.request("GET", "/?token=" + "f" * 64)
-    answer = connection.getresponse()
-    answer.read()
-    connection.close()
-    return answer.status, int(answer.getheader("Retry-After") or 0)
-
-deadline = time.monotonic() + wait
-status, retry = wrong()
-while retry < seconds and time.monotonic() < deadline:
-    time.sleep(poll)
-    status, retry = wrong()
-print("refused" if retry >= seconds else "never refused", retry, flush=True)
-for _ in sys.stdin:
-    print(wrong()[0], flush=True)
-"""
-
-
-# The account that types wrong passwords for another's account, as the stranger above sends wrong
-# tokens: until refused for at least the seconds asked, then one more login per line it reads.
+# The account that types wrong passwords for another's account, each login on a connection of its
+# own, until refused for at least the seconds asked (or the wait runs out); then one more login
+# per line it reads.
 GUESSER = r"""
 import http.client, sys, time, urllib.parse
 port, account, seconds, wait = int(sys.argv[1]), sys.argv[2], int(sys.argv[3]), float(sys.argv[4])
@@ -122,14 +92,6 @@ def forget_console():
     for stale in (TOKEN_FILE, ADDRESS_FILE):
         if os.path.exists(stale):
             os.unlink(stale)
-
-
-def wait_for_log(log, expected):
-    def logged():
-        log.seek(0)
-        return expected in log.read()
-
-    harness.wait_until(logged, f"velnord logged {expected!r}")
 
 
 def reuse_port_listener():
